@@ -1,0 +1,37 @@
+# Compiler settings shared by every target, and the one function that declares a layer.
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+find_package(Threads REQUIRED)
+find_package(cJSON REQUIRED)
+
+add_library(valtor_options INTERFACE)
+target_compile_options(valtor_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
+  $<$<BOOL:${VALTOR_WERROR}>:-Werror>
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>)
+target_compile_definitions(valtor_options INTERFACE _GNU_SOURCE
+  $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+target_include_directories(valtor_options INTERFACE "${CMAKE_SOURCE_DIR}/src")
+target_link_libraries(valtor_options INTERFACE Threads::Threads)
+
+if(VALTOR_SANITIZE)
+  add_compile_options(-fsanitize=${VALTOR_SANITIZE} -fno-sanitize-recover=all
+                      -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${VALTOR_SANITIZE})
+  # gcc's thread sanitizer warns about fences it cannot see, in the standard library too.
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    add_compile_options($<$<STREQUAL:${VALTOR_SANITIZE},thread>:-Wno-tsan>)
+  endif()
+endif()
+
+# valtor_layer(<name> DEPENDS <lower layers and libraries> SOURCES <files>)
+# One static library per layer. What a layer may include is what it links, nothing else.
+function(valtor_layer name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS;SOURCES" ${ARGN})
+  add_library(${name} STATIC ${ARG_SOURCES})
+  target_link_libraries(${name} PUBLIC valtor_options ${ARG_DEPENDS})
+endfunction()

@@ -1,0 +1,54 @@
+#include "app/util/Console.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <ctime>
+#include <sys/time.h>
+
+namespace valtor {
+
+namespace {
+
+// Holds the stream's own recursive lock, so that several writes come out as one.
+class StreamLock {
+ public:
+  explicit StreamLock(FILE* stream) : stream_(stream) { flockfile(stream_); }
+  ~StreamLock() { funlockfile(stream_); }
+  StreamLock(const StreamLock&) = delete;
+  StreamLock& operator=(const StreamLock&) = delete;
+
+ private:
+  FILE* stream_;
+};
+
+}  // namespace
+
+void initConsole() { setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); }
+
+std::string formatLogTimestamp(long seconds, long microseconds) {
+  const time_t time = seconds;
+  std::tm local{};
+  localtime_r(&time, &local);
+  char clock[64] = "";
+  std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
+  char prefix[64] = "";
+  std::snprintf(prefix, sizeof prefix, "%s.%03ld\t", clock, microseconds / 1000);
+  return prefix;
+}
+
+void printLogTimestamp() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  std::fputs(formatLogTimestamp(now.tv_sec, now.tv_usec).c_str(), stdout);
+}
+
+void traceLine(const char* format, ...) {
+  const StreamLock lock(stdout);
+  printLogTimestamp();
+  va_list arguments;
+  va_start(arguments, format);
+  std::vfprintf(stdout, format, arguments);
+  va_end(arguments);
+}
+
+}  // namespace valtor

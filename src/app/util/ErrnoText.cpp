@@ -1,0 +1,18 @@
+#include "app/util/ErrnoText.h"
+
+#include <cstring>
+
+namespace valtor {
+
+std::string errnoText(int error) {
+  char buffer[256] = "";
+  // The GNU form returns the text, in the buffer or in storage that never changes (strerror(3)).
+  return strerror_r(error, buffer, sizeof buffer);
+}
+
+std::string quotedForLog(const char* text) {
+  constexpr std::size_t kLimit = std::size_t{64} * 1024;
+  return std::string(text, strnlen(text, kLimit));
+}
+
+}  // namespace valtor

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <string>
+
+namespace valtor {
+
+// The system's text for an errno value, as strerror gives it. Any thread may call it.
+std::string errnoText(int error);
+
+// At most 64 KiB of a payload, for a log line that quotes it: a larger datagram is refused by the
+// log socket and the whole line would be lost.
+std::string quotedForLog(const char* text);
+
+}  // namespace valtor

@@ -1,0 +1,47 @@
+#include "app/util/OwnedJSON.h"
+
+#include <utility>
+
+namespace valtor {
+
+OwnedJSON::OwnedJSON(cJSON* item) : OwnedJSON(JSONPtr(item)) {}
+
+OwnedJSON::OwnedJSON(JSONPtr item)
+    : item_(item ? std::move(item) : JSONPtr(cJSON_CreateObject())) {}
+
+OwnedJSON parseJSON(const std::string& text) { return OwnedJSON(cJSON_Parse(text.c_str())); }
+
+std::string printJSON(const cJSON* item, bool formatted) {
+  if (item == nullptr) {
+    return {};
+  }
+  struct TextDeleter {
+    void operator()(char* text) const { cJSON_free(text); }
+  };
+  const std::unique_ptr<char, TextDeleter> text(formatted ? cJSON_Print(item)
+                                                          : cJSON_PrintUnformatted(item));
+  return text ? std::string(text.get()) : std::string();
+}
+
+const char* stringMember(const cJSON* object, const char* name) {
+  return cJSON_GetStringValue(cJSON_GetObjectItem(object, name));
+}
+
+const cJSON* arrayMember(const cJSON* object, const char* name) {
+  const cJSON* member = cJSON_GetObjectItem(object, name);
+  return cJSON_IsArray(member) ? member : nullptr;
+}
+
+void addMember(cJSON* object, const char* name, JSONPtr item) {
+  if (item && cJSON_AddItemToObject(object, name, item.get())) {
+    item.release();
+  }
+}
+
+void addElement(cJSON* array, JSONPtr item) {
+  if (item && cJSON_AddItemToArray(array, item.get())) {
+    item.release();
+  }
+}
+
+}  // namespace valtor

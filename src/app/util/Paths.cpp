@@ -1,0 +1,28 @@
+#include "app/util/Paths.h"
+
+namespace valtor {
+
+namespace {
+
+Paths makePaths(const std::string& prefix) {
+  Paths made;
+  made.databaseDirectory = prefix + "/vorn/app/pella/node/userdata/databases/";
+  made.containerDirectory = prefix + "/vorn/etc/active_connectionPoint";
+  made.incomingClientDirectory = prefix + "/tmp/connections/";
+  made.hostAddressFile = prefix + "/sys/class/net/eth0/address";
+  return made;
+}
+
+// Never destroyed: threads may still read a path while the process exits.
+Paths& storage() {
+  static Paths& instance = *new Paths(makePaths(VALTOR_PATH_PREFIX));  // NOLINT(*-owning-memory)
+  return instance;
+}
+
+}  // namespace
+
+const Paths& paths() { return storage(); }
+
+void setPathPrefix(const std::string& prefix) { storage() = makePaths(prefix); }
+
+}  // namespace valtor
