@@ -1,0 +1,188 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "app/util/Mutex.h"
+#include "app/util/OwnedJSON.h"
+#include "bus/BusLink.h"
+#include "bus/IPellInternalClient.h"
+#include "bus/PellInternalStreamParser.h"
+#include "bus/ReceiveQueue.h"
+
+namespace valtor {
+
+class ConnectionPointPhy;
+class PellInternalClientMsgQThread;
+class PellInternalClientRxThread;
+
+// One connection to a bus node: it connects, logs in, subscribes, sends, and owns two threads. The
+// receive thread keeps the link up and reads it; the message-queue thread cuts what was read into
+// messages and calls onMessage for each, in order.
+//
+// A client is idle (no threads), running, or closing. connect() makes an idle client run, close()
+// and disconnect() make it idle again; connect() may follow at once. While it runs the receive
+// thread reconnects after every loss, and every new link starts with the login and the whole
+// subscription list. Messages sent while the link is down are dropped with a warning.
+//
+// Any thread may send, subscribe and ask for the state. connect, close, disconnect and destruction
+// are the owner's, one at a time (a life-cycle lock serialises them); close from one of the
+// client's own threads only asks the threads to end. No thread of the client takes the life-cycle
+// lock. Every most-derived class calls stopForDestruction() first thing in its destructor, since
+// the threads call its virtual operations until then.
+class PellInternalClient : public IPellInternalClient {
+ public:
+  // Times that tests shorten. Set before connect().
+  struct Timing {
+    // The least time between the starts of two attempts of the receive thread.
+    std::chrono::microseconds reconnectDelay{1000000};
+    // The longest that an attempt of the receive thread waits for the connection.
+    std::chrono::milliseconds attempt{3000};
+    // The same for the owner's attempt in connect().
+    std::chrono::milliseconds ownerAttempt{3000};
+    // Traffic that arrives later than this after the last keep-alive triggers one.
+    std::chrono::microseconds keepAlive{20999999};
+    // The socket's receive time-out; 0 is none. Ten of them in a row end the link.
+    std::chrono::milliseconds receiveTimeout{0};
+  };
+
+  static constexpr int kDefaultSendRetryBudget = 100;
+
+  // The host is a name or an IPv4 address of the bus node, the port 1 to 65535. The name is the
+  // client's own on the bus. A budget of n lets a frame meet 10 n times a full socket before its
+  // sending is given up. Sends nothing.
+  PellInternalClient(std::string host, int32_t port, std::string name,
+                     int32_t sendRetryBudget = kDefaultSendRetryBudget);
+  PellInternalClient();
+  ~PellInternalClient() override;
+  PellInternalClient(const PellInternalClient&) = delete;
+  PellInternalClient& operator=(const PellInternalClient&) = delete;
+
+  // Sends the message with this client's connection id as its source; the message itself stays as
+  // it is. Blocks at most for the send retry budget.
+  int sendMessage(const PellInternalMessage& message) override;
+  void subscribe(const std::string& path) override;
+  virtual std::string getName();
+  // close() with the reason "disconnect" for the state's hook.
+  virtual void disconnect();
+  // The connection id that the client announces at login.
+  virtual int getConnID() = 0;
+  // Whether the bus is the controller's own.
+  virtual bool isLocalBusClient();
+  virtual bool isConnected();
+  // Answers the module-ready query. Derived classes call it first.
+  int onMessage(const PellInternalMessage& message) override;
+  // Called after every change of the connection state (1 connected, 0 not), on the thread that
+  // changed it, without any lock of the link.
+  virtual void onConnectionStateChanged(int state, const std::string& reason);
+  // The "param" of the login. May take locks of the derived class; called with no lock of the link.
+  virtual JSONPtr buildLoginParameters();
+  // Stores the state, then calls onConnectionStateChanged.
+  virtual void setConnectionState(int state, const std::string& reason);
+
+  // For the owner. 0 when the link stands, else -1; the receive thread keeps trying in both cases.
+  // An idle client makes one short attempt and then starts its threads; a running one only reports.
+  // Without a usable endpoint (no host, or a port outside 1 to 65535) nothing is started and the
+  // answer is -1, with one warning. A host that cannot be resolved stops the process.
+  int connect();
+  // Sends the message as it is. 0 when sent or dropped because the link is down, -1 on failure.
+  int sendConstMessage(const PellInternalMessage& message);
+  // Blocks until both threads have ended, by close() or otherwise. Returns at once on an idle
+  // client.
+  void waitTillComplete();
+  // Ends the link and both threads, empties the queue, and waits for all of it.
+  void close();
+
+  // Appends the path unless it is listed. True when it was appended. Sends nothing.
+  bool addSubscription(const std::string& path);
+  // Removes every entry equal to the path. Sends nothing.
+  void removeSubscription(const std::string& path);
+  std::vector<std::string> subscriptions() const;
+
+  void sendLogin();
+  void sendSubscriptions(const std::vector<std::string>& paths);
+  // The first call sends the module-ready notification; later ones do nothing.
+  void sendModuleReady();
+
+  // Takes over host and port of a "tcp" phy for the next attempt; false, and nothing changes, for
+  // any other kind.
+  bool setEndpointFromPhy(const ConnectionPointPhy& phy);
+  // The endpoint of the next attempt. Any thread.
+  void setEndpoint(const std::string& host, int32_t port);
+  std::string host() const;
+  int32_t port() const;
+
+  // Set before connect().
+  void setTiming(const Timing& timing) { timing_ = timing; }
+  const Timing& timing() const { return timing_; }
+  void setReceiveAll(bool receiveAll) { receiveAll_ = receiveAll; }
+
+ protected:
+  // Ends the link and both threads like close(), with the destructor's log lines. A second call
+  // does nothing.
+  void stopForDestruction();
+
+  // Whether the owner is closing the client, or has. Derived onMessage operations that block ask
+  // it.
+  bool isClosing() const { return link_.isClosing(); }
+  // Called when closing begins, to wake whatever a derived onMessage waits for.
+  virtual void onClosing();
+
+ private:
+  friend class PellInternalClientMsgQThread;
+  friend class PellInternalClientRxThread;
+
+  struct Endpoint {
+    std::string host;
+    int32_t port = 0;
+  };
+
+  // One attempt to connect, log in and subscribe. 0 or -1. Waits at most this long.
+  int attemptConnection(std::chrono::milliseconds longest);
+  bool sendFirstFrames(class UniqueDescriptor socket);
+  void startThreads() VALTOR_REQUIRES(lifecycle_);
+  void closeAs(const char* reason);
+  void stopThreads(const char* reason) VALTOR_REQUIRES(lifecycle_);
+  bool isOwnThread() const;
+  Endpoint endpoint() const;
+  int sendEncoded(const std::string& payload);
+  void deliver(std::vector<PellInternalMessage> messages);
+  void dispatch(const PellInternalMessage& message);
+  JSONPtr moduleReadyObject();
+  // Sleeps at most this long; ends early when the client is closing.
+  void sleepUnlessClosing(std::chrono::microseconds time);
+  void threadStarted();
+  void threadEnded();
+
+  Timing timing_;
+  bool receiveAll_ = false;
+  const int32_t sendRetryBudget_;
+  PellInternalStreamParser parser_;  // driven by the message-queue thread only
+  const std::string name_;
+  std::atomic<bool> moduleReady_{false};
+  std::atomic<bool> stopped_{false};  // stopForDestruction() has run
+
+  mutable Mutex lifecycle_;
+  std::unique_ptr<PellInternalClientRxThread> rxThread_ VALTOR_GUARDED_BY(lifecycle_);
+  std::unique_ptr<PellInternalClientMsgQThread> msgQThread_ VALTOR_GUARDED_BY(lifecycle_);
+
+  BusLink link_;
+  ReceiveQueue queue_;
+
+  mutable Mutex endpointLock_;
+  Endpoint endpoint_ VALTOR_GUARDED_BY(endpointLock_);
+
+  mutable Mutex subscriptionLock_;
+  std::vector<std::string> subscriptions_ VALTOR_GUARDED_BY(subscriptionLock_);
+
+  Mutex threadsLock_;
+  std::condition_variable_any threadsChanged_;
+  int threadsAlive_ VALTOR_GUARDED_BY(threadsLock_) = 0;
+};
+
+}  // namespace valtor

@@ -1,0 +1,161 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "app/util/OwnedJSON.h"
+
+namespace valtor {
+
+// The kinds of bus messages. The number is the index in the table of names; the name is what
+// travels.
+enum class MessageKind : int32_t {
+  CMD = 0,
+  CMDRSP = 1,
+  CMDNOT = 2,
+  RSP = 3,
+  NOT = 4,
+  ACK = 5,
+  NAK = 6,
+  GET = 7,
+  SET = 8,
+  DEL = 9,
+  UPDATE = 10,
+  Unknown = 11,
+};
+
+// The name of a kind; "" for Unknown and for anything outside the table.
+const char* kindName(MessageKind kind);
+// The kind of a name, compared exactly; Unknown when no kind has it.
+MessageKind kindFromName(std::string_view name);
+
+// A new process-wide unique message identifier: a counter from 0, "@", and the host identity (the
+// process id, ".", and the hardware address of eth0 without colons; "*" when that cannot be read).
+// Any thread may call it.
+std::string nextMessageIdentifier();
+
+// The parts of a path between "."; a path without one is its own only part.
+std::vector<std::string> elementsOfPath(const std::string& path);
+
+// Makes the host identity be read again at the next identifier and the counter start from 0. For
+// tests only; no other thread may build messages meanwhile.
+void resetMessageIdentifiersForTest();
+
+// What a message says about itself before its body.
+class PellInternalHeader {
+ public:
+  virtual ~PellInternalHeader() = default;
+  PellInternalHeader() = default;
+  PellInternalHeader(const PellInternalHeader&) = default;
+  PellInternalHeader(PellInternalHeader&&) = default;
+  PellInternalHeader& operator=(const PellInternalHeader&) = default;
+  PellInternalHeader& operator=(PellInternalHeader&&) = default;
+
+  MessageKind kind = MessageKind::Unknown;
+  int32_t sourceConnID = 0;  // connection id of the sending client; 0 until the message is sent
+  int32_t destConnID = 0;    // connection id of the addressee; 0 for requests and notifications
+  std::string path;          // the object path, such as "system.connection"
+  timespec scheduledTime{};  // both parts 0: not scheduled
+  std::vector<std::string> pathElements;  // filled by PellInternalMessage::splitPath
+  std::string sourceName;                 // text after "@" of a string-valued source element
+  std::string destName;                   // the same of the destination element
+};
+
+// One message of the bus: header and JSON body. It owns its body tree and the payload it was
+// decoded from. Movable, not copyable; a moved-from message is empty. One thread at a time uses a
+// message; the operations marked const may still parse the body into a cache of the object.
+//
+// A received body is handed on as the bytes that were received: white space, number spelling and
+// big integers included. Whoever only looks at a message reads viewBody(), which leaves encode()
+// alone; after getBody() the message renders its tree instead.
+class PellInternalMessage {
+ public:
+  // A new message with a new identifier and the body {"id": identifier}; connection ids 0.
+  PellInternalMessage(MessageKind kind, std::string path);
+  // The same with a given addressee and identifier, as answers use it.
+  PellInternalMessage(MessageKind kind, std::string path, int32_t destConnID,
+                      std::string identifier);
+  // Takes over a finished body, an object, and appends a new identifier to it as "id". Without a
+  // body, one is made.
+  PellInternalMessage(MessageKind kind, std::string path, JSONPtr body);
+  // Decodes a received payload: a buffer with a NUL behind the text; the text ends at the first
+  // NUL. Never throws: what cannot be decoded is logged and leaves isDecoded() false.
+  explicit PellInternalMessage(std::unique_ptr<char[]> payload);
+  // Decodes a payload held in a vector whose last byte should be NUL; when it is not, that is said
+  // on standard error and one is appended. Throws std::runtime_error with
+  // "Error Parsing PellinternalMessage" when the header does not decode.
+  explicit PellInternalMessage(std::vector<char> payload);
+
+  virtual ~PellInternalMessage();
+  PellInternalMessage(PellInternalMessage&& other) noexcept;
+  PellInternalMessage& operator=(PellInternalMessage&& other) noexcept;
+  PellInternalMessage(const PellInternalMessage&) = delete;
+  PellInternalMessage& operator=(const PellInternalMessage&) = delete;
+
+  // The payload text: the header line, written anew from its fields, and the body. A header line
+  // longer than 255 characters is cut there and that is logged as a warning.
+  virtual std::string encode() const;
+  // True for CMD, CMDRSP and CMDNOT.
+  virtual bool isCommand() const;
+
+  // encode() with another source connection id in the header line.
+  std::string encodeFrom(int32_t sourceConnID) const;
+  // The header line as encode() writes it, with its line feed unless it was cut. Logs nothing.
+  std::string headerLine() const;
+
+  // False when the message was received and its header failed any rule, whatever its kind says.
+  bool isDecoded() const { return decoded_; }
+
+  MessageKind getKind() const { return header.kind; }
+  std::string getPath() const { return header.path; }
+  int32_t getDestConnID() const { return header.destConnID; }
+
+  // The message's own body tree, parsed from the received text on first use and kept; from then on
+  // encode() renders it. A JSON null when there is no text or it does not parse. Never null. The
+  // tree belongs to the message.
+  cJSON* getBody();
+  // A new tree parsed from the received text (or a copy of a built message's tree); the caller owns
+  // it. A JSON null when there is none or it does not parse.
+  JSONPtr parseBody() const;
+  // The body for whoever only looks: parsed at most once per message, kept beside the received
+  // text, never rendered by encode(). Never null; valid as long as the message.
+  const cJSON* viewBody() const;
+
+  // The undecoded body of a received message, or null.
+  const char* bodyText() const { return bodyText_; }
+
+  // The message identifier: the "id" of the body, "" when there is none.
+  std::string getUniqueId() const;
+  // The identifier as far as it is known already, without looking into the body.
+  const std::string& knownUniqueId() const { return uniqueId_; }
+  // The two integers of the body's "seq" when it is an array of exactly 2 elements, else 0 and 0.
+  std::pair<int, int> getSequence() const;
+  bool isScheduled() const;
+  // Appends elementsOfPath(path) to header.pathElements.
+  void splitPath();
+
+  PellInternalHeader header;
+
+ protected:
+  // The body tree of a built message, for the constructors of derived classes.
+  cJSON* builtBody() { return body_.get(); }
+
+ private:
+  void decode(char* payload);
+  std::string formatHeaderLine(int32_t sourceConnID, bool reportCut) const;
+
+  const char* bodyText_ = nullptr;     // points into rawBuffer_ or rawVector_
+  std::unique_ptr<char[]> rawBuffer_;  // the received payload, header line cut off in place
+  JSONPtr body_;                       // made at construction, or by getBody()
+  std::vector<char> rawVector_;        // owns the payload instead of rawBuffer_ when not empty
+  mutable std::string uniqueId_;       // cached copy of the body's "id"
+  mutable JSONPtr view_;               // what viewBody() parsed
+  bool decoded_ = true;
+};
+
+}  // namespace valtor

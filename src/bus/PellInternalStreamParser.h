@@ -1,0 +1,58 @@
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bus/PellInternalMessage.h"
+
+namespace valtor {
+
+// A payload in its frame: its length in ASCII decimal digits, ":", the payload, ";". The length
+// counts bytes.
+std::string frame(const std::string& payload);
+
+// Cuts an arbitrary byte stream back into messages, whatever the sizes of the reads, and hands them
+// on in batches. It recovers from every broken frame by looking for the next separator and says in
+// the log what it dropped; it never closes a connection. One per connection, driven by one thread
+// at a time; it takes no lock and the callback runs on the caller's thread.
+class PellInternalStreamParser {
+ public:
+  using MessageCallback = std::function<void(std::vector<PellInternalMessage>)>;
+
+  // The longest payload that is read, in bytes.
+  static constexpr int32_t kMaxPayload = 20'000'000;
+
+  virtual ~PellInternalStreamParser() = default;
+
+  // Consumes the bytes; returns 0. Then calls the callback once with every message that was
+  // finished, in order, if there is any and a callback is set.
+  int parse(const char* data, std::size_t length);
+
+  void setMessageCallback(MessageCallback callback) { callback_ = std::move(callback); }
+
+  // Forgets the frame being read. Finished messages were delivered already.
+  void reset();
+
+ private:
+  std::size_t readLength(const char* data, std::size_t length);
+  std::size_t readPayload(const char* data, std::size_t length);
+  void handleSeparator();
+  void handleCompleteMessage();
+
+  static constexpr int kHeaderCapacity = 64;
+
+  int32_t expectedLength_ = 0;
+  uint32_t receivedCount_ = 0;
+  std::unique_ptr<char[]> bodyBuffer_;  // none while a frame is skipped that could not be allocated
+  std::array<char, kHeaderCapacity> headerBytes_{};
+  int32_t headerCount_ = 0;
+  enum class State { Length, Payload } state_ = State::Length;
+  MessageCallback callback_;
+  std::vector<PellInternalMessage> finished_;
+};
+
+}  // namespace valtor
