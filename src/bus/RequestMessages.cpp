@@ -2,6 +2,8 @@
 
 #include <array>
 
+#include "router/RouteOperation.h"
+
 namespace valtor {
 
 namespace {
@@ -57,6 +59,19 @@ NOTMessage::NOTMessage(std::string path, const char* key, JSONPtr value, Form fo
 }
 
 NOTMessage::~NOTMessage() = default;
+
+CMDMessage::CMDMessage(const RouteOperation& operation, const char* key)
+    : CMDMessage(std::vector<RouteOperation>{operation}, key, operation.userID) {}
+
+CMDMessage::CMDMessage(const std::vector<RouteOperation>& operations, const char* key, int userID)
+    : PellInternalMessage(MessageKind::CMD, kRoutePath) {
+  JSONPtr rendered(cJSON_CreateArray());
+  for (const RouteOperation& operation : operations) {
+    addElement(rendered.get(), operation.toJSON());
+  }
+  addMember(builtBody(), key, std::move(rendered));
+  addMember(builtBody(), "userID", JSONPtr(cJSON_CreateNumber(userID)));
+}
 
 CMDMessage::CMDMessage(JSONPtr value, const char* key)
     : PellInternalMessage(MessageKind::CMD, kRoutePath) {
