@@ -50,8 +50,7 @@ class ConnectionPointManager : public AbstractConnectionPointManager {
   IPellInternalClient& busClient() const { return busClient_; }
 
  private:
-  std::unique_ptr<PellInternalMessage> buildDeviceConnectionAnswer(
-      const PellInternalMessage& message) const;
+  void answerDeviceConnections(const PellInternalMessage& message, ResponseList& responses) const;
   // Which interface answers a listing of device connections: "type.name", or "" for none.
   std::string interfaceText() const;
 
