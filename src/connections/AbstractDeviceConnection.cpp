@@ -19,9 +19,9 @@ DeviceConnectionDetails AbstractDeviceConnection::getDetails() const {
   return details_;
 }
 
-std::string AbstractDeviceConnection::getUniqueID() const { return getDetails().uniqueID; }
+std::string AbstractDeviceConnection::getUniqueID() const { return getDetails().getUniqueID(); }
 
-std::string AbstractDeviceConnection::getName() const { return getDetails().name; }
+std::string AbstractDeviceConnection::getName() const { return getDetails().getName(); }
 
 bool AbstractDeviceConnection::isOnline() const {
   const Locked lock(mutex_);

@@ -326,7 +326,7 @@ void ConnectionPoint::announceSeen(AbstractDeviceConnection& deviceConnection, b
 }
 
 bool ConnectionPoint::updateDeviceConnection(const DeviceConnectionDetails& details) {
-  const DevicePtr deviceConnection = findDeviceConnection(details.uniqueID);
+  const DevicePtr deviceConnection = findDeviceConnection(details.getUniqueID());
   if (!deviceConnection) {
     return false;
   }
@@ -377,7 +377,8 @@ void ConnectionPoint::removeAllDeviceConnections() {
 
 void ConnectionPoint::logOffline(const AbstractDeviceConnection& deviceConnection) {
   const DeviceConnectionDetails details = deviceConnection.getDetails();
-  syslog(LOG_INFO, "Device %s(%s) is offline.\n", details.name.c_str(), details.uniqueID.c_str());
+  syslog(LOG_INFO, "Device %s(%s) is offline.\n", details.getName().c_str(),
+         details.getUniqueID().c_str());
 }
 
 void ConnectionPoint::setDevicesOnline(bool online) {

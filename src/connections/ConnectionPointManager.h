@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "connections/AbstractConnectionPointManager.h"
-#include "connections/phy/ConnectionPointTCPServer.h"
+#include "connections/ConnectionPointTCPServer.h"
 #include "router/SupportedInterface.h"
 
 namespace valtor {

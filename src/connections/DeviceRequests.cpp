@@ -158,15 +158,15 @@ bool AbstractConnectionPointManager::applyDeviceConnections(const cJSON* array, 
   cJSON_ArrayForEach(element, array) {
     DeviceConnectionDetails details;
     details.loadFromJSON(element);
-    if (!details.isValid() || !isTypeSupported(details.type)) {
+    if (!details.isValid() || !isTypeSupported(details.getType())) {
       continue;
     }
     const std::shared_ptr<ConnectionPoint> connectionPoint =
-        findConnectionPoint(details.connectionPoint);
+        findConnectionPoint(details.getConnectionPoint());
     if (!connectionPoint) {
       continue;
     }
-    if (connectionPoint->hasDeviceConnection(details.uniqueID)) {
+    if (connectionPoint->hasDeviceConnection(details.getUniqueID())) {
       connectionPoint->updateDeviceConnection(details);
     } else {
       connectionPoint->addDeviceConnection(connectionPoint->createDeviceConnection(details),
