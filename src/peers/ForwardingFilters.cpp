@@ -42,8 +42,7 @@ bool isSystemMessageToKeep(const PellInternalMessage& message) {
   if (message.header.path != "system") {
     return false;
   }
-  if (message.header.sourceConnID != kControllerPanel ||
-      message.header.destConnID != kController) {
+  if (message.header.sourceConnID != kControllerPanel || message.header.destConnID != kController) {
     return true;
   }
   traceLine("Passed System Message: %s\n", printJSON(message.viewBody(), false).c_str());

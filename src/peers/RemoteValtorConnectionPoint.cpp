@@ -64,8 +64,8 @@ int RemoteValtorConnectionPoint::connect() {
 
 void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
                                              const std::string& uniqueID, const IPPhy& phy) {
-  const auto peer = std::make_shared<ValtorRouterPeerConnection>(phy.getIPAddress(), phy.getPort(),
-                                                                 getName());
+  const auto peer =
+      std::make_shared<ValtorRouterPeerConnection>(phy.getIPAddress(), phy.getPort(), getName());
   peer->setTiming(peers.peerTiming());
   peer->setUniqueID(uniqueID);
   peer->setForwarder(forwarder());
@@ -109,8 +109,7 @@ void RemoteValtorConnectionPoint::releasePeer() {
 
 std::shared_ptr<ValtorRouterPeerConnection> RemoteValtorConnectionPoint::ownPeer(
     const ValtorRouterPeerManager& peers) const {
-  auto peer =
-      std::dynamic_pointer_cast<ValtorRouterPeerConnection>(peers.findPeer(getUniqueID()));
+  auto peer = std::dynamic_pointer_cast<ValtorRouterPeerConnection>(peers.findPeer(getUniqueID()));
   if (peer == nullptr || !peer->isOwnedBy(*this)) {
     return nullptr;
   }

@@ -181,9 +181,7 @@ bool ValtorNodeConnectionPointManager::answerRead(const PellInternalMessage& mes
   return anyAnswered;
 }
 
-JSONPtr ValtorNodeConnectionPointManager::getInterfaceJSON() {
-  return JSONPtr(cJSON_CreateNull());
-}
+JSONPtr ValtorNodeConnectionPointManager::getInterfaceJSON() { return JSONPtr(cJSON_CreateNull()); }
 
 bool ValtorNodeConnectionPointManager::connectPeers() {
   for (const PeerPtr& peer : peers()) {
@@ -213,8 +211,7 @@ std::unique_ptr<DispatcherPeerClient> ValtorNodeConnectionPointManager::createPe
   return peer;
 }
 
-bool ValtorNodeConnectionPointManager::addOrUpdatePeer(
-    std::unique_ptr<DispatcherPeerClient> peer) {
+bool ValtorNodeConnectionPointManager::addOrUpdatePeer(std::unique_ptr<DispatcherPeerClient> peer) {
   if (!isSupportedType(peer->type())) {
     return false;
   }
