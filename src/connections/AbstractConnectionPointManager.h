@@ -2,10 +2,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "app/util/Mutex.h"
@@ -77,6 +80,8 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
 
   // A new connection point for a description, or none. The base makes none.
   virtual std::unique_ptr<ConnectionPoint> createConnectionPoint(const cJSON* item);
+  // The same for a description with a type that this manager serves; none for any other.
+  std::unique_ptr<ConnectionPoint> createSupported(const cJSON* item);
 
   // Takes the requests whose path begins with "device".
   bool handleMessage(const PellInternalMessage& message, ResponseList& responses) override;
@@ -122,6 +127,17 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   void addPhy(std::unique_ptr<ConnectionPointPhy> phy);
   void addSubtype(std::string subtype);
 
+  // The path's second element: the device that a request is addressed to, which may be empty. None
+  // when the path has one element only.
+  static std::optional<std::string> addressedDevice(const PellInternalMessage& message);
+  // The text of a string item; "" for any other.
+  static std::string_view textOf(const cJSON* item);
+  // Appends an answer with the status 200 and {name: value} as its "param".
+  static void answer(ResponseList& responses, const PellInternalMessage& message, const char* name,
+                     JSONPtr value);
+  // False, with a warning, when a request has got as many answers as one request may: a frame can
+  // repeat a name a million times.
+  static bool hasRoomForAnswer(const PellInternalMessage& message, const ResponseList& responses);
   // Offers the message to every connection point; whether any took it.
   bool offerDeviceParam(const std::string& uniqueID, const PellInternalMessage& message);
 
@@ -135,26 +151,34 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // How a "DEL" reads a name that does not say itself what it is the name of.
   enum class DeleteMode { None, ConnectionPoint, DeviceConnection };
 
-  bool store(std::unique_ptr<ConnectionPoint> connectionPoint);
+  JSONPtr renderSet(bool servers) const;
+  // The manager's object with its server connection points, in an array.
+  JSONPtr describeWithServers() const;
+
+  void store(std::shared_ptr<ConnectionPoint> connectionPoint);
+  static void refuse(std::unique_ptr<ConnectionPoint> connectionPoint);
+  std::shared_ptr<ConnectionPoint> findAndUnmark(const std::string& uniqueID);
+  void mergeConnectionPoints(const cJSON* array);
   void ensureCleanupThread();
   void sweepMarked();
   std::vector<std::shared_ptr<ConnectionPoint>> removeMarkedClients() VALTOR_REQUIRES(lock_);
+  bool handleDeviceConnections(const PellInternalMessage& message, ResponseList& responses,
+                               bool notifyNew);
   bool applyDeviceConnections(const cJSON* array, bool notifyNew);
-  void mergeConnectionPoints(const cJSON* array);
   bool deleteElement(const std::string& element, DeleteMode& mode);
   bool deleteConnectionPoint(const std::string& uniqueID);
   bool deleteDeviceConnection(const std::string& uniqueID);
   // Writes the container file.
   void saveDescription();
 
-  static constexpr uint32_t kMaxConnectionPoints = 20;
+  static constexpr std::size_t kMaxAnswers = 1000;  // to one request
 
   const std::string name_;
   const std::string type_;
   // These two do not change once the object is built.
   std::vector<std::string> subtypes_;
   std::vector<std::unique_ptr<ConnectionPointPhy>> phys_;
-  const uint32_t maxConnectionPoints_ = kMaxConnectionPoints;
+  const uint32_t maxConnectionPoints_ = 20;  // connected clients of our servers
 
   Mutex fileLock_;
   std::atomic<int32_t> lockFailures_{0};  // consecutive purges that found the lock taken
@@ -168,10 +192,5 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
 // is logged with the reason; the list is then empty. Throws nothing for a broken file.
 AbstractConnectionPointManager::ConnectionPointList loadConnectionPointsFromFile(
     AbstractConnectionPointManager& manager, const std::string& path);
-
-// Makes the folder of the incoming-client files, which end with "/", and opens it to everyone. A
-// folder that is a link, or belongs neither to root nor to this process's user, stays as it is.
-// Every failure is logged and nothing else happens.
-void prepareIncomingClientDirectory(const std::string& directory);
 
 }  // namespace valtor

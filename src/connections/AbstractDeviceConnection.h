@@ -4,7 +4,7 @@
 
 #include "app/util/Mutex.h"
 #include "app/util/OwnedJSON.h"
-#include "connections/phy/DeviceConnectionDetails.h"
+#include "connections/DeviceConnectionDetails.h"
 
 namespace valtor {
 

@@ -131,20 +131,23 @@ class ConnectionPoint : public AbstractJSONBackedData {
 
  private:
   using Phys = std::vector<std::unique_ptr<ConnectionPointPhy>>;
-  using DeviceConnections = std::map<std::string, std::shared_ptr<AbstractDeviceConnection>>;
+  using DevicePtr = std::shared_ptr<AbstractDeviceConnection>;
+  // By unique ID.
+  using DeviceConnections = std::map<std::string, DevicePtr>;
 
-  // What update() takes out of a description.
-  struct Description {
+  // What a description loses to the connection point that takes it over.
+  struct Identity {
     Phys phys;
-    std::string type;
-    std::string name;
     std::string uniqueID;
   };
 
   int loadPhys(const cJSON* item) VALTOR_REQUIRES(descriptionLock_);
-  Description takeDescription();
+  Identity takeIdentity();
   bool hasEqualPhys(const Phys& phys) const;
-  std::shared_ptr<AbstractDeviceConnection> findDeviceConnection(const std::string& uniqueID) const;
+  DevicePtr findDeviceConnection(const std::string& uniqueID) const;
+  // Cuts a device connection off from this object and renders it as gone.
+  static JSONPtr renderGone(AbstractDeviceConnection& deviceConnection);
+  static void logOffline(const AbstractDeviceConnection& deviceConnection);
 
   void applyOnline(bool online) VALTOR_REQUIRES(notificationLock_);
   void announceSeen(AbstractDeviceConnection& deviceConnection, bool notify)

@@ -32,6 +32,7 @@ class ConnectionPointCleanupThread : public MyThreadClass {
  private:
   void createSelfPipe();
   void destroySelfPipe();
+  int wakeUpDescriptor();
   // One purge; what it throws is logged, and the next pass tries again.
   void purge();
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "connections/AbstractConnectionPointManager.h"
-#include "connections/phy/ConnectionPointTCPServer.h"
+#include "connections/ConnectionPointTCPServer.h"
 #include "router/SupportedInterface.h"
 
 namespace valtor {
@@ -50,8 +50,7 @@ class ConnectionPointManager : public AbstractConnectionPointManager {
   IPellInternalClient& busClient() const { return busClient_; }
 
  private:
-  std::unique_ptr<PellInternalMessage> buildDeviceConnectionAnswer(
-      const PellInternalMessage& message) const;
+  void answerDeviceConnections(const PellInternalMessage& message, ResponseList& responses) const;
   // Which interface answers a listing of device connections: "type.name", or "" for none.
   std::string interfaceText() const;
 

@@ -10,8 +10,9 @@ namespace valtor {
 
 // The record of one TCP server on which external controllers connect: port, protocol and limits. It
 // opens no socket. A manager owns its records, tells them apart by type and protocol together, and
-// carries newly received descriptions over with isEqual and assign. A value without a lock: its
-// manager's lock guards it. The loader reports by its result only and logs nothing.
+// carries newly received descriptions over with isEqual and assign. A value without a lock: only
+// whoever handles its manager's requests touches it, one at a time. The loader reports by its
+// result only and logs nothing.
 class ConnectionPointTCPServer : public AbstractJSONBackedData {
  public:
   explicit ConnectionPointTCPServer(uint32_t port = 0, std::string protocol = "tcp");
