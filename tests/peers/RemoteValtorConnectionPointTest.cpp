@@ -84,7 +84,7 @@ TEST(RemoteValtorConnectionPoint, RemovalTakesThePeerWithIt) {
   routers.put("r", routerText("r", node));
   const auto link = node.accept();
   routers.bus.clear();
-  routers.manager->loadFromJSON(parseJSON(R"({"connectionPoint":[{}]})").get());
+  routers.removeAll();
   EXPECT_EQ(routers.manager->findConnectionPoint("r"), nullptr);
   EXPECT_EQ(RemoteRouters::peerCount(), 0U);
   EXPECT_TRUE(link->waitForHangUp());
