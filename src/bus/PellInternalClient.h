@@ -75,7 +75,7 @@ class PellInternalClient : public IPellInternalClient {
   virtual int getConnID() = 0;
   // Whether the bus is the controller's own.
   virtual bool isLocalBusClient();
-  virtual bool isConnected();
+  virtual bool isConnected() const;
   // Answers the module-ready query. Derived classes call it first.
   int onMessage(const PellInternalMessage& message) override;
   // Called after every change of the connection state (1 connected, 0 not), on the thread that
