@@ -23,8 +23,8 @@ if(VALTOR_SANITIZE)
                       -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${VALTOR_SANITIZE})
   # gcc's thread sanitizer warns about fences it cannot see, in the standard library too.
-  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    add_compile_options($<$<STREQUAL:${VALTOR_SANITIZE},thread>:-Wno-tsan>)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" AND VALTOR_SANITIZE STREQUAL "thread")
+    add_compile_options(-Wno-tsan)
   endif()
 endif()
 

@@ -31,7 +31,7 @@ std::string formatLogTimestamp(long seconds, long microseconds) {
   localtime_r(&time, &local);
   char clock[64] = "";
   std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
-  char prefix[64] = "";
+  char prefix[96] = "";
   std::snprintf(prefix, sizeof prefix, "%s.%03ld\t", clock, microseconds / 1000);
   return prefix;
 }

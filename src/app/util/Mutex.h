@@ -48,6 +48,8 @@ template <class MutexType>
 class VALTOR_SCOPED_CAPABILITY Locked {
  public:
   explicit Locked(MutexType& mutex) VALTOR_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  // Takes over a lock that the caller holds already, from a try-lock.
+  Locked(MutexType& mutex, std::adopt_lock_t /*held*/) VALTOR_REQUIRES(mutex) : mutex_(mutex) {}
   ~Locked() VALTOR_RELEASE() { mutex_.unlock(); }
   Locked(const Locked&) = delete;
   Locked& operator=(const Locked&) = delete;
