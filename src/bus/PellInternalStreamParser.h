@@ -40,8 +40,9 @@ class PellInternalStreamParser {
  private:
   std::size_t readLength(const char* data, std::size_t length);
   std::size_t readPayload(const char* data, std::size_t length);
+  void storeHeaderByte(char byte);
   void handleSeparator();
-  void handleCompleteMessage();
+  void handleCompleteMessage(std::unique_ptr<char[]> payload);
 
   static constexpr int kHeaderCapacity = 64;
 

@@ -37,6 +37,7 @@ class RSPMessage : public PellInternalMessage {
   // "requestCommand", "statusCode" and "statusMsg" only.
   RSPMessage(const PellInternalMessage& request, int statusCode);
   ~RSPMessage() override;
+  RSPMessage(RSPMessage&&) noexcept = default;
 
   // Status 200 and "param" when given, without "requestCommand"; the identifier is the request's as
   // far as it is known already.
@@ -46,7 +47,10 @@ class RSPMessage : public PellInternalMessage {
   int getStatusCode() const;
 
  private:
-  RSPMessage(std::string path, int32_t destConnID, std::string identifier);
+  RSPMessage(const PellInternalMessage& request, std::string identifier);
+
+  void addStatus(int statusCode);
+  void addText(const char* key, const char* text);
 };
 
 struct ResponseSummary {
