@@ -94,14 +94,10 @@ class MessageNode::Impl final : public NodeConnection::Owner {
     }
     const auto work = asio::make_work_guard(loop_);
     loop_.run();
-    {
-      const Locked<Mutex> lock(runLock_);
-      running_ = false;
-    }
-    // What was posted before the flag was cleared still has somebody waiting for it.
-    loop_.restart();
-    loop_.poll();
-    loop_.restart();
+    do {
+      loop_.restart();
+      loop_.poll();
+    } while (!becomeIdle());
   }
 
   void stop() { loop_.stop(); }
@@ -133,7 +129,7 @@ class MessageNode::Impl final : public NodeConnection::Owner {
     if (error) {
       asio::error_code ignored;
       acceptor_.close(ignored);
-      return error;
+      return {error.value(), std::system_category()};
     }
     port_ = acceptor_.local_endpoint(error).port();
     event("LISTEN " + options_.address + ":" + std::to_string(port_) + " role=" + role_);
@@ -215,8 +211,21 @@ class MessageNode::Impl final : public NodeConnection::Owner {
     if (!running_ || loopThread_ == std::this_thread::get_id()) {
       return false;
     }
-    asio::post(loop_, std::move(function));
+    ++waitingCalls_;
+    asio::post(loop_, [this, function = std::move(function)] {
+      function();
+      const Locked<Mutex> counting(runLock_);
+      --waitingCalls_;
+    });
     return true;
+  }
+
+  // From true on, control operations work on their callers' threads. False while there are some
+  // that were handed to the loop.
+  bool becomeIdle() {
+    const Locked<Mutex> lock(runLock_);
+    running_ = waitingCalls_ > 0;
+    return !running_;
   }
 
   void openAcceptor(const asio::ip::tcp::endpoint& endpoint, asio::error_code& error) {
@@ -481,6 +490,7 @@ class MessageNode::Impl final : public NodeConnection::Owner {
 
   Mutex runLock_;
   bool running_ VALTOR_GUARDED_BY(runLock_) = false;
+  int waitingCalls_ VALTOR_GUARDED_BY(runLock_) = 0;  // handed to the loop, not carried out yet
   std::thread::id loopThread_ VALTOR_GUARDED_BY(runLock_);
 };
 
