@@ -22,18 +22,7 @@ RemoteValtorConnectionPoint::RemoteValtorConnectionPoint(IPellInternalClient& se
   setDeletable(true);
 }
 
-RemoteValtorConnectionPoint::~RemoteValtorConnectionPoint() {
-  if (const auto peers = routerPeerManager()) {
-    if (const auto peer = ownPeer(*peers)) {
-      peer->disconnect();
-      peer->clearOwner(*this);
-      peers->removePeer(peer->uniqueID());
-    }
-  }
-  if (ConnectionPoint::isConnected()) {
-    RemoteValtorConnectionPoint::disconnect();
-  }
-}
+RemoteValtorConnectionPoint::~RemoteValtorConnectionPoint() { giveUpPeer(); }
 
 int RemoteValtorConnectionPoint::connect() {
   const auto phy = firstTCPPhy();
@@ -52,13 +41,12 @@ int RemoteValtorConnectionPoint::connect() {
   if (peers == nullptr) {
     return 0;
   }
-  const auto peer =
-      std::dynamic_pointer_cast<ValtorRouterPeerConnection>(peers->findPeer(uniqueID));
-  if (peer == nullptr) {
-    createPeer(*peers, uniqueID, *phy);
-  } else {
-    reconnect(*peer, *phy);
+  for (const auto& peer : peersOfThisID(*peers)) {
+    if (reconnect(*peer, *phy)) {
+      return 1;
+    }
   }
+  createPeer(*peers, uniqueID, *phy);
   return 1;
 }
 
@@ -74,10 +62,13 @@ void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
   peers.addPeer(peer);
 }
 
-void RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy) {
+bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy) {
+  if (!peer.setOwner(*this)) {
+    return false;
+  }
   const bool moved = peer.host() != phy.getIPAddress() || peer.port() != phy.getPort();
-  if (!moved && peer.isOwnedBy(*this) && peer.isConnected()) {
-    return;
+  if (!moved && peer.isConnected()) {
+    return true;
   }
   if (moved) {
     // Its threads may still be trying the old place.
@@ -85,8 +76,8 @@ void RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, co
     peer.setEndpoint(phy.getIPAddress(), phy.getPort());
   }
   peer.setForwarder(forwarder());
-  peer.setOwner(*this);
   peer.connect();
+  return true;
 }
 
 void RemoteValtorConnectionPoint::disconnect() {
@@ -100,20 +91,44 @@ void RemoteValtorConnectionPoint::disconnect() {
 
 void RemoteValtorConnectionPoint::releasePeer() {
   removeAllDeviceConnections();
+  giveUpPeer();
+}
+
+// Lets go first, so that the peer's threads report nothing any more and no other connection point
+// takes the peer over while it is being removed; what they would have reported follows here.
+void RemoteValtorConnectionPoint::giveUpPeer() {
   if (const auto peers = routerPeerManager()) {
-    if (const auto peer = ownPeer(*peers)) {
-      peers->removePeer(peer->uniqueID());
+    const auto peer = ownPeer(*peers);
+    if (peer != nullptr && peer->clearOwner(*this)) {
+      peers->removePeer(peer);
     }
   }
+  if (isConnected()) {
+    setConnected(false);
+  }
+}
+
+RemoteValtorConnectionPoint::RouterPeers RemoteValtorConnectionPoint::peersOfThisID(
+    const ValtorRouterPeerManager& peers) const {
+  const std::string uniqueID = getUniqueID();
+  RouterPeers found;
+  for (const auto& peer : peers.peers()) {
+    auto router = std::dynamic_pointer_cast<ValtorRouterPeerConnection>(peer);
+    if (router != nullptr && router->uniqueID() == uniqueID) {
+      found.push_back(std::move(router));
+    }
+  }
+  return found;
 }
 
 std::shared_ptr<ValtorRouterPeerConnection> RemoteValtorConnectionPoint::ownPeer(
     const ValtorRouterPeerManager& peers) const {
-  auto peer = std::dynamic_pointer_cast<ValtorRouterPeerConnection>(peers.findPeer(getUniqueID()));
-  if (peer == nullptr || !peer->isOwnedBy(*this)) {
-    return nullptr;
+  for (auto& peer : peersOfThisID(peers)) {
+    if (peer->isOwnedBy(*this)) {
+      return std::move(peer);
+    }
   }
-  return peer;
+  return nullptr;
 }
 
 IPellaMessageForwarder* RemoteValtorConnectionPoint::forwarder() const {

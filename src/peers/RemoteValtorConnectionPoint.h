@@ -1,6 +1,8 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "connections/ConnectionPoint.h"
 
@@ -51,8 +53,15 @@ class RemoteValtorConnectionPoint : public ConnectionPoint {
   static constexpr unsigned kHighestLevel = 63;
   static constexpr uint32_t kHighestDestination = 4095;
 
+  using RouterPeers = std::vector<std::shared_ptr<ValtorRouterPeerConnection>>;
+
+  // The router connections with this connection point's unique ID. One, except for the moment in
+  // which a former one is being given up.
+  RouterPeers peersOfThisID(const ValtorRouterPeerManager& peers) const;
   std::shared_ptr<ValtorRouterPeerConnection> ownPeer(const ValtorRouterPeerManager& peers) const;
-  void reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy);
+  // False when the peer is being given up by the connection point that had it.
+  bool reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy);
+  void giveUpPeer();
   void createPeer(ValtorRouterPeerManager& peers, const std::string& uniqueID, const IPPhy& phy);
   // The sender, if it puts messages on the master bus as they are.
   IPellaMessageForwarder* forwarder() const;

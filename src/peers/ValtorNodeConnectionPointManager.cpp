@@ -257,7 +257,10 @@ void ValtorNodeConnectionPointManager::addPeer(PeerPtr peer) {
 }
 
 bool ValtorNodeConnectionPointManager::removePeer(const std::string& uniqueID) {
-  const PeerPtr peer = findPeer(uniqueID);
+  return removePeer(findPeer(uniqueID));
+}
+
+bool ValtorNodeConnectionPointManager::removePeer(const PeerPtr& peer) {
   if (peer == nullptr) {
     return false;
   }

@@ -72,6 +72,7 @@ class ValtorNodeConnectionPointManager : public AbstractJSONTopLevelContainer,
   // Disconnects that peer, waits for its threads and gives it up. False when there is none. The
   // caller holds no lock that the peer's threads may wait for.
   bool removePeer(const std::string& uniqueID);
+  bool removePeer(const PeerPtr& peer);
   // The peers of this moment, in the order in which they were added.
   PeerList peers() const;
 

@@ -35,23 +35,30 @@ FilterResult ValtorRouterPeerConnection::filterToMaster(const PellInternalMessag
   return routerPeerToMaster(message);
 }
 
-void ValtorRouterPeerConnection::setOwner(RemoteValtorConnectionPoint& owner) {
+bool ValtorRouterPeerConnection::setOwner(RemoteValtorConnectionPoint& owner) {
   const Locked lock(ownerLock_);
+  if (abandoned_) {
+    return false;
+  }
   if (owner_ == &owner) {
-    return;
+    return true;
   }
   if (owner_ != nullptr) {
     owner_->setConnected(false);
   }
   owner_ = &owner;
   reportState();
+  return true;
 }
 
-void ValtorRouterPeerConnection::clearOwner(const RemoteValtorConnectionPoint& owner) {
+bool ValtorRouterPeerConnection::clearOwner(const RemoteValtorConnectionPoint& owner) {
   const Locked lock(ownerLock_);
-  if (owner_ == &owner) {
-    owner_ = nullptr;
+  if (owner_ != &owner) {
+    return false;
   }
+  owner_ = nullptr;
+  abandoned_ = true;
+  return true;
 }
 
 bool ValtorRouterPeerConnection::isOwnedBy(const RemoteValtorConnectionPoint& owner) const {

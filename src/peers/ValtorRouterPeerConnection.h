@@ -25,9 +25,12 @@ class ValtorRouterPeerConnection : public DispatcherPeerClient {
   // The connection point that uses this connection from now on, and is told whether the link is up;
   // it must call clearOwner before it goes. One that used it before is told that it is no longer
   // connected.
-  void setOwner(RemoteValtorConnectionPoint& owner);
-  // Forgets the connection point if it is the owner, else does nothing.
-  void clearOwner(const RemoteValtorConnectionPoint& owner);
+  // False, and nothing changes, once an owner has let go of the connection.
+  bool setOwner(RemoteValtorConnectionPoint& owner);
+  // Forgets the connection point if it is the owner, and takes no other from then on: whoever lets
+  // go removes the connection next, and another connection point must not settle on it meanwhile.
+  // Does nothing for anybody else. Whether it was the owner.
+  bool clearOwner(const RemoteValtorConnectionPoint& owner);
   bool isOwnedBy(const RemoteValtorConnectionPoint& owner) const;
 
  private:
@@ -35,6 +38,7 @@ class ValtorRouterPeerConnection : public DispatcherPeerClient {
 
   mutable Mutex ownerLock_;
   RemoteValtorConnectionPoint* owner_ VALTOR_GUARDED_BY(ownerLock_) = nullptr;
+  bool abandoned_ VALTOR_GUARDED_BY(ownerLock_) = false;
 };
 
 }  // namespace valtor

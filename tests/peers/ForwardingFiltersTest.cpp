@@ -150,8 +150,8 @@ TEST(ForwardingFilters, SayOnTheConsoleWhatTheyDecided) {
   traceBlocked("peer->master", message, nullptr);
   EXPECT_TRUE(console.contains(
       "\tmaster->peer filter blocked [\"DEL\", \"device\", 4, 5, 0] (rule:someRule)\n"));
-  EXPECT_TRUE(
-      console.contains("\tpeer->master filter blocked [\"DEL\", \"device\", 4, 5, 0] (rule:??)\n"));
+  EXPECT_TRUE(console.contains(
+      "\tpeer->master filter blocked [\"DEL\", \"device\", 4, 5, 0] (rule:\?\?)\n"));
 }
 
 }  // namespace

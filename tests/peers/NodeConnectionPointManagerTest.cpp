@@ -68,8 +68,8 @@ TEST_F(NodeConnectionPointManager, BuildsThePeersOfItsTypeAndConnectsThem) {
                  peerText("b", node_.port()) + "]}"),
             0);
   EXPECT_EQ(ids(), "a,b");
-  EXPECT_TRUE(manager_.findPeer("a")->isConnected());
-  EXPECT_TRUE(manager_.findPeer("b")->isConnected());
+  EXPECT_TRUE(eventually([&] { return manager_.findPeer("a")->isConnected(); }));
+  EXPECT_TRUE(eventually([&] { return manager_.findPeer("b")->isConnected(); }));
   EXPECT_EQ(manager_.findPeer("x"), nullptr);
   const auto link = node_.accept();
   link->sendPayload("[\"NOT\", \"x\", 1, 0, 0]\n{}");
@@ -79,6 +79,7 @@ TEST_F(NodeConnectionPointManager, BuildsThePeersOfItsTypeAndConnectsThem) {
 TEST_F(NodeConnectionPointManager, ReloadErasesWhatIsNoLongerListedAndKeepsTheOthersConnected) {
   load(list({"a", "b", "c"}));
   const auto kept = manager_.findPeer("b");
+  ASSERT_TRUE(eventually([&] { return kept->isConnected(); }));
   const char* const erasing =
       "virtual int ValtorNodeConnectionPointManager::loadFromJSON(cJSON*) erasing connectionPoint";
   for (const char* const text : {"{}", "{\"connectionPoint\":[]}", "{\"connectionPoint\":{}}",
@@ -102,6 +103,7 @@ TEST_F(NodeConnectionPointManager, RendersItsPeers) {
   EXPECT_EQ(printJSON(manager_.toJSON().get(), false),
             R"({"type":"Valtor Peer","phy":[],"connectionPoint":[]})");
   load(list({"a"}));
+  ASSERT_TRUE(eventually([&] { return manager_.findPeer("a")->isConnected(); }));
   const std::string phy = R"("phy":[{"type":"tcp","ipAddress":"127.0.0.2","port":)" +
                           std::to_string(node_.port()) + R"(,"server":true}])";
   EXPECT_EQ(printJSON(manager_.toJSON().get(), false),
@@ -186,11 +188,12 @@ TEST(RouterPeerManager, SendsAMessageToEveryPeerWhoseFilterPassesIt) {
     peer->setForwarder(&bus);
     peer->onMessage(received(std::string("[\"GET\", \"db\", 100, 0, 0]\n{\"id\":\"1@2.host") +
                              (i == 0 ? "A" : "B") + "\"}"));
-    ASSERT_EQ(peer->connect(), 0);
+    peer->connect();
     manager.addPeer(peer);
     links[i] = nodes[i].accept();
     links[i]->readFrame();
     links[i]->readFrame();
+    ASSERT_TRUE(eventually([&] { return peer->isConnected(); }));
   }
   const std::string answer = "[\"RSP\", \"db\", 100, 10000, 0]\n{ \"id\":\"9@2.hostB\" }";
   const std::string command = "[\"CMD\", \"route\", 490, 0, 0]\n{\"take\":[1,  2]}";

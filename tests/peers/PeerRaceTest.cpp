@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <string>
+#include <thread>
 
 #include "peers/RemoteRouters.h"
 #include "support/Eventually.h"
@@ -76,6 +77,24 @@ TEST(PeerRace, DisconnectThenConnect) {
     }
     ASSERT_EQ(point->connect(), 1);
     ASSERT_TRUE(eventually([&] { return point->isConnected(); }));
+  }
+}
+
+TEST(PeerRace, DestructionAgainstASuccessorOfTheSameID) {
+  RemoteRouters routers;
+  ScriptedNode node("127.0.0.2");
+  for (int round = 0; round < repetitions(kRounds); ++round) {
+    auto older = routers.make(routerText("r", node));
+    older->connect();
+    const auto newer = routers.make(routerText("r", node));
+    std::thread end([&older] { older.reset(); });
+    EXPECT_EQ(newer->connect(), 1);
+    end.join();
+    ASSERT_TRUE(eventually([&] { return newer->isConnected(); }));
+    ASSERT_EQ(RemoteRouters::peerCount(), 1U);
+    while (node.hasConnectionWithin(std::chrono::milliseconds(0))) {
+      node.accept();
+    }
   }
 }
 

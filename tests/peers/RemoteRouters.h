@@ -9,6 +9,7 @@
 #include "peers/ValtorRouterPeerConnection.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "support/ConsoleCapture.h"
+#include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/ScriptedNode.h"
 #include "support/TemporaryFolder.h"
@@ -53,6 +54,14 @@ class RemoteRouters {
   std::shared_ptr<ConnectionPoint> put(const std::string& id, const std::string& text) {
     manager->addOrUpdateConnectionPoint(make(text));
     return manager->findConnectionPoint(id);
+  }
+  // Waits until the link stands and the last thing that it makes the bus see is there.
+  bool comesUp(const ConnectionPoint& point) const {
+    return eventually([&] {
+      const auto payloads = bus.payloads();
+      return point.isConnected() && !payloads.empty() &&
+             payloads.back().find("\"stat\"") != std::string::npos;
+    });
   }
   void removeAll() { manager->loadFromJSON(parseJSON(R"({"connectionPoint":[]})").get()); }
   bool handle(const std::string& payload) {

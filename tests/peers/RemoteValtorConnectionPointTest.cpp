@@ -35,7 +35,7 @@ TEST(RemoteValtorConnectionPoint, LinkUpAsksTheMasterBusForWhatTheRouterNeeds) {
   RemoteRouters routers;
   ScriptedNode node("127.0.0.2");
   const auto point = routers.put("r", routerText("r", node));
-  EXPECT_TRUE(point->isConnected());
+  ASSERT_TRUE(routers.comesUp(*point));
   std::string levels;
   for (int level = 0; level < 64; ++level) {
     levels += (level == 0 ? "" : ",") + std::to_string(level);
@@ -64,6 +64,7 @@ TEST(RemoteValtorConnectionPoint, ConnectsOnceAndReusesItsPeer) {
   ScriptedNode node("127.0.0.2");
   const auto point = routers.put("r", routerText("r", node));
   const auto peer = RemoteRouters::peer("r");
+  ASSERT_TRUE(routers.comesUp(*point));
   EXPECT_EQ(point->connect(), 1);
   EXPECT_EQ(RemoteRouters::peerCount(), 1U);
   const auto first = node.accept();
@@ -72,8 +73,9 @@ TEST(RemoteValtorConnectionPoint, ConnectsOnceAndReusesItsPeer) {
   EXPECT_FALSE(point->isConnected());
   EXPECT_TRUE(first->waitForHangUp());
   EXPECT_EQ(RemoteRouters::peer("r"), peer);
+  routers.bus.clear();
   EXPECT_EQ(point->connect(), 1);
-  EXPECT_TRUE(point->isConnected());
+  EXPECT_TRUE(routers.comesUp(*point));
   EXPECT_EQ(RemoteRouters::peer("r"), peer);
   EXPECT_NE(node.accept()->readFrame().find("login"), std::string::npos);
 }
@@ -81,7 +83,7 @@ TEST(RemoteValtorConnectionPoint, ConnectsOnceAndReusesItsPeer) {
 TEST(RemoteValtorConnectionPoint, RemovalTakesThePeerWithIt) {
   RemoteRouters routers;
   ScriptedNode node("127.0.0.2");
-  routers.put("r", routerText("r", node));
+  ASSERT_TRUE(routers.comesUp(*routers.put("r", routerText("r", node))));
   const auto link = node.accept();
   routers.bus.clear();
   routers.removeAll();
@@ -100,7 +102,7 @@ TEST(RemoteValtorConnectionPoint, DestroyedWhileConnectedItLeavesNoPeer) {
   {
     const auto point = routers.make(routerText("r", node));
     EXPECT_EQ(point->connect(), 1);
-    EXPECT_TRUE(point->isConnected());
+    EXPECT_TRUE(routers.comesUp(*point));
     EXPECT_EQ(point->createDeviceConnection(DeviceConnectionDetails()), nullptr);
   }
   EXPECT_EQ(RemoteRouters::peerCount(), 0U);
@@ -111,7 +113,7 @@ TEST(RemoteValtorConnectionPoint, RefusedAndMergedTemporariesLeaveTheLinkAlone) 
   RemoteRouters routers;
   ScriptedNode node("127.0.0.2");
   const auto point = routers.put("r", routerText("r", node));
-  const auto link = node.accept();
+  ASSERT_TRUE(routers.comesUp(*point));
   routers.bus.clear();
 
   EXPECT_EQ(routers.make(routerText("r", "127.0.0.1", node.port())), nullptr);
@@ -134,6 +136,7 @@ TEST(RemoteValtorConnectionPoint, TakesOverThePeerOfTheOneItReplaces) {
   ScriptedNode node("127.0.0.2");
   auto older = routers.make(routerText("r", node));
   older->connect();
+  ASSERT_TRUE(routers.comesUp(*older));
   const auto peer = RemoteRouters::peer("r");
   const auto newer = routers.make(routerText("r", node));
   EXPECT_EQ(newer->connect(), 1);
@@ -150,11 +153,13 @@ TEST(RemoteValtorConnectionPoint, FollowsARouterThatMoves) {
   ScriptedNode home("127.0.0.2");
   ScriptedNode away("127.0.0.3");
   const auto point = routers.put("r", routerText("r", home));
+  ASSERT_TRUE(routers.comesUp(*point));
   const auto first = home.accept();
   const auto peer = RemoteRouters::peer("r");
   for (ScriptedNode* const node : {&away, &home}) {
+    routers.bus.clear();
     EXPECT_EQ(routers.put("r", routerText("r", *node)), point);
-    EXPECT_TRUE(point->isConnected());
+    EXPECT_TRUE(routers.comesUp(*point));
     EXPECT_EQ(peer->host(), node->address());
     EXPECT_EQ(peer->port(), node->port());
     EXPECT_NE(node->accept()->readFrame().find("login"), std::string::npos);
@@ -205,7 +210,7 @@ TEST(RemoteValtorConnectionPointManager, RefusesTheLoopbackUnlessToldOtherwise) 
   ASSERT_NE(point, nullptr);
   EXPECT_TRUE(point->isDeletable());
   EXPECT_EQ(point->connect(), 1);
-  EXPECT_TRUE(point->isConnected());
+  EXPECT_TRUE(routers.comesUp(*point));
 }
 
 TEST(RemoteValtorConnectionPointManager, OffersEveryMessageToTheRouters) {
