@@ -38,6 +38,10 @@ TEST_F(NodeServicesTest, AKeepAliveIsAcknowledgedToItsSenderOnly) {
   sendAndWait("peerA", "[\"SET\", \"\", 10000, 0, 0]\n{\"id\":\"7@1.aa\"}");
   EXPECT_EQ(received("peerA"), Payloads{"[\"ACK\", \"\", 1, 10000, 0]\n{\"id\":\"7@1.aa\"}"});
   EXPECT_EQ(received("peerB"), Payloads{});
+  EXPECT_EQ(node->countPassed([](const PassedMessage& message) {
+    return message.kind == MessageKind::ACK && message.source == MessageNode::kNodeConnID;
+  }),
+            1U);
 }
 
 TEST_F(NodeServicesTest, TheRoleIsAnsweredToWhoeverAsks) {
