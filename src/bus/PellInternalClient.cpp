@@ -135,7 +135,7 @@ std::string PellInternalClient::getName() { return name_; }
 
 bool PellInternalClient::isLocalBusClient() { return true; }
 
-bool PellInternalClient::isConnected() { return link_.state() == 1; }
+bool PellInternalClient::isConnected() const { return link_.state() == 1; }
 
 int PellInternalClient::onMessage(const PellInternalMessage& message) {
   if (message.getKind() != MessageKind::GET || message.header.path != "system") {
