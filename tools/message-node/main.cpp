@@ -106,13 +106,13 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   // What the stream parser has to say about broken frames is seen where the trace is.
   openlog("valtor-node", LOG_PERROR, LOG_USER);
-  Settings settings;
-  settings.node.port = 15000;
-  CLI::App app("A stand-in for the message node of a controller or a remote router.",
-               "valtor-node");
-  addOptions(app, settings);
-  CLI11_PARSE(app, argc, argv);
   try {
+    Settings settings;
+    settings.node.port = 15000;
+    CLI::App app("A stand-in for the message node of a controller or a remote router.",
+                 "valtor-node");
+    addOptions(app, settings);
+    CLI11_PARSE(app, argc, argv);
     return serve(std::move(settings));
   } catch (const std::exception& error) {
     std::fprintf(stderr, "valtor-node: %s\n", error.what());

@@ -104,6 +104,7 @@ TEST_F(ControlTest, ManyThreadsMayControlOneNode) {
   constexpr int kThreads = 4;
   constexpr int kMessages = 50;
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([this, i] {
       for (int k = 0; k < kMessages; ++k) {

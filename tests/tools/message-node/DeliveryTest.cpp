@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "bus/PellInternalStreamParser.h"
 #include "message-node/Subscriptions.h"
 #include "tools/message-node/NodeFixture.h"
 
@@ -94,12 +95,13 @@ TEST_F(DeliveryTest, HandsOnTheBytesThatCame) {
   }
 }
 
-TEST_F(DeliveryTest, KeepsALargeMessageWholeAndInOrder) {
+TEST_F(DeliveryTest, KeepsTheLargestMessageWholeAndInOrder) {
   startNode();
   NodeClient& panel = join({"panel", 490, {}, false});
   join({"router", 100, {"route"}, false});
-  const std::string large =
-      "[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"" + std::string(19'000'000, 'a') + "\"}";
+  std::string large = "[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"";
+  large.resize(PellInternalStreamParser::kMaxPayload - 2, 'a');
+  large += "\"}";
   const std::string small = "[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"small\"}";
   ASSERT_TRUE(panel.send(large));
   sendAndWait("panel", small);

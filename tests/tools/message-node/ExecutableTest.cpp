@@ -31,6 +31,7 @@ class NodeProcess {
     const UniqueDescriptor childOutput(output[1]);
     arguments.insert(arguments.begin(), VALTOR_NODE_EXECUTABLE);
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
       argv.push_back(argument.data());
     }
