@@ -134,7 +134,8 @@ void AbstractConnectionPointManager::addConnectionPoint(
   writeIncomingClientConnections(false);
 }
 
-void AbstractConnectionPointManager::store(std::shared_ptr<ConnectionPoint> connectionPoint) {
+void AbstractConnectionPointManager::store(
+    const std::shared_ptr<ConnectionPoint>& connectionPoint) {
   const std::string uniqueID = connectionPoint->getUniqueID();
   std::shared_ptr<ConnectionPoint> replaced;
   {

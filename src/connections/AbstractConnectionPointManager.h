@@ -155,7 +155,7 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // The manager's object with its server connection points, in an array.
   JSONPtr describeWithServers() const;
 
-  void store(std::shared_ptr<ConnectionPoint> connectionPoint);
+  void store(const std::shared_ptr<ConnectionPoint>& connectionPoint);
   static void refuse(std::unique_ptr<ConnectionPoint> connectionPoint);
   std::shared_ptr<ConnectionPoint> findAndUnmark(const std::string& uniqueID);
   void mergeConnectionPoints(const cJSON* array);

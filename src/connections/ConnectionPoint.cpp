@@ -290,7 +290,7 @@ bool ConnectionPoint::hasDeviceConnection(const std::string& uniqueID) const {
   return findDeviceConnection(uniqueID) != nullptr;
 }
 
-void ConnectionPoint::addDeviceConnection(DevicePtr deviceConnection, bool notify) {
+void ConnectionPoint::addDeviceConnection(const DevicePtr& deviceConnection, bool notify) {
   if (!deviceConnection) {
     return;
   }

@@ -26,7 +26,9 @@ const cJSON* paramOf(const PellInternalMessage& message) {
 
 bool AbstractConnectionPointManager::handleMessage(const PellInternalMessage& message,
                                                    ResponseList& responses) {
-  if (elementsOfPath(message.getPath()).front() != kDevice) {
+  // Every message of the bus comes by here: nothing is copied to tell it is not for us.
+  const std::string_view path = message.header.path;
+  if (path.substr(0, path.find('.')) != kDevice) {
     return false;
   }
   switch (message.getKind()) {
@@ -45,7 +47,7 @@ bool AbstractConnectionPointManager::handleMessage(const PellInternalMessage& me
 
 std::optional<std::string> AbstractConnectionPointManager::addressedDevice(
     const PellInternalMessage& message) {
-  const std::vector<std::string> elements = elementsOfPath(message.getPath());
+  const std::vector<std::string> elements = elementsOfPath(message.header.path);
   return elements.size() > 1 ? std::optional<std::string>(elements[1]) : std::nullopt;
 }
 

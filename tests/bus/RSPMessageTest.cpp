@@ -17,29 +17,27 @@ const std::string kAddress = "[\"RSP\", \"device\", 0, 490, 0]\n";
 JSONPtr json(const char* text) { return JSONPtr(cJSON_Parse(text)); }
 
 TEST(RSPMessage, EveryStatusHasItsText) {
-  const std::pair<int, const char*> table[] = {
-      {200, "OK"},
-      {201, "Created"},
-      {202, "Accepted"},
-      {204, "No Content"},
-      {210, "OK With Info"},
-      {400, "Bad Request"},
-      {403, "Forbidden"},
-      {404, "Not Found"},
-      {405, "Method Not Allowed"},
-      {408, "Request Timeout"},
-      {429, "Too Many Requests"},
-      {480, "Connection Point Not Found"},
-      {481, "Connection Point Disconnected"},
-      {482, "Device Not Found"},
-      {490, "Route Protected"},
-      {491, "Resource Protected"},
-      {492, "Breakaway Error"},
-      {493, "No Rule"},
-      {494, "No Resource"},
-      {495, "No Access"},
-      {496, "Out of Range"},
-  };
+  const std::pair<int, const char*> table[] = {{200, "OK"},
+                                               {201, "Created"},
+                                               {202, "Accepted"},
+                                               {204, "No Content"},
+                                               {210, "OK With Info"},
+                                               {400, "Bad Request"},
+                                               {403, "Forbidden"},
+                                               {404, "Not Found"},
+                                               {405, "Method Not Allowed"},
+                                               {408, "Request Timeout"},
+                                               {429, "Too Many Requests"},
+                                               {480, "Connection Point Not Found"},
+                                               {481, "Connection Point Disconnected"},
+                                               {482, "Device Not Found"},
+                                               {490, "Route Protected"},
+                                               {491, "Resource Protected"},
+                                               {492, "Breakaway Error"},
+                                               {493, "No Rule"},
+                                               {494, "No Resource"},
+                                               {495, "No Access"},
+                                               {496, "Out of Range"}};
   const PellInternalMessage request = received(kRequest);
   for (const auto& [code, text] : table) {
     EXPECT_STREQ(statusText(code), text);
@@ -109,8 +107,7 @@ TEST(RSPMessage, SummaryNamesTheFirstFieldThatIsMissingOrIllTyped) {
       {"{\"id\":\"1\",\"requestCommand\":\"GET\"}", "statusCode not found"},
       {"{\"id\":\"1\",\"requestCommand\":\"GET\",\"statusCode\":\"200\"}", "statusMsg not found"},
       {"{\"id\":\"1\",\"requestCommand\":\"GET\",\"statusCode\":1,\"statusMsg\":[]}",
-       "statusMsg is not string type"},
-  };
+       "statusMsg is not string type"}};
   for (const auto& [body, expected] : cases) {
     try {
       readResponseSummary(received("[\"RSP\",\"a\",1,2]\n" + std::string(body)));
