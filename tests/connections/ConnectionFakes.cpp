@@ -6,7 +6,7 @@
 namespace valtor::test {
 
 std::string bodyWithoutId(const PellInternalMessage& message) {
-  const JSONPtr body = message.parseBody();
+  const JSONPtr body(cJSON_Duplicate(message.viewBody(), 1));
   cJSON_DeleteItemFromObject(body.get(), "id");
   return printJSON(body.get(), false);
 }

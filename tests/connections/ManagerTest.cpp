@@ -291,7 +291,7 @@ TEST_F(ManagerTest, ABrokenDatabaseFileIsReportedAndYieldsNothing) {
     std::string reason;
   } cases[] = {
       {scene.folder.at("missing"), "error while opening file: "},
-      {scene.folder.at("directory"), "error while reading file: "},
+      {scene.folder.at("directory"), "error while opening file: "},
       {scene.folder.write("empty", ""), "not JSON: "},
       {scene.folder.write("binary", binary), "not JSON: "},
       {scene.folder.write("cut", R"({"connectionPoint":[)" + clientDescription("A")), "not JSON: "},
