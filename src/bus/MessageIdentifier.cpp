@@ -68,7 +68,7 @@ std::optional<std::string> readHostAddress() {
     content->back() = '\0';
   }
   std::string address;
-  for (const char c : std::string(content->c_str())) {
+  for (const char c : content->substr(0, content->find('\0'))) {
     if (c != ':') {
       address += c;
     }

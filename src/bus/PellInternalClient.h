@@ -10,6 +10,7 @@
 
 #include "app/util/Mutex.h"
 #include "app/util/OwnedJSON.h"
+#include "app/util/UniqueDescriptor.h"
 #include "bus/BusLink.h"
 #include "bus/IPellInternalClient.h"
 #include "bus/PellInternalStreamParser.h"
@@ -74,7 +75,7 @@ class PellInternalClient : public IPellInternalClient {
   virtual int getConnID() = 0;
   // Whether the bus is the controller's own.
   virtual bool isLocalBusClient();
-  virtual bool isConnected();
+  virtual bool isConnected() const;
   // Answers the module-ready query. Derived classes call it first.
   int onMessage(const PellInternalMessage& message) override;
   // Called after every change of the connection state (1 connected, 0 not), on the thread that
@@ -142,32 +143,47 @@ class PellInternalClient : public IPellInternalClient {
     int32_t port = 0;
   };
 
-  // One attempt to connect, log in and subscribe. 0 or -1. Waits at most this long.
+  // Stands on the stack of each of the client's threads: tells close() who is calling and
+  // waitTillComplete() when the thread has done its work.
+  class OwnThread {
+   public:
+    explicit OwnThread(PellInternalClient& client);
+    ~OwnThread();
+    OwnThread(const OwnThread&) = delete;
+    OwnThread& operator=(const OwnThread&) = delete;
+
+   private:
+    PellInternalClient& client_;
+  };
+
+  // One attempt to connect, log in and subscribe, which waits at most this long for the connection.
+  // 0 or -1.
   int attemptConnection(std::chrono::milliseconds longest);
-  bool sendFirstFrames(class UniqueDescriptor socket);
-  void startThreads() VALTOR_REQUIRES(lifecycle_);
-  void closeAs(const char* reason);
-  void stopThreads(const char* reason) VALTOR_REQUIRES(lifecycle_);
-  bool isOwnThread() const;
-  Endpoint endpoint() const;
-  int sendEncoded(const std::string& payload);
-  void deliver(std::vector<PellInternalMessage> messages);
-  void dispatch(const PellInternalMessage& message);
+  bool openLink(UniqueDescriptor socket);
+  std::string encodedFrame(const PellInternalMessage& message);
+  JSONPtr subscribeObject(const std::vector<std::string>& paths) const;
   JSONPtr moduleReadyObject();
+  int sendAs(const PellInternalMessage& message, int32_t sourceConnID);
+  void reportSendFailure(const BusLink::SendResult& result, std::size_t size);
+  bool startThreads() VALTOR_REQUIRES(lifecycle_);
+  void stopThreads(const char* reason) VALTOR_REQUIRES(lifecycle_);
+  void beginClosing();
+  void closeAs(const char* reason);
+  Endpoint endpoint() const;
+  void deliver(const std::vector<PellInternalMessage>& messages);
   // Sleeps at most this long; ends early when the client is closing.
   void sleepUnlessClosing(std::chrono::microseconds time);
-  void threadStarted();
   void threadEnded();
 
   Timing timing_;
   bool receiveAll_ = false;
   const int32_t sendRetryBudget_;
-  PellInternalStreamParser parser_;  // driven by the message-queue thread only
+  PellInternalStreamParser parser_;  // driven by the message-queue thread, or by nobody
   const std::string name_;
   std::atomic<bool> moduleReady_{false};
   std::atomic<bool> stopped_{false};  // stopForDestruction() has run
 
-  mutable Mutex lifecycle_;
+  Mutex lifecycle_;
   std::unique_ptr<PellInternalClientRxThread> rxThread_ VALTOR_GUARDED_BY(lifecycle_);
   std::unique_ptr<PellInternalClientMsgQThread> msgQThread_ VALTOR_GUARDED_BY(lifecycle_);
 

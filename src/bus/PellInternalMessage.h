@@ -129,6 +129,16 @@ class PellInternalMessage {
   // The undecoded body of a received message, or null.
   const char* bodyText() const { return bodyText_; }
 
+  // The payload as it was received, up to its first NUL: what a node hands on. "" when the message
+  // was built, or received with a header that did not decode.
+  std::string receivedText() const {
+    if (bodyText_ == nullptr) {
+      return {};
+    }
+    const char* headerText = rawVector_.empty() ? rawBuffer_.get() : rawVector_.data();
+    return std::string(headerText) + '\n' + bodyText_;
+  }
+
   // The message identifier: the "id" of the body, "" when there is none.
   std::string getUniqueId() const;
   // The identifier as far as it is known already, without looking into the body.

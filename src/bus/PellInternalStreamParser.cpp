@@ -107,8 +107,9 @@ void PellInternalStreamParser::handleSeparator() {
   receivedCount_ = 0;
   state_ = State::Payload;
   const auto size = static_cast<std::size_t>(length) + 1;
-  // Not value-initialised: every byte but the last is written before it is read.
-  bodyBuffer_.reset(new (std::nothrow) char[size]);
+  // Not value-initialised: every byte but the last is written before it is read. No factory of an
+  // owner answers a lack of memory with null.
+  bodyBuffer_.reset(new (std::nothrow) char[size]);  // NOLINT(*-owning-memory)
   if (!bodyBuffer_) {
     syslog(LOG_CRIT, "PellInternalStreamParser FAILED to allocate buffer of size=%d.\n",
            length + 1);

@@ -34,13 +34,13 @@ const cJSON* arrayMember(const cJSON* object, const char* name) {
 
 void addMember(cJSON* object, const char* name, JSONPtr item) {
   if (item && cJSON_AddItemToObject(object, name, item.get())) {
-    item.release();
+    static_cast<void>(item.release());
   }
 }
 
 void addElement(cJSON* array, JSONPtr item) {
   if (item && cJSON_AddItemToArray(array, item.get())) {
-    item.release();
+    static_cast<void>(item.release());
   }
 }
 

@@ -1,0 +1,58 @@
+#include "app/Daemon.h"
+
+#include <exception>
+#include <syslog.h>
+
+#include "app/ActiveDatabase.h"
+#include "app/util/Paths.h"
+#include "bus/ValtorInterfaceClient.h"
+#include "peers/ValtorRouterPeerManager.h"
+
+namespace valtor {
+
+namespace {
+
+// Shuts the gate for a scope, however that ends.
+class ShutGate {
+ public:
+  explicit ShutGate(StartGate& gate) : gate_(gate) { gate_.shut(); }
+  ~ShutGate() { gate_.open(); }
+  ShutGate(const ShutGate&) = delete;
+  ShutGate& operator=(const ShutGate&) = delete;
+
+ private:
+  StartGate& gate_;
+};
+
+}  // namespace
+
+Daemon::Daemon(bool skipDatabase, const std::string& host, int32_t port)
+    : skipDatabase_(skipDatabase),
+      client_(std::make_unique<ValtorInterfaceClient>(host, port, kClientName, skipDatabase,
+                                                      paths().databaseDirectory)) {
+  client_->setDatabaseLoader(loadActiveDatabase);
+}
+
+Daemon::~Daemon() {
+  client_->close();
+  // While the client still lives: peers report and forward to it until they are gone.
+  setRouterPeerManager(nullptr);
+}
+
+void Daemon::start() {
+  const ShutGate gate(client_->startGate());
+  client_->connect();
+  setRouterPeerManager(std::make_shared<ValtorRouterPeerManager>(kPeerManagerName, client_.get()));
+  if (skipDatabase_) {
+    return;
+  }
+  try {
+    client_->loadActiveDatabase();
+  } catch (const std::exception& error) {
+    syslog(LOG_ERR, "Error loading active database: %s", error.what());
+  }
+}
+
+void Daemon::wait() { client_->waitTillComplete(); }
+
+}  // namespace valtor

@@ -1,0 +1,135 @@
+#include "bus/AbstractConnectionPointManagerPELClient.h"
+
+#include <utility>
+
+#include "bus/RSPMessage.h"
+#include "bus/RequestMessages.h"
+
+namespace valtor {
+
+AbstractConnectionPointManagerPELClient::AbstractConnectionPointManagerPELClient(
+    std::string host, int32_t port, std::string name, std::string databaseDirectory)
+    : PellInternalClient(std::move(host), port, std::move(name)),
+      databaseDirectory_(std::move(databaseDirectory)) {
+  addSubscription("device");
+}
+
+AbstractConnectionPointManagerPELClient::~AbstractConnectionPointManagerPELClient() {
+  stopForDestruction();
+}
+
+int AbstractConnectionPointManagerPELClient::onMessage(const PellInternalMessage& message) {
+  gate_.wait([this] { return isClosing(); });
+  if (isClosing()) {
+    return 0;
+  }
+  PellInternalClient::onMessage(message);
+  if (handleMasterState(message)) {
+    return 0;
+  }
+  const Locked lock(handlerLock_);
+  ResponseList responses;
+  if (!offerLocked(message, responses)) {
+    return 0;
+  }
+  if (responses.empty()) {
+    sendMessage(RSPMessage(message, 200));
+  }
+  for (std::unique_ptr<PellInternalMessage>& response : responses) {
+    sendMessage(*response);
+    response.reset();
+  }
+  return 0;
+}
+
+bool AbstractConnectionPointManagerPELClient::handleMasterState(
+    const PellInternalMessage& message) {
+  const MessageKind kind = message.getKind();
+  if (message.header.path != "system" || (kind != MessageKind::SET && kind != MessageKind::RSP)) {
+    return false;
+  }
+  const char* role =
+      stringMember(cJSON_GetObjectItem(message.viewBody(), "param"), "mdxMasterState");
+  if (role == nullptr) {
+    return false;
+  }
+  const std::error_code error = setSkipDatabase(std::string_view(role) == "standby");
+  sendMessage(RSPMessage(message, error ? 400 : 200));
+  return true;
+}
+
+void AbstractConnectionPointManagerPELClient::onConnectionStateChanged(int state,
+                                                                       const std::string& reason) {
+  PellInternalClient::onConnectionStateChanged(state, reason);
+  const Locked lock(handlerLock_);
+  for (const auto& handler : handlers_) {
+    handler->onBusConnectionChanged(state == 1);
+  }
+  sendMessage(GETMessage("system", std::vector<std::string>{"mdxMasterState"}));
+}
+
+JSONPtr AbstractConnectionPointManagerPELClient::buildLoginParameters() {
+  JSONPtr parameters = PellInternalClient::buildLoginParameters();
+  JSONPtr interfaces(cJSON_CreateArray());
+  {
+    const Locked lock(handlerLock_);
+    for (const auto& handler : handlers_) {
+      const JSONPtr described = handler->getInterfaceJSON();
+      const cJSON* element = nullptr;
+      cJSON_ArrayForEach(element, described.get()) {
+        addElement(interfaces.get(), JSONPtr(cJSON_Duplicate(element, 1)));
+      }
+    }
+  }
+  if (interfaces && interfaces->child != nullptr) {
+    addMember(parameters.get(), "interface", std::move(interfaces));
+  }
+  return parameters;
+}
+
+void AbstractConnectionPointManagerPELClient::addHandler(
+    std::unique_ptr<IPellaInternalProtocolHandler> handler) {
+  const Locked lock(handlerLock_);
+  handlers_.push_back(std::move(handler));
+}
+
+void AbstractConnectionPointManagerPELClient::removeAllHandlers() {
+  std::vector<std::unique_ptr<IPellaInternalProtocolHandler>> removed;
+  {
+    const Locked lock(handlerLock_);
+    removed.swap(handlers_);
+  }
+  // Their destructors join threads that may report a link state, which takes the handler lock.
+}
+
+bool AbstractConnectionPointManagerPELClient::hasNoHandlers() {
+  const Locked lock(handlerLock_);
+  return handlers_.empty();
+}
+
+void AbstractConnectionPointManagerPELClient::forEachHandler(
+    const std::function<void(IPellaInternalProtocolHandler&)>& function) {
+  const Locked lock(handlerLock_);
+  for (const auto& handler : handlers_) {
+    function(*handler);
+  }
+}
+
+bool AbstractConnectionPointManagerPELClient::dispatchToHandlers(const PellInternalMessage& message,
+                                                                 ResponseList& responses) {
+  const Locked lock(handlerLock_);
+  return offerLocked(message, responses);
+}
+
+bool AbstractConnectionPointManagerPELClient::offerLocked(const PellInternalMessage& message,
+                                                          ResponseList& responses) {
+  bool taken = false;
+  for (const auto& handler : handlers_) {
+    taken = handler->handleMessage(message, responses) || taken;
+  }
+  return taken;
+}
+
+void AbstractConnectionPointManagerPELClient::onClosing() { gate_.wake(); }
+
+}  // namespace valtor

@@ -1,0 +1,105 @@
+#include "bus/BusLink.h"
+
+#include <cerrno>
+#include <sys/socket.h>
+#include <thread>
+#include <utility>
+
+#include "app/util/Mutex.h"
+
+namespace valtor {
+
+bool BusLink::open(UniqueDescriptor socket, int retryBudget,
+                   const std::function<std::vector<std::string>()>& firstFrames) {
+  const Locked lock(sendLock_);
+  if (closing_) {
+    return false;
+  }
+  socket_ = std::move(socket);
+  descriptor_ = socket_.get();
+  shownDescriptor_ = socket_.get();
+  ++number_;
+  tail_.clear();
+  state_ = 1;
+  for (const std::string& first : firstFrames()) {
+    // A failure here is a dead link, which the reader finds out at once.
+    write(first, retryBudget);
+  }
+  return true;
+}
+
+BusLink::SendResult BusLink::send(const std::string& frame, uint32_t link, int retryBudget) {
+  const Locked lock(sendLock_);
+  if (closing_ || state_ != 1 || number_ != link || !socket_.valid()) {
+    return {Send::NotConnected, 0, 0};
+  }
+  return write(frame, retryBudget);
+}
+
+BusLink::SendResult BusLink::write(const std::string& frame, int retryBudget) {
+  int budget = retryBudget;
+  int fullCount = 0;
+  if (!tail_.empty()) {
+    SendResult rest = writeBytes(tail_.data(), tail_.size(), budget, fullCount);
+    tail_.erase(0, rest.sent);
+    if (rest.outcome != Send::Sent) {
+      rest.sent = 0;
+      return rest;
+    }
+  }
+  const SendResult result = writeBytes(frame.data(), frame.size(), budget, fullCount);
+  if (result.outcome == Send::BudgetExhausted && result.sent > 0) {
+    tail_ = frame.substr(result.sent);
+  }
+  return result;
+}
+
+BusLink::SendResult BusLink::writeBytes(const char* data, std::size_t size, int& budget,
+                                        int& fullCount) {
+  SendResult result;
+  while (result.sent < size && budget > 0) {
+    if (closing_) {
+      result.outcome = Send::NotConnected;
+      return result;
+    }
+    const ssize_t count =
+        ::send(socket_.get(), data + result.sent, size - result.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (count >= 0) {
+      result.sent += static_cast<std::size_t>(count);
+      std::this_thread::sleep_for(kPause);
+    } else if (errno == EAGAIN) {
+      std::this_thread::sleep_for(kFullPause);
+      if (++fullCount % 10 == 0) {
+        --budget;
+      }
+    } else if (errno != EINTR) {
+      result.outcome = Send::Failed;
+      result.error = errno;
+      return result;
+    }
+  }
+  result.outcome = result.sent == size ? Send::Sent : Send::BudgetExhausted;
+  return result;
+}
+
+void BusLink::setState(int state) {
+  const Locked lock(sendLock_);
+  state_ = state;
+}
+
+void BusLink::beginClosing() {
+  closing_ = true;  // before the lock: whoever holds it while it waits for a full socket gives up
+  const Locked lock(sendLock_);
+  if (socket_.valid()) {
+    // A bare close would leave a reader blocked and free the number for somebody else.
+    ::shutdown(socket_.get(), SHUT_RDWR);
+  }
+}
+
+void BusLink::closeSocket() {
+  const Locked lock(sendLock_);
+  descriptor_ = 0;
+  socket_.reset();
+}
+
+}  // namespace valtor

@@ -1,0 +1,449 @@
+#include "bus/PellInternalClient.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <syslog.h>
+#include <utility>
+
+#include "app/util/ErrnoText.h"
+#include "app/util/UniqueDescriptor.h"
+#include "bus/PellInternalClientMsgQThread.h"
+#include "bus/PellInternalClientRxThread.h"
+#include "bus/RSPMessage.h"
+#include "bus/RequestMessages.h"
+#include "bus/SocketConnect.h"
+#include "connections/phy/IPPhy.h"
+
+namespace valtor {
+
+namespace {
+
+// The client that the calling thread belongs to, if it is a client's receive or message-queue
+// thread.
+thread_local const PellInternalClient* currentClient = nullptr;
+
+struct AddressListDeleter {
+  void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+using AddressList = std::unique_ptr<addrinfo, AddressListDeleter>;
+
+// Stops the process when the host has no address: without one the daemon has no work, and whoever
+// restarts it sees why.
+AddressList resolve(const std::string& host, int32_t port) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* list = nullptr;
+  const int status = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);
+  if (status != 0) {
+    syslog(LOG_CRIT, "getaddrinfo: %s\n", gai_strerror(status));
+    std::abort();
+  }
+  return AddressList(list);
+}
+
+void setReceiveTimeout(int socket, std::chrono::milliseconds timeout) {
+  if (timeout.count() == 0) {
+    return;
+  }
+  timeval value{};
+  value.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+  value.tv_usec = static_cast<suseconds_t>(timeout.count() % 1000 * 1000);
+  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
+}
+
+bool isUsable(const std::string& host, int32_t port) {
+  return !host.empty() && port >= 1 && port <= 65535;
+}
+
+}  // namespace
+
+PellInternalClient::OwnThread::OwnThread(PellInternalClient& client) : client_(client) {
+  currentClient = &client;
+}
+
+PellInternalClient::OwnThread::~OwnThread() {
+  currentClient = nullptr;
+  client_.threadEnded();
+}
+
+PellInternalClient::PellInternalClient(std::string host, int32_t port, std::string name,
+                                       int32_t sendRetryBudget)
+    : sendRetryBudget_(sendRetryBudget), name_(std::move(name)), endpoint_{std::move(host), port} {
+  parser_.setMessageCallback(
+      [this](const std::vector<PellInternalMessage>& messages) { deliver(messages); });
+}
+
+PellInternalClient::PellInternalClient() : PellInternalClient("", 0, "") {}
+
+PellInternalClient::~PellInternalClient() { stopForDestruction(); }
+
+int PellInternalClient::sendMessage(const PellInternalMessage& message) {
+  return sendAs(message, getConnID());
+}
+
+int PellInternalClient::sendConstMessage(const PellInternalMessage& message) {
+  return sendAs(message, message.header.sourceConnID);
+}
+
+int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourceConnID) {
+  BusLink::SendResult result{BusLink::Send::NotConnected, 0, 0};
+  std::size_t size = 0;
+  const uint32_t link = link_.number();
+  if (isConnected()) {
+    const std::string framed = frame(message.encodeFrom(sourceConnID));
+    size = framed.size();
+    result = link_.send(framed, link, sendRetryBudget_);
+  }
+  if (result.outcome == BusLink::Send::NotConnected) {
+    syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
+    return 0;
+  }
+  reportSendFailure(result, size);
+  return result.outcome == BusLink::Send::Sent ? 0 : -1;
+}
+
+void PellInternalClient::reportSendFailure(const BusLink::SendResult& result, std::size_t size) {
+  if (result.outcome == BusLink::Send::Failed) {
+    syslog(LOG_ERR, "%s send error (fd=%d, %s) : %s\n",
+           "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
+           link_.shownDescriptor(), name_.c_str(), errnoText(result.error).c_str());
+  } else if (result.outcome == BusLink::Send::BudgetExhausted) {
+    syslog(LOG_ERR,
+           "const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zd)\n",
+           static_cast<int>(result.sent), static_cast<ssize_t>(size));
+    std::printf("const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zu)\n",
+                static_cast<int>(result.sent), size);
+  }
+}
+
+void PellInternalClient::subscribe(const std::string& path) {
+  if (addSubscription(path)) {
+    sendSubscriptions({path});
+  }
+}
+
+std::string PellInternalClient::getName() { return name_; }
+
+bool PellInternalClient::isLocalBusClient() { return true; }
+
+bool PellInternalClient::isConnected() const { return link_.state() == 1; }
+
+int PellInternalClient::onMessage(const PellInternalMessage& message) {
+  if (message.getKind() != MessageKind::GET || message.header.path != "system") {
+    return 0;
+  }
+  const cJSON* param = cJSON_GetObjectItem(message.viewBody(), "param");
+  const cJSON* name = nullptr;
+  cJSON_ArrayForEach(name, arrayMember(param, "objectName")) {
+    const char* text = cJSON_GetStringValue(name);
+    if (text != nullptr && std::string_view(text) == "moduleReady") {
+      sendMessage(RSPMessage(message, nullptr, moduleReadyObject()));
+      break;
+    }
+  }
+  return 0;
+}
+
+void PellInternalClient::onConnectionStateChanged(int, const std::string&) {}
+
+JSONPtr PellInternalClient::buildLoginParameters() {
+  JSONPtr login(cJSON_CreateObject());
+  cJSON_AddStringToObject(login.get(), "name", getName().c_str());
+  cJSON_AddNumberToObject(login.get(), "connID", getConnID());
+  cJSON_AddNumberToObject(login.get(), "version", 1);
+  JSONPtr parameters(cJSON_CreateObject());
+  addMember(parameters.get(), "login", std::move(login));
+  return parameters;
+}
+
+void PellInternalClient::setConnectionState(int state, const std::string& reason) {
+  link_.setState(state);
+  onConnectionStateChanged(state, reason);
+}
+
+int PellInternalClient::connect() {
+  const Endpoint target = endpoint();
+  if (!isUsable(target.host, target.port)) {
+    syslog(LOG_WARNING, "PellInternalClient %s cannot connect to \"%s\" port %d: no such place.\n",
+           name_.c_str(), target.host.c_str(), target.port);
+    return -1;
+  }
+  const Locked lock(lifecycle_);
+  if (rxThread_ && link_.isClosing()) {
+    stopThreads("disconnect");  // one of its own threads asked for the end
+  }
+  if (rxThread_) {
+    return isConnected() ? 0 : -1;
+  }
+  link_.endClosing();
+  const int result = attemptConnection(timing_.ownerAttempt);
+  return startThreads() ? result : -1;
+}
+
+int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
+  const Endpoint target = endpoint();
+  if (!isUsable(target.host, target.port)) {
+    return -1;
+  }
+  const AddressList addresses = resolve(target.host, target.port);
+  syslog(LOG_DEBUG, "Trying to connect to %s\n", target.host.c_str());
+  UniqueDescriptor socket(::socket(addresses->ai_family, addresses->ai_socktype | SOCK_CLOEXEC,
+                                   addresses->ai_protocol));
+  if (!socket.valid()) {
+    syslog(LOG_ERR, "PellInternalClient create socket ERROR: %s\n", errnoText(errno).c_str());
+    return -1;
+  }
+  syslog(LOG_DEBUG, "create socket OK!\n");
+  setReceiveTimeout(socket.get(), timing_.receiveTimeout);
+  const int error = connectWithin(socket.get(), addresses->ai_addr, addresses->ai_addrlen, longest,
+                                  [this] { return isClosing(); });
+  if (error != 0) {
+    if (error != ECANCELED) {
+      syslog(LOG_ERR, "PellInternalClient connect error: %s %s\n", errnoText(error).c_str(),
+             target.host.c_str());
+    }
+    link_.showDescriptor(0);
+    return -1;
+  }
+  syslog(LOG_DEBUG, "connect OK!\n");
+  if (!openLink(std::move(socket))) {
+    return -1;
+  }
+  setConnectionState(1, "connect OK");
+  return 0;
+}
+
+bool PellInternalClient::openLink(UniqueDescriptor socket) {
+  const int on = 1;
+  setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  // Built before the send lock is taken: derived classes take locks of their own for it.
+  const std::string login = encodedFrame(SETMessage("system.connection", buildLoginParameters()));
+  return link_.open(std::move(socket), sendRetryBudget_, [&] {
+    // Read under the send lock: whoever adds a path later finds the link standing and sends it.
+    return std::vector<std::string>{
+        login, encodedFrame(SETMessage("system.connection", subscribeObject(subscriptions())))};
+  });
+}
+
+std::string PellInternalClient::encodedFrame(const PellInternalMessage& message) {
+  return frame(message.encodeFrom(getConnID()));
+}
+
+bool PellInternalClient::startThreads() {
+  const uint32_t queueLimit = name_ == "valtor" ? PellInternalClientRxThread::kPauseChunks : 0;
+  {
+    const Locked lock(threadsLock_);
+    threadsAlive_ = 2;
+  }
+  rxThread_ = std::make_unique<PellInternalClientRxThread>(*this, queueLimit);
+  if (!rxThread_->start()) {
+    rxThread_.reset();
+    threadEnded();
+    threadEnded();
+  } else {
+    msgQThread_ = std::make_unique<PellInternalClientMsgQThread>(*this);
+    if (msgQThread_->start()) {
+      return true;
+    }
+    msgQThread_.reset();
+    threadEnded();
+  }
+  stopThreads("thread not started");
+  return false;
+}
+
+void PellInternalClient::waitTillComplete() {
+  {
+    const Locked lock(threadsLock_);
+    while (threadsAlive_ > 0) {
+      threadsChanged_.wait(threadsLock_);
+    }
+  }
+  std::printf("%s done\n", "waitTillComplete");
+}
+
+void PellInternalClient::threadEnded() {
+  const Locked lock(threadsLock_);
+  --threadsAlive_;
+  threadsChanged_.notify_all();
+}
+
+void PellInternalClient::sleepUnlessClosing(std::chrono::microseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  const Locked lock(threadsLock_);
+  while (!isClosing() && std::chrono::steady_clock::now() < end) {
+    threadsChanged_.wait_until(threadsLock_, end);
+  }
+}
+
+void PellInternalClient::close() { closeAs("close"); }
+
+void PellInternalClient::disconnect() { closeAs("disconnect"); }
+
+void PellInternalClient::closeAs(const char* reason) {
+  syslog(LOG_INFO, "Closing PellInternalClient %s...\n", name_.c_str());
+  if (currentClient == this) {
+    beginClosing();
+    return;
+  }
+  const Locked lock(lifecycle_);
+  stopThreads(reason);
+}
+
+void PellInternalClient::stopForDestruction() {
+  if (stopped_.exchange(true)) {
+    return;
+  }
+  syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", name_.c_str(),
+         link_.shownDescriptor());
+  const Locked lock(lifecycle_);
+  if (rxThread_) {
+    syslog(LOG_DEBUG, "~PellInternalClient() close:%d\n", link_.shownDescriptor());
+  }
+  stopThreads("destroyed");
+}
+
+void PellInternalClient::onClosing() {}
+
+void PellInternalClient::beginClosing() {
+  link_.beginClosing();
+  queue_.wake();
+  {
+    const Locked lock(threadsLock_);
+    threadsChanged_.notify_all();
+  }
+  onClosing();
+}
+
+void PellInternalClient::stopThreads(const char* reason) {
+  if (rxThread_) {
+    rxThread_->end();
+  }
+  if (msgQThread_) {
+    msgQThread_->end();
+  }
+  beginClosing();
+  if (rxThread_) {
+    rxThread_->join();
+    rxThread_.reset();
+  }
+  link_.closeSocket();
+  if (msgQThread_) {
+    msgQThread_->join();
+    msgQThread_.reset();
+  }
+  queue_.clear();
+  parser_.reset();
+  // Last, so that no report of a thread can follow it.
+  if (link_.state() != 0) {
+    setConnectionState(0, reason);
+  }
+}
+
+bool PellInternalClient::addSubscription(const std::string& path) {
+  const Locked lock(subscriptionLock_);
+  if (std::find(subscriptions_.begin(), subscriptions_.end(), path) != subscriptions_.end()) {
+    return false;
+  }
+  subscriptions_.push_back(path);
+  return true;
+}
+
+void PellInternalClient::removeSubscription(const std::string& path) {
+  const Locked lock(subscriptionLock_);
+  std::erase(subscriptions_, path);
+}
+
+std::vector<std::string> PellInternalClient::subscriptions() const {
+  const Locked lock(subscriptionLock_);
+  return subscriptions_;
+}
+
+void PellInternalClient::sendLogin() {
+  sendMessage(SETMessage("system.connection", buildLoginParameters()));
+}
+
+void PellInternalClient::sendSubscriptions(const std::vector<std::string>& paths) {
+  sendMessage(SETMessage("system.connection", subscribeObject(paths)));
+}
+
+JSONPtr PellInternalClient::subscribeObject(const std::vector<std::string>& paths) const {
+  JSONPtr list(cJSON_CreateArray());
+  for (const std::string& path : paths) {
+    JSONPtr entry(cJSON_CreateObject());
+    cJSON_AddStringToObject(entry.get(), "path", path.c_str());
+    if (receiveAll_) {
+      cJSON_AddTrueToObject(entry.get(), "receiveAll");
+    }
+    addElement(list.get(), std::move(entry));
+  }
+  JSONPtr object(cJSON_CreateObject());
+  addMember(object.get(), "subscribeList", std::move(list));
+  return object;
+}
+
+void PellInternalClient::sendModuleReady() {
+  if (!moduleReady_.exchange(true)) {
+    sendMessage(NOTMessage("system", "param", moduleReadyObject()));
+  }
+}
+
+JSONPtr PellInternalClient::moduleReadyObject() {
+  JSONPtr state(cJSON_CreateObject());
+  cJSON_AddStringToObject(state.get(), "name", getName().c_str());
+  cJSON_AddNumberToObject(state.get(), "connID", getConnID());
+  cJSON_AddBoolToObject(state.get(), "ready", moduleReady_ ? 1 : 0);
+  JSONPtr object(cJSON_CreateObject());
+  addMember(object.get(), "moduleReady", std::move(state));
+  return object;
+}
+
+bool PellInternalClient::setEndpointFromPhy(const ConnectionPointPhy& phy) {
+  const auto* ip = dynamic_cast<const IPPhy*>(&phy);
+  if (ip == nullptr || ip->getType() != "tcp") {
+    return false;
+  }
+  setEndpoint(ip->getIPAddress(), ip->getPort());
+  return true;
+}
+
+void PellInternalClient::setEndpoint(const std::string& host, int32_t port) {
+  const Locked lock(endpointLock_);
+  endpoint_ = {host, port};
+}
+
+PellInternalClient::Endpoint PellInternalClient::endpoint() const {
+  const Locked lock(endpointLock_);
+  return endpoint_;
+}
+
+std::string PellInternalClient::host() const { return endpoint().host; }
+
+int32_t PellInternalClient::port() const { return endpoint().port; }
+
+void PellInternalClient::deliver(const std::vector<PellInternalMessage>& messages) {
+  for (const PellInternalMessage& message : messages) {
+    if (isClosing()) {
+      // Whoever closes waits for this thread, and a batch may hold ten thousand messages.
+      return;
+    }
+    try {
+      onMessage(message);
+    } catch (const std::exception& error) {
+      syslog(LOG_ERR, "PellInternalClient %s: message %s on \"%s\" failed: %s\n", name_.c_str(),
+             kindName(message.getKind()), quotedForLog(message.header.path.c_str()).c_str(),
+             error.what());
+    }
+  }
+}
+
+}  // namespace valtor

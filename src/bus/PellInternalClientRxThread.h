@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+
+#include "bus/MyThreadClass.h"
+#include "bus/ReceiveQueue.h"
+
+namespace valtor {
+
+class PellInternalClient;
+
+// The reading side of a bus client: it keeps the link up, reads the socket in chunks onto the
+// receive queue, sends keep-alive requests, and declares the link dead on hang-up, on read errors,
+// or when nothing arrives for too long. It does not parse. The client owns it and outlives it.
+class PellInternalClientRxThread : public MyThreadClass {
+ public:
+  // A queue limit of 0 means that reading pauses while kPauseChunks wait; any other limit means
+  // that what is read beyond it is lost, with a warning.
+  PellInternalClientRxThread(PellInternalClient& client, uint32_t queueLimit);
+
+  static constexpr uint32_t kPauseChunks = 8000;
+  // Keep-alives go out from this many consecutive time-outs on.
+  static constexpr uint32_t kKeepAliveTimeouts = 5;
+  // This many consecutive time-outs end the link.
+  static constexpr uint32_t kDeadTimeouts = 10;
+
+ protected:
+  void InternalThreadEntry() override;
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  bool goesOn();
+  void keepConnected();
+  void readOnce();
+  void handleData(int32_t length);
+  void handleEnd(int descriptor);
+  void handleTimeout(int descriptor);
+  void handleError(int error);
+  void pauseWhileFull();
+  void sendKeepAlive();
+
+  PellInternalClient& client_;
+  uint32_t timeoutCount_ = 0;
+  const uint32_t queueLimit_;
+  std::unique_ptr<ReceivedChunk> chunk_;
+  Clock::time_point lastKeepAlive_{};
+  Clock::time_point nextAttempt_{};
+};
+
+}  // namespace valtor

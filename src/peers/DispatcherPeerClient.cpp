@@ -1,0 +1,211 @@
+#include "peers/DispatcherPeerClient.h"
+
+#include <cstdio>
+#include <syslog.h>
+#include <utility>
+
+#include "app/util/ErrnoText.h"
+#include "app/util/OwnedJSON.h"
+#include "bus/PellInternalMessage.h"
+#include "peers/ForwardingFilters.h"
+
+namespace valtor {
+
+DispatcherPeerClient::DispatcherPeerClient() {
+  setTiming(descriptionTiming());
+  setReceiveAll(true);
+  addSubscription("device*");
+  addSubscription("controller*");
+}
+
+DispatcherPeerClient::DispatcherPeerClient(std::string host, int32_t port, std::string busName)
+    : PellInternalClient(std::move(host), port, std::move(busName), kSendRetryBudget) {
+  setTiming(hostTiming());
+  setReceiveAll(true);
+  addSubscription("controller*");
+  addSubscription("device*");
+}
+
+DispatcherPeerClient::~DispatcherPeerClient() { stopForDestruction(); }
+
+PellInternalClient::Timing DispatcherPeerClient::descriptionTiming() {
+  Timing timing;
+  timing.ownerAttempt = std::chrono::milliseconds(50);
+  return timing;
+}
+
+PellInternalClient::Timing DispatcherPeerClient::hostTiming() {
+  Timing timing = descriptionTiming();
+  timing.receiveTimeout = std::chrono::seconds(1);
+  return timing;
+}
+
+int DispatcherPeerClient::getConnID() {
+  std::printf("DispatcherPeerClient needs ID\n");
+  return kConnID;
+}
+
+bool DispatcherPeerClient::isLocalBusClient() { return false; }
+
+int DispatcherPeerClient::onMessage(const PellInternalMessage& message) {
+  PellInternalClient::onMessage(message);
+
+  FilterResult result = filterToMaster(message);
+  IPellaMessageForwarder* const forwarder = forwarder_;
+  if (result.pass && forwarder == nullptr) {
+    result = FilterResult::blocked("noForwarder");
+  }
+  if (!result.pass) {
+    traceBlocked("peer->master", message, result.rule);
+    return -1;
+  }
+  // First, so that the answer to this very request finds its host when it comes back on the
+  // master's thread.
+  if (message.getKind() == MessageKind::GET && message.header.path == "db") {
+    noteDatabaseRequest(message);
+  }
+  forwarder->forwardMessage(message);
+  return 0;
+}
+
+FilterResult DispatcherPeerClient::filterToMaster(const PellInternalMessage& message) const {
+  return nodePeerToMaster(message);
+}
+
+void DispatcherPeerClient::noteDatabaseRequest(const PellInternalMessage& message) {
+  std::string host = hostOfIdentifier(message.getUniqueId());
+  const Locked lock(dbRequestHostLock_);
+  dbRequestHost_ = std::move(host);
+}
+
+std::string DispatcherPeerClient::dbRequestHost() const {
+  const Locked lock(dbRequestHostLock_);
+  return dbRequestHost_;
+}
+
+void DispatcherPeerClient::updateFrom(DispatcherPeerClient& other) {
+  if (&other == this) {
+    return;
+  }
+  std::string type;
+  std::string uniqueID;
+  std::string name;
+  PhyList phys;
+  {
+    const Locked lock(other.descriptionLock_);
+    type = other.type_;
+    uniqueID = other.uniqueID_;
+    name = other.descriptionName_;
+    phys.swap(other.phys_);
+  }
+  const Locked lock(descriptionLock_);
+  descriptionName_ = std::move(name);
+  phys_ = std::move(phys);
+  type_ = std::move(type);
+  uniqueID_ = std::move(uniqueID);
+}
+
+int DispatcherPeerClient::loadFromJSON(const cJSON* item) {
+  syslog(LOG_DEBUG, "%s: %s\n", "virtual int DispatcherPeerClient::loadFromJSON(cJSON*)",
+         quotedForLog(printJSON(item, true).c_str()).c_str());
+  const char* const type = stringMember(item, "type");
+  if (type == nullptr) {
+    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - type not specified.\n");
+    return -1;
+  }
+  {
+    const Locked lock(descriptionLock_);
+    type_ = type;
+  }
+  const cJSON* const phys = cJSON_GetObjectItem(item, "phy");
+  if (phys == nullptr) {
+    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - phy not specified.\n");
+    return -1;
+  }
+  if (!loadPhys(phys)) {
+    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - no valid phy found.\n");
+    return -1;
+  }
+  const char* const name = stringMember(item, "name");
+  if (name == nullptr) {
+    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - name not specified.\n");
+    return -1;
+  }
+  {
+    const Locked lock(descriptionLock_);
+    descriptionName_ = name;
+  }
+  const char* const uniqueID = stringMember(item, "uniqueID");
+  if (uniqueID == nullptr) {
+    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - uniqueID not specified.\n");
+    return -1;
+  }
+  setUniqueID(uniqueID);
+  return 0;
+}
+
+// Whether at least one phy was accepted. Accepted ones replace those of an earlier load.
+bool DispatcherPeerClient::loadPhys(const cJSON* array) {
+  PhyList accepted;
+  const cJSON* element = nullptr;
+  if (cJSON_IsArray(array) != 0) {
+    cJSON_ArrayForEach(element, array) {
+      auto phy = ConnectionPointPhy::createFromJSON(element);
+      if (phy == nullptr) {
+        syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - invalid phy details.\n");
+      } else if (setEndpointFromPhy(*phy)) {
+        accepted.push_back(std::move(phy));
+      }
+    }
+  }
+  if (accepted.empty()) {
+    return false;
+  }
+  const Locked lock(descriptionLock_);
+  phys_ = std::move(accepted);
+  return true;
+}
+
+JSONPtr DispatcherPeerClient::toJSON() const {
+  const bool connected = isConnected();
+  JSONPtr object(cJSON_CreateObject());
+  JSONPtr phys(cJSON_CreateArray());
+  const Locked lock(descriptionLock_);
+  for (const auto& phy : phys_) {
+    addElement(phys.get(), phy->toJSON());
+  }
+  addMember(object.get(), "type", JSONPtr(cJSON_CreateString(type_.c_str())));
+  addMember(object.get(), "name", JSONPtr(cJSON_CreateString(descriptionName_.c_str())));
+  addMember(object.get(), "uniqueID", JSONPtr(cJSON_CreateString(uniqueID_.c_str())));
+  addMember(object.get(), "phy", std::move(phys));
+  addMember(object.get(), "enabled", JSONPtr(cJSON_CreateBool(enabled_ ? 1 : 0)));
+  addMember(object.get(), "connected", JSONPtr(cJSON_CreateBool(connected ? 1 : 0)));
+  return object;
+}
+
+std::string DispatcherPeerClient::type() const {
+  const Locked lock(descriptionLock_);
+  return type_;
+}
+
+std::string DispatcherPeerClient::uniqueID() const {
+  const Locked lock(descriptionLock_);
+  return uniqueID_;
+}
+
+void DispatcherPeerClient::setUniqueID(const std::string& uniqueID) {
+  const Locked lock(descriptionLock_);
+  uniqueID_ = uniqueID;
+}
+
+std::string DispatcherPeerClient::descriptionName() const {
+  const Locked lock(descriptionLock_);
+  return descriptionName_;
+}
+
+std::size_t DispatcherPeerClient::physCount() const {
+  const Locked lock(descriptionLock_);
+  return phys_.size();
+}
+
+}  // namespace valtor

@@ -1,0 +1,167 @@
+#include "peers/RemoteValtorConnectionPoint.h"
+
+#include <string>
+#include <syslog.h>
+#include <utility>
+
+#include "app/util/OwnedJSON.h"
+#include "bus/IPellaMessageForwarder.h"
+#include "bus/RequestMessages.h"
+#include "peers/ValtorRouterPeerConnection.h"
+#include "peers/ValtorRouterPeerManager.h"
+#include "router/RouteOperation.h"
+
+namespace valtor {
+
+bool isLoopback(const IPPhy& phy) { return phy.getIPAddress() == "127.0.0.1"; }
+
+RemoteValtorConnectionPoint::RemoteValtorConnectionPoint(IPellInternalClient& sender,
+                                                         AbstractConnectionPointManager& manager,
+                                                         bool rejectLoopback)
+    : ConnectionPoint("remoteValtor", sender, manager), rejectLoopback_(rejectLoopback) {
+  setDeletable(true);
+}
+
+RemoteValtorConnectionPoint::~RemoteValtorConnectionPoint() { giveUpPeer(); }
+
+int RemoteValtorConnectionPoint::connect() {
+  const auto phy = firstTCPPhy();
+  if (!phy || (rejectLoopback_ && isLoopback(*phy))) {
+    return 0;
+  }
+  const std::string uniqueID = getUniqueID();
+  if (!phy->isConnectable()) {
+    syslog(LOG_WARNING,
+           "RemoteValtorConnectionPoint %s (%s) stays down: its tcp phy names no place to connect "
+           "to (address \"%s\", port %d).\n",
+           getName().c_str(), uniqueID.c_str(), phy->getIPAddress().c_str(), phy->getPort());
+    return 0;
+  }
+  const auto peers = routerPeerManager();
+  if (peers == nullptr) {
+    return 0;
+  }
+  for (const auto& peer : peersOfThisID(*peers)) {
+    if (reconnect(*peer, *phy)) {
+      return 1;
+    }
+  }
+  createPeer(*peers, uniqueID, *phy);
+  return 1;
+}
+
+void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
+                                             const std::string& uniqueID, const IPPhy& phy) {
+  const auto peer =
+      std::make_shared<ValtorRouterPeerConnection>(phy.getIPAddress(), phy.getPort(), getName());
+  peer->setTiming(peers.peerTiming());
+  peer->setUniqueID(uniqueID);
+  peer->setForwarder(forwarder());
+  peer->setOwner(*this);
+  peer->connect();
+  peers.addPeer(peer);
+}
+
+bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy) {
+  if (!peer.setOwner(*this)) {
+    return false;
+  }
+  const bool moved = peer.host() != phy.getIPAddress() || peer.port() != phy.getPort();
+  if (!moved && peer.isConnected()) {
+    return true;
+  }
+  if (moved) {
+    // Its threads may still be trying the old place.
+    peer.disconnect();
+    peer.setEndpoint(phy.getIPAddress(), phy.getPort());
+  }
+  peer.setForwarder(forwarder());
+  peer.connect();
+  return true;
+}
+
+void RemoteValtorConnectionPoint::disconnect() {
+  setConnected(false);
+  if (const auto peers = routerPeerManager()) {
+    if (const auto peer = ownPeer(*peers)) {
+      peer->disconnect();
+    }
+  }
+}
+
+void RemoteValtorConnectionPoint::releasePeer() {
+  removeAllDeviceConnections();
+  giveUpPeer();
+}
+
+// Lets go first, so that the peer's threads report nothing any more and no other connection point
+// takes the peer over while it is being removed; what they would have reported follows here.
+void RemoteValtorConnectionPoint::giveUpPeer() {
+  if (const auto peers = routerPeerManager()) {
+    const auto peer = ownPeer(*peers);
+    if (peer != nullptr && peer->clearOwner(*this)) {
+      peers->removePeer(peer);
+    }
+  }
+  if (isConnected()) {
+    setConnected(false);
+  }
+}
+
+RemoteValtorConnectionPoint::RouterPeers RemoteValtorConnectionPoint::peersOfThisID(
+    const ValtorRouterPeerManager& peers) const {
+  const std::string uniqueID = getUniqueID();
+  RouterPeers found;
+  for (const auto& peer : peers.peers()) {
+    auto router = std::dynamic_pointer_cast<ValtorRouterPeerConnection>(peer);
+    if (router != nullptr && router->uniqueID() == uniqueID) {
+      found.push_back(std::move(router));
+    }
+  }
+  return found;
+}
+
+std::shared_ptr<ValtorRouterPeerConnection> RemoteValtorConnectionPoint::ownPeer(
+    const ValtorRouterPeerManager& peers) const {
+  for (auto& peer : peersOfThisID(peers)) {
+    if (peer->isOwnedBy(*this)) {
+      return std::move(peer);
+    }
+  }
+  return nullptr;
+}
+
+IPellaMessageForwarder* RemoteValtorConnectionPoint::forwarder() const {
+  return dynamic_cast<IPellaMessageForwarder*>(&sender());
+}
+
+std::unique_ptr<AbstractDeviceConnection> RemoteValtorConnectionPoint::createDeviceConnection(
+    const DeviceConnectionDetails& /*details*/) {
+  return nullptr;
+}
+
+void RemoteValtorConnectionPoint::notifyParam(bool connected) {
+  ConnectionPoint::notifyParam(connected);
+  if (connected) {
+    requestLogicalSourcesAndDests();
+    requestRouteStatus();
+  }
+}
+
+void RemoteValtorConnectionPoint::requestLogicalSourcesAndDests() {
+  sender().sendMessage(
+      GETMessage("db", std::vector<std::string>{"logicalSources", "logicalDests"}));
+}
+
+void RemoteValtorConnectionPoint::requestRouteStatus() {
+  RouteOperation operation;
+  for (unsigned level = 0; level <= kHighestLevel; ++level) {
+    operation.level.setLevel(level);
+  }
+  operation.hasDestRange = true;
+  operation.destRangeFirst = 0;
+  operation.destRangeLast = kHighestDestination;
+  sender().sendMessage(CMDMessage(operation, "stat"));
+}
+
+}  // namespace valtor

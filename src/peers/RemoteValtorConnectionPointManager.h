@@ -1,0 +1,33 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "connections/ConnectionPointManager.h"
+
+namespace valtor {
+
+// The connection points that stand for remote routers. Besides managing them it hands every message
+// that it is offered to the process's router peer manager, which is the whole way from the master
+// bus to the routers. Bus client and router peer manager outlive its connection points.
+class RemoteValtorConnectionPointManager : public ConnectionPointManager {
+ public:
+  RemoteValtorConnectionPointManager(const std::string& name, const std::string& type,
+                                     IPellInternalClient& busClient, bool rejectLoopback = true);
+  ~RemoteValtorConnectionPointManager() override;
+
+  // Whether routers at 127.0.0.1 are refused. Holds for connection points created afterwards.
+  bool rejectsLoopback() const { return rejectLoopback_; }
+  void setRejectLoopback(bool reject) { rejectLoopback_ = reject; }
+
+  // The inherited handling and its result; the message then goes to the routers in any case.
+  bool handleMessage(const PellInternalMessage& message, ResponseList& responses) override;
+  // A remote router; none when the description does not load or is refused.
+  std::unique_ptr<ConnectionPoint> createConnectionPoint(const cJSON* item) override;
+
+ private:
+  std::atomic<bool> rejectLoopback_;
+};
+
+}  // namespace valtor

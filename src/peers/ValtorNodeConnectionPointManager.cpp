@@ -1,0 +1,288 @@
+#include "peers/ValtorNodeConnectionPointManager.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <string_view>
+#include <utility>
+
+#include "app/util/OwnedJSON.h"
+#include "bus/PellInternalMessage.h"
+#include "bus/RSPMessage.h"
+#include "peers/ForwardingFilters.h"
+
+namespace valtor {
+
+namespace {
+
+constexpr const char* kConnectionPoint = "connectionPoint";
+constexpr const char* kConnectionPointManager = "connectionPointManager";
+
+// What one element of "objectName" names in a delete request. An element "connectionPoint.<id>"
+// says itself that it names a connection point, and from then on so do plain elements; until then
+// those name nothing.
+const char* nameToDelete(const char* element, bool& connectionPointMode) {
+  const std::string_view text(element);
+  const std::size_t point = text.find('.');
+  if (point != std::string_view::npos && text.substr(0, point) == kConnectionPoint) {
+    connectionPointMode = true;
+    return element + point + 1;
+  }
+  return connectionPointMode ? element : nullptr;
+}
+
+}  // namespace
+
+ValtorNodeConnectionPointManager::ValtorNodeConnectionPointManager(
+    const std::string& name, IPellaMessageForwarder* forwarder)
+    : AbstractJSONTopLevelContainer(name), type_("Valtor Peer"), forwarder_(forwarder) {}
+
+ValtorNodeConnectionPointManager::~ValtorNodeConnectionPointManager() = default;
+
+int ValtorNodeConnectionPointManager::loadFromJSON(const cJSON* item) {
+  if (item == nullptr) {
+    return -1;
+  }
+  reset();
+  const cJSON* const array = arrayMember(item, kConnectionPoint);
+  if (cJSON_GetArraySize(array) > 0) {
+    loadPeers(array);
+  }
+  return 0;
+}
+
+void ValtorNodeConnectionPointManager::loadPeers(const cJSON* array) {
+  for (const PeerPtr& peer : peers()) {
+    peer->setMarkedForErase(true);
+  }
+  bool anyTaken = false;
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, array) {
+    const char* const type = stringMember(element, "type");
+    if (type == nullptr || !isSupportedType(type)) {
+      continue;
+    }
+    auto peer = createPeer(element);
+    if (peer != nullptr && addOrUpdatePeer(std::move(peer))) {
+      anyTaken = true;
+    }
+  }
+  if (anyTaken) {
+    connectPeers();
+  }
+  for (const PeerPtr& peer : peers()) {
+    if (peer->isMarkedForErase()) {
+      erasePeer(peer);
+    }
+  }
+}
+
+void ValtorNodeConnectionPointManager::erasePeer(const PeerPtr& peer) {
+  std::printf("%s erasing connectionPoint: %s\n",
+              "virtual int ValtorNodeConnectionPointManager::loadFromJSON(cJSON*)",
+              peer->uniqueID().c_str());
+  takeOut(peer);
+}
+
+JSONPtr ValtorNodeConnectionPointManager::toJSON() const {
+  JSONPtr object(cJSON_CreateObject());
+  addMember(object.get(), "type", JSONPtr(cJSON_CreateString(type_.c_str())));
+  // The phys are those of the peers; the manager has none of its own.
+  addMember(object.get(), "phy", JSONPtr(cJSON_CreateArray()));
+  addMember(object.get(), kConnectionPoint, peersToJSON());
+  return object;
+}
+
+JSONPtr ValtorNodeConnectionPointManager::peersToJSON() const {
+  JSONPtr array(cJSON_CreateArray());
+  for (const PeerPtr& peer : peers()) {
+    addElement(array.get(), peer->toJSON());
+  }
+  return array;
+}
+
+const char* ValtorNodeConnectionPointManager::getObjectName() const {
+  return "DispatcherPeerManager";
+}
+
+bool ValtorNodeConnectionPointManager::handleMessage(const PellInternalMessage& message,
+                                                     ResponseList& responses) {
+  switch (message.getKind()) {
+    case MessageKind::SET:
+      return replacePeers(message);
+    case MessageKind::DEL:
+      return deletePeers(message);
+    case MessageKind::GET:
+      return answerRead(message, responses);
+    default:
+      return false;
+  }
+}
+
+bool ValtorNodeConnectionPointManager::replacePeers(const PellInternalMessage& message) {
+  const cJSON* const param = cJSON_GetObjectItem(message.viewBody(), "param");
+  if (param == nullptr || (cJSON_GetObjectItem(param, getObjectName()) == nullptr &&
+                           cJSON_GetObjectItem(param, kConnectionPoint) == nullptr)) {
+    return false;
+  }
+  if (loadFromJSON(param) != 0) {
+    return false;
+  }
+  connectPeers();
+  save(false);
+  return true;
+}
+
+bool ValtorNodeConnectionPointManager::deletePeers(const PellInternalMessage& message) {
+  const char* const base = stringMember(message.viewBody(), "objectBase");
+  if (base != nullptr && std::string_view(base) != kConnectionPoint) {
+    return false;
+  }
+  bool connectionPointMode = base != nullptr;
+  bool anyRemoved = false;
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, arrayMember(message.viewBody(), "objectName")) {
+    if (cJSON_IsString(element) == 0) {
+      continue;
+    }
+    const char* const uniqueID = nameToDelete(element->valuestring, connectionPointMode);
+    if (uniqueID != nullptr && removePeer(uniqueID)) {
+      anyRemoved = true;
+    }
+  }
+  if (anyRemoved) {
+    save(false);
+  }
+  return anyRemoved;
+}
+
+bool ValtorNodeConnectionPointManager::answerRead(const PellInternalMessage& message,
+                                                  ResponseList& responses) const {
+  bool anyAnswered = false;
+  const cJSON* element = nullptr;
+  cJSON_ArrayForEach(element, arrayMember(message.viewBody(), "objectName")) {
+    if (cJSON_IsString(element) == 0) {
+      continue;
+    }
+    JSONPtr array;
+    const std::string_view name(element->valuestring);
+    if (name == kConnectionPoint) {
+      array = peersToJSON();
+    } else if (name == kConnectionPointManager) {
+      array.reset(cJSON_CreateArray());
+      addElement(array.get(), toJSON());
+    } else {
+      continue;
+    }
+    JSONPtr param(cJSON_CreateObject());
+    addMember(param.get(), element->valuestring, std::move(array));
+    responses.push_back(std::make_unique<RSPMessage>(message, nullptr, std::move(param)));
+    anyAnswered = true;
+  }
+  return anyAnswered;
+}
+
+JSONPtr ValtorNodeConnectionPointManager::getInterfaceJSON() { return JSONPtr(cJSON_CreateNull()); }
+
+bool ValtorNodeConnectionPointManager::connectPeers() {
+  for (const PeerPtr& peer : peers()) {
+    if (!peer->isConnected()) {
+      peer->setForwarder(forwarder_);
+      peer->connect();
+    }
+  }
+  return true;
+}
+
+FilterResult ValtorNodeConnectionPointManager::filterToPeer(
+    const DispatcherPeerClient& /*peer*/, const PellInternalMessage& message) const {
+  return nodeMasterToPeer(message);
+}
+
+bool ValtorNodeConnectionPointManager::isSupportedType(const std::string& type) const {
+  return type == type_;
+}
+
+std::unique_ptr<DispatcherPeerClient> ValtorNodeConnectionPointManager::createPeer(
+    const cJSON* item) {
+  auto peer = std::make_unique<DispatcherPeerClient>();
+  if (peer->loadFromJSON(item) != 0) {
+    return nullptr;
+  }
+  return peer;
+}
+
+bool ValtorNodeConnectionPointManager::addOrUpdatePeer(std::unique_ptr<DispatcherPeerClient> peer) {
+  if (!isSupportedType(peer->type())) {
+    return false;
+  }
+  const PeerPtr existing = findPeer(peer->uniqueID());
+  if (existing == nullptr) {
+    addPeer(std::move(peer));
+    return true;
+  }
+  existing->updateFrom(*peer);
+  existing->setMarkedForErase(false);
+  return true;
+}
+
+void ValtorNodeConnectionPointManager::forwardToPeers(const PellInternalMessage& message) {
+  std::string encoded;
+  for (const PeerPtr& peer : peers()) {
+    const FilterResult result = filterToPeer(*peer, message);
+    if (!result.pass) {
+      traceBlocked("master->peer", message, result.rule);
+      continue;
+    }
+    if (encoded.empty()) {
+      encoded = message.encode();
+    }
+    std::printf("master->peer send %.128s \n", encoded.c_str());
+    peer->sendConstMessage(message);
+  }
+}
+
+ValtorNodeConnectionPointManager::PeerPtr ValtorNodeConnectionPointManager::findPeer(
+    const std::string& uniqueID) const {
+  for (const PeerPtr& peer : peers()) {
+    if (peer->uniqueID() == uniqueID) {
+      return peer;
+    }
+  }
+  return nullptr;
+}
+
+void ValtorNodeConnectionPointManager::addPeer(PeerPtr peer) {
+  const Locked lock(peersLock_);
+  peers_.push_back(std::move(peer));
+}
+
+bool ValtorNodeConnectionPointManager::removePeer(const std::string& uniqueID) {
+  return removePeer(findPeer(uniqueID));
+}
+
+bool ValtorNodeConnectionPointManager::removePeer(const PeerPtr& peer) {
+  if (peer == nullptr) {
+    return false;
+  }
+  // Without the list's lock: the peer's threads take as long as they take.
+  peer->disconnect();
+  peer->waitTillComplete();
+  return takeOut(peer);
+}
+
+bool ValtorNodeConnectionPointManager::takeOut(const PeerPtr& peer) {
+  const Locked lock(peersLock_);
+  const auto found = std::find(peers_.begin(), peers_.end(), peer);
+  if (found == peers_.end()) {
+    return false;
+  }
+  peers_.erase(found);
+  return true;
+}
+
+ValtorNodeConnectionPointManager::PeerList ValtorNodeConnectionPointManager::peers() const {
+  const Locked lock(peersLock_);
+  return peers_;
+}
+
+}  // namespace valtor

@@ -1,0 +1,121 @@
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <string>
+#include <syslog.h>
+#include <thread>
+
+#include <CLI/CLI.hpp>
+
+#include "app/util/Console.h"
+#include "app/util/Files.h"
+#include "message-node/MessageNode.h"
+#include "message-node/NodeCommands.h"
+#include "message-node/NodeTrace.h"
+
+namespace {
+
+constexpr std::size_t kDefaultBodyLimit = 160;  // bytes of a body in a trace line
+
+struct Settings {
+  valtor::MessageNode::Options node;
+  std::string answersFile;
+  bool trace = true;
+  std::size_t bodyLimit = kDefaultBodyLimit;
+};
+
+std::string footer() {
+  return std::string("\n") + valtor::kNodeCommandHelp +
+         "\n"
+         "The answers file: {\"db\": {OBJECT: VALUE, ...}, \"route\": {COMMAND: VALUE, ...}}\n"
+         "  answers a GET on \"db\" that lists OBJECT in \"objectName\", and a CMD on \"route\"\n"
+         "  with a member COMMAND.\n"
+         "\n"
+         "Examples:\n"
+         "  valtor-node --answers controller.json         a controller on 127.0.0.1:15000\n"
+         "  valtor-node --listen 127.0.0.2                a router beside it\n"
+         "  valtor-node --port 0 --role standby           a free port, which is printed\n"
+         "  valtor-node --no-trace                        only connections and roles\n"
+         "A message typed in:\n"
+         "  send 490 CMD route 0 {\"id\":\"1@panel\",\"take\":[{\"destination\":[4]}]}\n";
+}
+
+void addOptions(CLI::App& app, Settings& settings) {
+  app.add_option("-l,--listen", settings.node.address, "IPv4 address to listen on")
+      ->check(CLI::ValidIPV4)
+      ->capture_default_str();
+  app.add_option("-p,--port", settings.node.port, "TCP port to listen on; 0 takes any free one")
+      ->capture_default_str();
+  app.add_option("-r,--role", settings.node.role, "what \"mdxMasterState\" is at the start")
+      ->capture_default_str();
+  app.add_option("-a,--answers", settings.answersFile, "JSON file with canned answers")
+      ->check(CLI::ExistingFile);
+  app.add_flag("--trace,!--no-trace", settings.trace, "print a line for each message (default)");
+  app.add_option("--trace-body", settings.bodyLimit, "bytes of a body that a trace line shows")
+      ->capture_default_str();
+  app.footer(footer());
+}
+
+void setCallbacks(Settings& settings) {
+  settings.node.onEvent = [](const std::string& line) { valtor::traceLine("%s\n", line.c_str()); };
+  if (settings.trace) {
+    settings.node.onMessage = [limit = settings.bodyLimit](const valtor::PassedMessage& message) {
+      valtor::traceLine("%s\n", valtor::traceText(message, limit).c_str());
+    };
+  }
+}
+
+// Carries out what standard input says until it ends or says quit; whether it said so.
+bool readCommands(valtor::MessageNode& node) {
+  std::string line;
+  while (std::getline(std::cin, line)) {
+    const valtor::CommandResult result = valtor::executeCommand(node, line);
+    std::fputs(result.reply.c_str(), stdout);
+    if (result.quit) {
+      return true;
+    }
+  }
+  return false;
+}
+
+int serve(Settings settings) {
+  if (!settings.answersFile.empty()) {
+    settings.node.answers = valtor::readTextFile(settings.answersFile, true);
+  }
+  setCallbacks(settings);
+  const std::string address = settings.node.address + ":" + std::to_string(settings.node.port);
+  valtor::MessageNode node(std::move(settings.node));
+  if (const std::error_code error = node.startListening()) {
+    std::fprintf(stderr, "valtor-node: cannot listen on %s: %s\n", address.c_str(),
+                 error.message().c_str());
+    return 1;
+  }
+  std::thread loop([&node] { node.run(); });
+  if (readCommands(node)) {
+    node.stop();
+  }
+  loop.join();
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  valtor::initConsole();
+  std::signal(SIGPIPE, SIG_IGN);
+  // What the stream parser has to say about broken frames is seen where the trace is.
+  openlog("valtor-node", LOG_PERROR, LOG_USER);
+  try {
+    Settings settings;
+    settings.node.port = 15000;
+    CLI::App app("A stand-in for the message node of a controller or a remote router.",
+                 "valtor-node");
+    addOptions(app, settings);
+    CLI11_PARSE(app, argc, argv);
+    return serve(std::move(settings));
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "valtor-node: %s\n", error.what());
+    return 1;
+  }
+}
