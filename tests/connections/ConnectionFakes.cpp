@@ -86,6 +86,31 @@ std::unique_ptr<AbstractDeviceConnection> FakeConnectionPoint::createDeviceConne
   return details.getName() == "none" ? nullptr : std::make_unique<FakeDevice>(details);
 }
 
+bool FakeConnectionPoint::showInUI() const {
+  if (onRender) {
+    onRender();
+  }
+  return true;
+}
+
+SlowRendering::SlowRendering(FakeConnectionPoint& connectionPoint) {
+  connectionPoint.onRender = [state = state_] {
+    if (!state->armed.exchange(false)) {
+      return;
+    }
+    state->started = true;
+    for (int i = 0; i < 5000; ++i) {
+      std::this_thread::yield();
+    }
+  };
+}
+
+void SlowRendering::waitForStart() const {
+  while (!state_->started) {
+    std::this_thread::yield();
+  }
+}
+
 FakeManager::FakeManager(IPellInternalClient& client, const std::string& type,
                          const std::string& subtype)
     : ConnectionPointManager("valtor", type, client) {
