@@ -98,7 +98,7 @@ TEST_F(ActiveDatabaseTest, ABrokenFileLeavesAManagerWithoutConnectionPoints) {
            Case{"no object", text("[]"), "not a JSON object: "},
            Case{"no list", text("{\"connectionPoint\":{\"a\":1}}"),
                 "no array \"connectionPoint\": "},
-           Case{"directory", [&] { fs::create_directory(path); }, "error while reading file: "},
+           Case{"directory", [&] { fs::create_directory(path); }, "error while opening file: "},
            Case{"unreadable", [&] { fs::create_symlink(path, path); },
                 "error while opening file: "},
        }) {
