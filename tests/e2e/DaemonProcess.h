@@ -2,7 +2,6 @@
 
 #include <string>
 #include <sys/types.h>
-#include <vector>
 
 #include "support/TemporaryFolder.h"
 
@@ -19,8 +18,8 @@ class DaemonProcess {
     Unreadable,  // standard output is a pipe that nobody reads any more
   };
 
-  explicit DaemonProcess(std::vector<std::string> arguments = {},
-                         Streams streams = Streams::Captured);
+  // The options are one argument, or none when empty.
+  explicit DaemonProcess(const std::string& options = "", Streams streams = Streams::Captured);
   // stop()
   ~DaemonProcess();
   DaemonProcess(const DaemonProcess&) = delete;
@@ -28,14 +27,11 @@ class DaemonProcess {
 
   // Ends it with SIGTERM and checks that this is what it died of, and that no sanitizer reported.
   void stop();
-
   // What it has printed so far.
   std::string console() const;
-  // Waits until it has printed the text.
-  bool prints(const std::string& text) const;
 
  private:
-  [[noreturn]] void become(char* const* argv, char* const* environment, Streams streams) const;
+  void redirect(Streams streams) const;
 
   TemporaryFolder folder_;
   pid_t process_ = -1;

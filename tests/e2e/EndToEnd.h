@@ -1,12 +1,7 @@
 #pragma once
 
-#include <filesystem>
 #include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <vector>
 
-#include "app/util/Paths.h"
 #include "e2e/DaemonProcess.h"
 #include "support/BridgeSite.h"
 
@@ -19,85 +14,75 @@ class EndToEndTest : public testing::Test {
   static constexpr uint16_t kPort = 15000;
 
   EndToEndTest() {
-    setPathPrefix(VALTOR_TEST_ROOT);
     namespace fs = std::filesystem;
     fs::remove_all(VALTOR_TEST_ROOT);
-    fs::create_directories(paths().databaseDirectory);
-    fs::create_directories(fs::path(paths().containerDirectory).parent_path());
-    fs::create_directories(fs::path(paths().incomingClientDirectory).parent_path().parent_path());
-    fs::create_directories(fs::path(paths().hostAddressFile).parent_path());
+    for (const fs::path path : {paths().databaseDirectory, paths().containerDirectory,
+                                paths().incomingClientDirectory, paths().hostAddressFile}) {
+      fs::create_directories(path.parent_path());
+    }
+    fs::remove(paths().incomingClientDirectory);
     std::ofstream(paths().hostAddressFile) << "00:11:a2:b3:c4:d5\n";
     writeActiveDatabase(site.alphaEntry() + "," + site.betaEntry());
   }
   void TearDown() override {
-    if (daemon == nullptr) {
-      return;
-    }
-    daemon->stop();
-    if (HasFailure()) {
-      std::fputs(daemon->console().c_str(), stderr);
+    if (daemon != nullptr) {
+      daemon->stop();
+      if (HasFailure()) {
+        std::fputs(daemon->console().c_str(), stderr);
+      }
     }
   }
 
-  void startDaemon(const std::vector<std::string>& arguments = {},
+  void startDaemon(const std::string& options = "",
                    DaemonProcess::Streams streams = DaemonProcess::Streams::Captured) {
-    daemon = std::make_unique<DaemonProcess>(arguments, streams);
+    daemon = std::make_unique<DaemonProcess>(options, streams);
+    ASSERT_TRUE(BridgeSite::becomesLinked(*site.controller));
   }
   // With both links up, and start-up over: until then requests wait.
   void startComplete() {
     startDaemon();
     ASSERT_TRUE(site.becomesComplete());
     ASSERT_TRUE(isServed());
-    ASSERT_TRUE(eventually([this] { return routeRequests() == 2; }));
-  }
-
-  // How many links have come up, by the last request that each of them makes.
-  std::size_t routeRequests() const {
-    return site.controller->countPassed([](const PassedMessage& one) {
-      return one.from == "valtorRemote" && one.kind == MessageKind::CMD && one.path == "route";
-    });
   }
 
   // A route command from a panel, different at every call, reaches the router unchanged.
   bool commandReaches(const RunningNode& router) {
-    return BridgeSite::crosses(
-        *site.controller, router,
-        "[\"CMD\", \"route\", 490, 0, 0]\n{ \"id\" : \"" + std::to_string(++number) + "\" }");
+    return BridgeSite::crosses(*site.controller, router,
+                               "[\"CMD\", \"route\", 490, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
   }
   // A status notification of the router reaches the controller's bus unchanged.
   bool statusArrivesFrom(RunningNode& router) {
-    return BridgeSite::crosses(
-        router, *site.controller,
-        "[\"NOT\", \"route\", 100, 0, 0]\n{ \"id\" : \"" + std::to_string(++number) + "\" }");
+    return BridgeSite::crosses(router, *site.controller,
+                               "[\"NOT\", \"route\", 100, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
   }
 
-  // The bodies of the daemon's answers to a request that connection 490 makes on the controller's
-  // bus, once there are as many.
-  std::vector<std::string> ask(const std::string& kind, const std::string& path,
-                               const std::string& members, std::size_t answers = 1) {
-    const std::string id = "{\"id\":\"ask" + std::to_string(++number) + "\",";
-    (*site.controller)->inject(490, kind, path, 0, id + members + "}");
-    std::vector<std::string> bodies;
+  // The body of the daemon's answer, without the identifier, to a request on "device" that
+  // connection 490 makes on the controller's bus; "" when none comes.
+  std::string ask(const std::string& kind, const std::string& members) {
+    const std::string id = "{\"id\":\"ask" + nextNumber() + "\",";
+    (*site.controller)->inject(490, kind, "device", 0, id + members + "}");
+    std::string answer;
     EXPECT_TRUE(eventually([&] {
-      bodies.clear();
       for (const PassedMessage& one : site.controller->passed()) {
-        if (one.source == 101 && one.destination == 490 && one.body().substr(0, id.size()) == id) {
-          bodies.emplace_back(one.body());
+        if (one.source == 101 && one.destination == 490 && one.body().rfind(id, 0) == 0) {
+          answer = one.body().substr(id.size());
         }
       }
-      return bodies.size() >= answers;
+      return !answer.empty();
     })) << kind
         << " " << members;
-    return bodies;
+    return answer;
   }
-  bool isServed() {
-    const auto answers = ask("GET", "device", R"("objectName":["connectionPoint"])");
-    return answers.size() == 1 && answers[0].find(R"("uniqueID":"alpha")") != std::string::npos;
-  }
+  std::string list() { return ask("GET", R"("objectName":["connectionPoint"])"); }
+  bool isServed() { return list().find(R"("uniqueID":"beta")") != std::string::npos; }
 
   BridgeSite site{kPort};
   std::unique_ptr<DaemonProcess> daemon;
-  int number = 0;
+
+ private:
+  std::string nextNumber() { return std::to_string(++number_); }
+
+  int number_ = 0;
 };
 
 }  // namespace valtor::test

@@ -36,9 +36,6 @@ class BridgeSite {
  public:
   static constexpr const char* kAlphaAddress = "127.0.0.2";
   static constexpr const char* kBetaAddress = "127.0.0.3";
-  // What the controller's bus answers to the requests of a link-up.
-  static constexpr const char* kAnswers =
-      R"({"db":{"logicalSources":[11],"logicalDests":[12]},"route":{"stat":[13]}})";
 
   // Every node takes this port, or one that is free.
   explicit BridgeSite(uint16_t port = 0) : port_(port) {
@@ -47,47 +44,34 @@ class BridgeSite {
     beta = start(kBetaAddress);
   }
 
-  void startController(const std::string& role = "active",
-                       std::function<void(const std::string&)> onEvent = nullptr,
-                       std::function<void(const PassedMessage&)> onMessage = nullptr) {
+  // Answers the requests of a link-up.
+  void startController(MessageNode::Options options = {}) {
     controller.reset();
-    MessageNode::Options options;
     options.port = port_;
+    options.answers = R"({"db":{"logicalSources":[11],"logicalDests":[12]},"route":{"stat":[13]}})";
+    controller = std::make_unique<RunningNode>(std::move(options));
+  }
+  void startController(const char* role) {
+    MessageNode::Options options;
     options.role = role;
-    options.answers = kAnswers;
-    options.onEvent = std::move(onEvent);
-    options.onMessage = std::move(onMessage);
-    controller = std::make_unique<RunningNode>(options);
+    startController(std::move(options));
   }
   // A router's node.
-  std::unique_ptr<RunningNode> start(
-      const std::string& address,
-      std::function<void(const PassedMessage&)> onMessage = nullptr) const {
-    MessageNode::Options options;
+  std::unique_ptr<RunningNode> start(const char* address, MessageNode::Options options = {}) const {
     options.address = address;
     options.port = port_;
-    options.onMessage = std::move(onMessage);
-    return std::make_unique<RunningNode>(options);
+    return std::make_unique<RunningNode>(std::move(options));
   }
 
-  std::string alphaEntry(const std::string& more = "") const {
-    return routerEntry("alpha", kAlphaAddress, alpha->port(), more);
-  }
-  std::string betaEntry(const std::string& more = "") const {
-    return routerEntry("beta", kBetaAddress, beta->port(), more);
-  }
+  std::string alphaEntry() const { return routerEntry("alpha", kAlphaAddress, alpha->port()); }
+  std::string betaEntry() const { return routerEntry("beta", kBetaAddress, beta->port()); }
 
-  // Whether the daemon is logged in on the node and has subscribed to all that it listens to there.
-  static bool isLinked(RunningNode& node, std::size_t subscriptions = 6) {
-    for (const NodeParticipant& one : node->participants()) {
-      if (one.subscriptions.size() >= subscriptions) {
-        return true;
-      }
-    }
-    return false;
-  }
+  // Whether the daemon logs in on the node and subscribes to what it listens to there.
   static bool becomesLinked(RunningNode& node) {
-    return eventually([&] { return isLinked(node); });
+    return eventually([&] {
+      const auto there = node->participants();
+      return !there.empty() && there.back().subscriptions.size() >= 6;
+    });
   }
   static bool becomesLeft(RunningNode& node) {
     return eventually([&] { return node->participants().empty(); });
@@ -104,6 +88,12 @@ class BridgeSite {
   static bool crosses(RunningNode& from, const RunningNode& to, const std::string& payload) {
     from->injectPayload(payload);
     return eventually([&] { return count(to, payload) > 0; });
+  }
+  // How many roles the daemon has followed, by its answers.
+  std::size_t answeredRoles() const {
+    return controller->countPassed([](const PassedMessage& one) {
+      return one.kind == MessageKind::RSP && one.path == "system" && one.source == 101;
+    });
   }
 
   std::unique_ptr<RunningNode> controller;
