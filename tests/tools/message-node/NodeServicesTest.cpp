@@ -1,0 +1,91 @@
+#include "tools/message-node/NodeFixture.h"
+
+namespace valtor::test {
+namespace {
+
+using NodeServicesTest = NodeFixture;
+
+TEST_F(NodeServicesTest, AKeepAliveIsAcknowledgedToItsSenderOnly) {
+  startNode();
+  join("peerA", 10000, {});
+  join("peerB", 10000, {""}, true);
+  say("peerA", "[\"SET\", \"\", 10000, 0, 0]\n{\"id\":\"7@1.aa\"}");
+  EXPECT_EQ(received("peerA"), Payloads{"[\"ACK\", \"\", 1, 10000, 0]\n{\"id\":\"7@1.aa\"}"});
+  EXPECT_EQ(received("peerB"), Payloads{});
+}
+
+TEST_F(NodeServicesTest, TheRoleIsAnsweredToWhoeverAsksAndAnnounced) {
+  startNode();
+  join("daemon", 101, {"system"}, true);
+  (*node)->setRole("standby");
+  EXPECT_EQ(received("daemon").at(0).rfind("[\"SET\", \"system\", 1, 0, 0]\n"
+                                           "{\"param\":{\"mdxMasterState\":\"standby\"},",
+                                           0),
+            0U);
+  const std::string request = "{\"id\":\"5\",\"param\":{\"objectName\":[\"mdxMasterState\"]}}";
+  const std::string answer = "{\"id\":\"5\",\"param\":{\"mdxMasterState\":\"standby\"}}";
+  say("daemon", "[\"GET\", \"system\", 101, 0, 0]\n" + request);
+  EXPECT_EQ(received("daemon"), Payloads{"[\"RSP\", \"system\", 1, 101, 0]\n" + answer});
+  // Somebody without a login gets the answer on the connection that asked.
+  const auto stranger = connectTo(node->port());
+  stranger->sendPayload("[\"GET\", \"system\", 0, 0, 0]\n" + request);
+  EXPECT_EQ(stranger->readFrame(), "[\"RSP\", \"system\", 1, 0, 0]\n" + answer);
+}
+
+TEST_F(NodeServicesTest, AParticipantMayAnnounceTheRole) {
+  startNode();
+  join("panel", 490, {});
+  const std::pair<const char*, const char*> cases[] = {
+      {"\"SET\", \"system\", 490, 0", "standby"},
+      {"\"SET\", \"system\", 490, 100", "active"},
+      {"\"NOT\", \"system\", 490, 0", "active"},
+      {"\"SET\", \"device\", 490, 0", "active"},
+  };
+  for (const auto& [header, role] : cases) {
+    (*node)->setRole("active");
+    say("panel", std::string("[") + header + "]\n{\"param\":{\"mdxMasterState\":\"standby\"}}");
+    EXPECT_EQ((*node)->role(), role) << header;
+  }
+}
+
+TEST_F(NodeServicesTest, CannedAnswersStandForParticipants) {
+  MessageNode::Options options;
+  options.answers = R"({"db":{"dests":[1],"sources":[]},"route":{"stat":{"all":true}}})";
+  startNode(std::move(options));
+  join("daemon", 101, {});
+  const std::string ok = "\"statusCode\":200,\"statusMsg\":\"OK\",";
+  const std::pair<std::string, Payloads> cases[] = {
+      {"[\"GET\", \"db\", 101, 0, 0]\n{\"id\":\"1\",\"objectName\":[\"dests\",7,\"unknown\"]}",
+       {"[\"RSP\", \"db\", 100, 101, 0]\n{\"id\":\"1\",\"requestCommand\":\"GET\"," + ok +
+        "\"param\":{\"dests\":[1]}}"}},
+      {"[\"CMD\", \"route\", 101, 0, 0]\n{\"id\":\"2\",\"stat\":[{}],\"userID\":0}",
+       {"[\"RSP\", \"route\", 100, 101, 0]\n{\"id\":\"2\",\"requestCommand\":\"CMD\"," + ok +
+        "\"param\":{\"stat\":{\"all\":true}}}"}},
+      {"[\"GET\", \"db\", 101, 0, 0]\n{\"id\":\"3\",\"objectName\":[\"unknown\"]}", {}},
+      {"[\"GET\", \"db\", 101, 55, 0]\n{\"id\":\"3\",\"objectName\":[\"dests\"]}", {}},
+  };
+  for (const auto& [request, answers] : cases) {
+    say("daemon", request);
+    EXPECT_EQ(received("daemon"), answers) << request;
+  }
+}
+
+TEST_F(NodeServicesTest, PausedOrClosedConnectionsLoseNothingAndComeBack) {
+  startNode();
+  ScriptedPeer& client = join("client", 1, {"db"});
+  (*node)->setWritingPaused("client", true);
+  ASSERT_TRUE((*node)->inject(2, "NOT", "db", 0, "{}"));
+  EXPECT_EQ((*node)->participants().at(0).unsentBytes, 29U);
+  (*node)->setWritingPaused("client", false);
+  EXPECT_EQ(received("client"), Payloads{"[\"NOT\", \"db\", 2, 0, 0]\n{}"});
+  (*node)->stopListening();
+  EXPECT_EQ((*node)->closeConnections("client"), 1U);
+  EXPECT_TRUE(client.waitForHangUp());
+  const uint16_t port = node->port();
+  EXPECT_EQ(connectTo(port), nullptr);
+  ASSERT_FALSE((*node)->startListening());
+  EXPECT_NE(connectTo(port), nullptr);
+}
+
+}  // namespace
+}  // namespace valtor::test
