@@ -93,13 +93,15 @@ TEST(ConformanceTest, LoadedIsRenderedAndLoadsAgain) {
 
 TEST(ConformanceTest, WrongTypesAnywhereDoNoHarm) {
   const std::string list = R"([null,true,-1e300,7,"x",[],{},[7,7],[[7]],[7,[[]]],[7,{}]])";
+  const std::string items[] = {
+      list, R"({"level":)" + list + R"(,"destRange":{"a":1,"b":2},"userID":"u"})",
+      R"({"level":[1],"status":)" + list + R"(,"protect":)" + list + "}",
+      R"({"name":"n","version":"x","details":)" + list + "}"};
   for (const Class& described : kClasses) {
     EXPECT_EQ(described.make()->loadFromJSON(nullptr), -1);
-    loaded(described, "-1e300");
-    loaded(described, list);
-    loaded(described, R"({"level":)" + list + R"(,"destRange":{"a":1,"b":2},"userID":"u"})");
-    loaded(described, R"({"level":[1],"status":)" + list + R"(,"protect":)" + list + "}");
-    loaded(described, R"({"name":"n","version":"x","details":)" + list + "}");
+    for (const std::string& item : items) {
+      loaded(described, item);
+    }
   }
 }
 

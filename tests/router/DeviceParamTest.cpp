@@ -8,8 +8,7 @@ namespace {
 
 DeviceParam makeParam(const std::string& oid, const std::string& text) {
   ParamStringValue value;
-  value.text = text;
-  value.isNull = false;
+  value.loadFromJSON(parseJSON("\"" + text + "\"").get());
   return DeviceParam(ParamOID(oid), value);
 }
 
