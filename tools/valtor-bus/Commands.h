@@ -72,7 +72,7 @@ struct RouteSettings {
   bool machineControl = false;
   std::optional<int32_t> userID;
   bool json = false;
-  bool wait = true;
+  bool noWait = false;
   double timeout = kAnswerTime;
 };
 // Switches every destination on every level to the one source, or to one source a level.
@@ -93,7 +93,7 @@ void record(BusConnection& connection, const RecordSettings& settings);
 struct ReplaySettings {
   std::string file;
   double speed = 1;  // 2: twice as fast as recorded
-  bool timing = true;
+  bool noTiming = false;
 };
 // Sends the messages of the file as they were recorded, header included, except those that set up
 // a connection.

@@ -92,7 +92,7 @@ void replay(BusConnection& connection, const ReplaySettings& settings) {
     }
     first = first.value_or(message->offset);
     const auto after = std::max(message->offset - *first, std::chrono::microseconds(0));
-    waitUntil(connection, settings.timing ? start + scaled(after, settings.speed) : start);
+    waitUntil(connection, settings.noTiming ? start : start + scaled(after, settings.speed));
     if (connection.interrupted()) {
       connection.finish();
       throw CommandFailure(ExitCode::Refused,

@@ -101,7 +101,7 @@ std::string routeLines(const std::vector<RouteOperation>& operations) {
 void takeRoute(BusConnection& connection, const RouteSettings& settings, Output& output) {
   const BusRequest request = routeRequest(kTakeKey, {takeOperation(settings)}, settings);
   connection.open();
-  if (!settings.wait) {
+  if (settings.noWait) {
     connection.send(request);
   } else if (!exchange(connection, request, settings.timeout,
                        [&](const PellInternalMessage& answer) {

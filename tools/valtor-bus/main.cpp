@@ -25,6 +25,10 @@ using valtor::ExitCode;
 using valtor::MessageKind;
 using valtor::Output;
 
+// Checks without the names that help would show beside each option.
+CLI::Validator notNegative() { return CLI::NonNegativeNumber.description(""); }
+CLI::Validator from(int first, int last) { return CLI::Range(first, last).description(""); }
+
 // What was asked for: a command, run once the whole command line has been understood.
 struct Request {
   valtor::BusSettings bus;
@@ -35,16 +39,16 @@ struct Request {
 struct FilterTexts {
   std::vector<std::string> paths;
   std::vector<std::string> kinds;
-  std::string from;
-  std::string to;
+  std::string sources;
+  std::string destinations;
 
   void addTo(CLI::App& app) {
     app.add_option("--path", paths, "only this path, or paths that begin so when it ends in *")
         ->allow_extra_args(false);
     app.add_option("--kind", kinds, "only this kind: GET, SET, DEL, UPDATE, CMD, NOT, RSP, ...")
         ->allow_extra_args(false);
-    app.add_option("--from", from, "only from these connection ids, such as 101 or 200-299");
-    app.add_option("--to", to, "only to these connection ids");
+    app.add_option("--from", sources, "only from these connection ids, such as 101 or 200-299");
+    app.add_option("--to", destinations, "only to these connection ids");
   }
   valtor::MessageFilter filter() const;
 };
@@ -57,7 +61,8 @@ struct Limits {
   void addTo(CLI::App& app) {
     app.add_option("--count", count, "end after so many messages");
     app.add_option("--timeout", timeout, "end after so many seconds")
-        ->check(CLI::NonNegativeNumber);
+        ->type_name("SECONDS")
+        ->check(notNegative());
   }
   std::optional<double> seconds() const {
     return timeout < 0 ? std::nullopt : std::optional<double>(timeout);
@@ -89,11 +94,11 @@ valtor::MessageFilter FilterTexts::filter() const {
   for (const std::string& kind : kinds) {
     filter.kinds.push_back(kindOf(kind));
   }
-  if (!from.empty()) {
-    filter.sources = valtor::parseNumbers("--from", from);
+  if (!sources.empty()) {
+    filter.sources = valtor::parseNumbers("--from", sources);
   }
-  if (!to.empty()) {
-    filter.destinations = valtor::parseNumbers("--to", to);
+  if (!destinations.empty()) {
+    filter.destinations = valtor::parseNumbers("--to", destinations);
   }
   return filter;
 }
@@ -123,7 +128,8 @@ CLI::App* addCommand(CLI::App& app, const char* name, const char* text,
 
 void addTimeout(CLI::App& app, double& timeout) {
   app.add_option("--timeout", timeout, "seconds to wait for the answer")
-      ->check(CLI::NonNegativeNumber)
+      ->type_name("SECONDS")
+      ->check(notNegative())
       ->capture_default_str();
 }
 
@@ -185,7 +191,8 @@ struct SendTexts {
 
 void addSendOptions(CLI::App& command, SendTexts& texts) {
   command.add_option("--dest", texts.settings.destination, "connection id of the addressee")
-      ->check(CLI::Range(0, INT_MAX));
+      ->type_name("ID")
+      ->check(from(0, INT_MAX));
   command.add_flag("--no-wait", texts.noWait, "send and wait for no answer");
   addTimeout(command, texts.settings.timeout);
 }
@@ -321,7 +328,7 @@ void addRoute(CLI::App& app, Request& request) {
   take->add_option("--source", settings->sources, "the source, or one for each level")->required();
   take->add_option("--user-id", settings->userID, "the user in whose name it is done");
   take->add_flag("--machine-control", settings->machineControl, "take machine control along");
-  take->add_flag("!--no-wait", settings->wait, "send and wait for no answer");
+  take->add_flag("--no-wait", settings->noWait, "send and wait for no answer");
   query->add_flag("--json", settings->json, "the answer's value as it is");
   take->callback([settings, &request] {
     request.command = [settings](BusConnection& connection, Output& output) {
@@ -367,9 +374,10 @@ void addReplay(CLI::App& app, Request& request) {
   const auto settings = std::make_shared<valtor::ReplaySettings>();
   command->add_option("FILE", settings->file, "a recording")->required();
   auto* speed = command->add_option("--speed", settings->speed, "2 is twice as fast as recorded")
-                    ->check(CLI::PositiveNumber)
+                    ->type_name("FACTOR")
+                    ->check(CLI::PositiveNumber.description(""))
                     ->capture_default_str();
-  command->add_flag("!--no-timing", settings->timing, "as fast as it goes")->excludes(speed);
+  command->add_flag("--no-timing", settings->noTiming, "as fast as it goes")->excludes(speed);
   command->callback([settings, &request] {
     request.command = [settings](BusConnection& connection, Output& /*output*/) {
       valtor::replay(connection, *settings);
@@ -381,12 +389,14 @@ void addAll(CLI::App& app, Request& request) {
   app.set_version_flag("--version", "valtor-bus " VALTOR_VERSION);
   app.add_option("--host", request.bus.host, "the message node's host")->capture_default_str();
   app.add_option("--port", request.bus.port, "its TCP port")
-      ->check(CLI::Range(1, 65535))
+      ->type_name("PORT")
+      ->check(from(1, 65535))
       ->capture_default_str();
   app.add_option("--name", request.bus.name, "name to log in with")->capture_default_str();
   app.add_option("--conn-id", request.bus.connID,
                  "connection id to log in with; by default 20000 to 29999, from the process id")
-      ->check(CLI::Range(1, INT_MAX));
+      ->type_name("ID")
+      ->check(from(1, INT_MAX));
   app.require_subcommand(1);
   app.fallthrough();
   addWatch(app, request);
