@@ -72,13 +72,18 @@ void AbstractConnectionPointManager::answer(ResponseList& responses,
 }
 
 bool AbstractConnectionPointManager::hasRoomForAnswer(const PellInternalMessage& message,
-                                                      const ResponseList& responses) {
-  if (responses.size() < kMaxAnswers) {
+                                                      const ResponseList& responses) const {
+  std::size_t stored = 0;
+  {
+    const Locked lock(lock_);
+    stored = connectionPoints_.size();
+  }
+  if (responses.size() < kMaxAnswers && responses.size() * stored < kMaxAnswered) {
     return true;
   }
   syslog(LOG_WARNING,
-         "A request of connection %d names more than %zu objects, the rest is ignored.\n",
-         message.header.sourceConnID, kMaxAnswers);
+         "A request of connection %d asks for too much, what follows its answer %zu is ignored.\n",
+         message.header.sourceConnID, responses.size());
   return false;
 }
 

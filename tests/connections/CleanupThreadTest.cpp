@@ -45,15 +45,6 @@ TEST(PurgeTest, RemovesOnlyMarkedAndDisconnectedServerConnectionPoints) {
   EXPECT_NE(list.find("\"unmarked\""), std::string::npos);
 }
 
-TEST(PurgeTest, ThatRemovesNothingWritesNothing) {
-  Scene scene;
-  FakeManager manager(scene.client);
-  manager.setCleanupInterval(kNever);
-  manager.add(clientDescription("A"));
-  manager.purgeMarkedClients();
-  EXPECT_FALSE(std::filesystem::exists(incomingClientFile()));
-}
-
 TEST(PurgeTest, LeavesAConnectionPointThatIsJustBeingUpdated) {
   Scene scene;
   FakeManager manager(scene.client);
@@ -120,18 +111,6 @@ TEST(CleanupThreadTest, GoesOnWhenTheFileCannotBeWritten) {
   addMarked(manager, "second");
   EXPECT_TRUE(eventually([&] { return manager.ids().empty(); }));
   EXPECT_GE(log.countContaining("error while opening file: "), 2);
-}
-
-TEST(CleanupThreadTest, EndsWithoutWaitingForTheTimeout) {
-  Scene scene;
-  FakeManager manager(scene.client);
-  // Would outlast this test by far.
-  ConnectionPointCleanupThread thread(manager, kNever);
-  ASSERT_TRUE(thread.start());
-  thread.end();
-  EXPECT_EQ(thread.join(), 0);
-  EXPECT_FALSE(thread.isRunning());
-  thread.end();  // has nobody left to wake
 }
 
 TEST(CleanupThreadTest, EndAndThreadMayCloseThePipeAtTheSameTime) {

@@ -13,23 +13,12 @@
 #include "bus/IPellInternalClient.h"
 #include "connections/ConnectionPointManager.h"
 #include "router/DeviceParamList.h"
+#include "support/Repeat.h"
 #include "support/TemporaryFolder.h"
 
 namespace valtor::test {
 
-// Rounds of a test that looks for races: the full number where a race is reported even when it does
-// no harm.
-#if defined(__SANITIZE_THREAD__)
-inline constexpr int kRaceRounds = 400;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-inline constexpr int kRaceRounds = 400;
-#else
-inline constexpr int kRaceRounds = 40;
-#endif
-#else
-inline constexpr int kRaceRounds = 40;
-#endif
+inline constexpr int kRaceRounds = repetitions(400);
 
 // A message as the bus would see it; the body without its identifier.
 struct SentMessage {

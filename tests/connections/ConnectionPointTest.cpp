@@ -26,15 +26,6 @@ class ConnectionPointTest : public testing::Test {
   int result = 0;
 };
 
-TEST_F(ConnectionPointTest, RendersWhatItLoadedWithItsState) {
-  const auto cp = load(clientDescription("A", 5000, R"(,"enabled":false,"connected":true)"));
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(rendered(*cp),
-            R"({"type":"valtor","name":"name of A","uniqueID":"A",)"
-            R"("phy":[{"type":"tcp","ipAddress":"10.1.2.3","port":5000,"server":true}],)"
-            R"("enabled":false,"connected":false,"showInUI":true})");
-}
-
 TEST_F(ConnectionPointTest, LeavesOutAnInvalidPhy) {
   const LogCapture log;
   const auto cp = load(R"({"type":"t","name":"n","uniqueID":"u",
@@ -172,26 +163,6 @@ TEST_F(ConnectionPointTest, AnUpdateWithOtherPhysDisconnectsWithoutTheDescriptio
   EXPECT_EQ(cp->firstTCPPhy()->getPort(), 5001);
 }
 
-TEST_F(ConnectionPointTest, OnlyADeletableOneCanBeMarked) {
-  const LogCapture log;
-  FakeConnectionPoint fixed(scene.client, manager, false);
-  fixed.markForDeletion(true);
-  EXPECT_FALSE(fixed.isMarkedForDeletion());
-  EXPECT_EQ(log.countContaining("marked for deletion"), 0);
-  const auto cp = load(clientDescription("A"));
-  cp->markForDeletion(true);
-  EXPECT_TRUE(cp->isMarkedForDeletion());
-  EXPECT_EQ(log.count(LOG_DEBUG, "A marked for deletion val=1.\n"), 1);
-  cp->markForDeletion(false);
-  EXPECT_FALSE(cp->isMarkedForDeletion());
-}
-
-TEST_F(ConnectionPointTest, LeavesATraceOfItsEnd) {
-  const ConsoleCapture console;
-  load(clientDescription("A"));
-  EXPECT_TRUE(console.contains("\t~ConnectionPoint - 0x"));
-}
-
 class ReportRaceTest : public ConnectionPointTest {
  protected:
   ReportRaceTest() {
@@ -270,17 +241,6 @@ TEST_F(DeviceConnectionTest, ANewDeviceIsAttachedSubscribedSeenAndAnnouncedWhenA
   EXPECT_EQ(scene.client.subscriptions(), (std::vector<std::string>{"device.d1", "device.d2"}));
   cp->addDeviceConnection(nullptr, true);
   EXPECT_EQ(scene.client.sent().size(), 1U);
-}
-
-TEST_F(DeviceConnectionTest, ADeviceOfTheSameIDTakesTheOldOnesPlace) {
-  std::shared_ptr<FakeDevice> old = addDevice("d1");
-  const auto successor = addDevice("d1");
-  EXPECT_FALSE(old->isAttached());
-  EXPECT_EQ(old.use_count(), 1);
-  JSONPtr array(cJSON_CreateArray());
-  EXPECT_EQ(cp->addDeviceConnectionsTo(array.get(), true), 1);
-  EXPECT_EQ(printJSON(array.get(), false), R"([{"uniqueID":"d1","online":true,"gone":true}])");
-  EXPECT_TRUE(successor->isAttached());
 }
 
 TEST_F(DeviceConnectionTest, DevicesFollowTheConnectionInTheOrderOfTheirIDs) {
