@@ -152,7 +152,7 @@ void AbstractConnectionPointManager::store(
 
 void AbstractConnectionPointManager::refuse(std::unique_ptr<ConnectionPoint> connectionPoint) {
   const std::string uniqueID = connectionPoint->getUniqueID();
-  syslog(LOG_INFO, "Add ConnectionPoint %s refused, Too Many.\n", uniqueID.c_str());
+  syslog(LOG_INFO, "Add ConnectionPoint %s refused, Too Many.\n", nameForLog(uniqueID).c_str());
   std::printf("Add ConnectionPoint %s refused, Too Many.\n", uniqueID.c_str());
   connectionPoint->disconnect();
 }
@@ -297,7 +297,7 @@ void AbstractConnectionPointManager::removeConnectionPoint(
   }
   syslog(LOG_INFO,
          "AbstractConnectionPointManager removeConnectionPoint %s, connections.size=%zu\n",
-         connectionPoint->getUniqueID().c_str(), connectionPoints_.size());
+         nameForLog(connectionPoint->getUniqueID()).c_str(), connectionPoints_.size());
   connectionPoints_.erase(found);
 }
 

@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <utility>
 
+#include "app/util/ErrnoText.h"
 #include "bus/RSPMessage.h"
 #include "connections/AbstractConnectionPointManager.h"
 
@@ -47,8 +48,14 @@ bool AbstractConnectionPointManager::handleMessage(const PellInternalMessage& me
 
 std::optional<std::string> AbstractConnectionPointManager::addressedDevice(
     const PellInternalMessage& message) {
-  const std::vector<std::string> elements = elementsOfPath(message.header.path);
-  return elements.size() > 1 ? std::optional<std::string>(elements[1]) : std::nullopt;
+  // Not split as a whole: a path may be twenty million points.
+  const std::string& path = message.header.path;
+  const std::size_t first = path.find('.');
+  if (first == std::string::npos) {
+    return std::nullopt;
+  }
+  const std::size_t second = path.find('.', first + 1);
+  return path.substr(first + 1, second == std::string::npos ? second : second - first - 1);
 }
 
 std::string_view AbstractConnectionPointManager::textOf(const cJSON* item) {
@@ -249,8 +256,8 @@ bool AbstractConnectionPointManager::deleteDeviceConnection(const std::string& u
   const Locked lock(lock_);
   for (const auto& entry : connectionPoints_) {
     if (entry.second->removeDeviceConnection(uniqueID)) {
-      syslog(LOG_INFO, "deviceConnection %s REMOVED from connectionPoint %s\n", uniqueID.c_str(),
-             entry.second->getUniqueID().c_str());
+      syslog(LOG_INFO, "deviceConnection %s REMOVED from connectionPoint %s\n",
+             nameForLog(uniqueID).c_str(), nameForLog(entry.second->getUniqueID()).c_str());
       changed = true;
     }
   }

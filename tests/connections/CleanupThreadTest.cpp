@@ -54,6 +54,19 @@ TEST(PurgeTest, ThatRemovesNothingWritesNothing) {
   EXPECT_FALSE(std::filesystem::exists(incomingClientFile()));
 }
 
+TEST(PurgeTest, LeavesAConnectionPointThatIsJustBeingUpdated) {
+  Scene scene;
+  FakeManager manager(scene.client);
+  manager.setCleanupInterval(kNever);
+  const auto cp = addMarked(manager, "in");
+  cp->onDisconnect = [&manager] { manager.purgeMarkedClients(); };
+  std::string moved = serverDescription("in");
+  moved.replace(moved.find("700"), 3, "701");
+  manager.addOrUpdateConnectionPoint(manager.createConnectionPoint(parseJSON(moved).get()));
+  EXPECT_EQ(cp->disconnects, 1);
+  EXPECT_EQ(manager.get("in"), cp);
+}
+
 TEST(PurgeTest, GivesWayToWhoeverHoldsTheLockAndCountsThat) {
   Scene scene;
   FakeManager manager(scene.client);

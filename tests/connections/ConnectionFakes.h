@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/util/Paths.h"
@@ -79,11 +80,30 @@ class FakeConnectionPoint : public ConnectionPoint {
   void disconnect() override;
   std::unique_ptr<AbstractDeviceConnection> createDeviceConnection(
       const DeviceConnectionDetails& details) override;
+  bool showInUI() const override;
 
   std::atomic<int> connects{0};
   std::atomic<int> disconnects{0};
   // Runs in disconnect(), before the state is set.
   std::function<void()> onDisconnect;
+  // Runs while the object is rendered, after its state was read.
+  std::function<void()> onRender;
+};
+
+// Holds up the first rendering of a connection point for long enough that another thread gets in,
+// unless a lock keeps it out.
+class SlowRendering {
+ public:
+  explicit SlowRendering(FakeConnectionPoint& connectionPoint);
+  // Until the rendering has begun.
+  void waitForStart() const;
+
+ private:
+  struct State {
+    std::atomic<bool> armed{true};
+    std::atomic<bool> started{false};
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 // A manager of FakeConnectionPoints. One whose unique ID begins with "keep" is not deletable.

@@ -192,17 +192,14 @@ TEST_F(ConnectionPointTest, LeavesATraceOfItsEnd) {
   EXPECT_TRUE(console.contains("\t~ConnectionPoint - 0x"));
 }
 
-// Two threads report at once: what the bus hears last must be how it is, for the connection point
-// and for its devices.
-TEST_F(ConnectionPointTest, TheLastWordOnTheBusIsTrueWhenTwoThreadsReport) {
-  for (int round = 0; round < kRaceRounds; ++round) {
-    const auto cp = load(clientDescription("A"));
+class ReportRaceTest : public ConnectionPointTest {
+ protected:
+  ReportRaceTest() {
     cp->addDeviceConnection(cp->createDeviceConnection({"A", "d", "f", "valtor", "n"}), false);
     scene.client.clear();
-    std::thread up([&] { cp->setConnected(true); });
-    std::thread down([&] { cp->setConnected(false); });
-    up.join();
-    down.join();
+  }
+  // What the bus heard last must be how it is, for the connection point and for its device.
+  void expectTrueLastWords() {
     std::string lastSelf;
     std::string lastDevice;
     for (const std::string& body : scene.client.bodies()) {
@@ -211,6 +208,39 @@ TEST_F(ConnectionPointTest, TheLastWordOnTheBusIsTrueWhenTwoThreadsReport) {
     const std::string state = cp->isConnected() ? "true" : "false";
     ASSERT_NE(lastSelf.find("\"connected\":" + state), std::string::npos) << lastSelf;
     ASSERT_NE(lastDevice.find("\"online\":" + state), std::string::npos) << lastDevice;
+  }
+
+  std::unique_ptr<FakeConnectionPoint> cp = load(clientDescription("A"));
+};
+
+TEST_F(ReportRaceTest, AReportDuringAnotherOnesRenderingHasTheLastWord) {
+  for (int round = 0; round < kRaceRounds / 8; ++round) {
+    const SlowRendering slow(*cp);
+    std::thread up([&] { cp->setConnected(true); });
+    slow.waitForStart();
+    cp->setConnected(false);
+    up.join();
+    expectTrueLastWords();
+  }
+}
+
+TEST_F(ReportRaceTest, TheLastWordOnTheBusIsTrueWhenThreadsReportAtOnce) {
+  const auto report = [this](bool state) {
+    for (int i = 0; i < 10; ++i) {
+      cp->setConnected(state);
+    }
+  };
+  for (int round = 0; round < kRaceRounds; ++round) {
+    scene.client.clear();
+    cp->setConnected(round % 2 == 0);
+    std::vector<std::thread> threads;
+    for (const bool state : {true, false, true, false}) {
+      threads.emplace_back(report, state);
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    expectTrueLastWords();
   }
 }
 

@@ -190,12 +190,11 @@ TEST_F(ManagerTest, AFailedWriteIsLoggedAndStopsNothing) {
 }
 
 TEST_F(ManagerTest, TheNewestListWinsWhenTwoThreadsWrite) {
-  for (int round = 0; round < kRaceRounds / 4; ++round) {
-    std::thread writer([this] {
-      for (int i = 0; i < 10; ++i) {
-        manager.writeIncomingClientConnections(true);
-      }
-    });
+  const auto first = manager.add(serverDescription("first"));
+  for (int round = 0; round < kRaceRounds / 8; ++round) {
+    const SlowRendering slow(*first);
+    std::thread writer([this] { manager.writeIncomingClientConnections(true); });
+    slow.waitForStart();
     const std::string uniqueID = "S" + std::to_string(round);
     manager.add(serverDescription(uniqueID));
     writer.join();
@@ -291,7 +290,7 @@ TEST_F(ManagerTest, ABrokenDatabaseFileIsReportedAndYieldsNothing) {
     std::string reason;
   } cases[] = {
       {scene.folder.at("missing"), "error while opening file: "},
-      {scene.folder.at("directory"), "error while reading file: "},
+      {scene.folder.at("directory"), "error while opening file: "},
       {scene.folder.write("empty", ""), "not JSON: "},
       {scene.folder.write("binary", binary), "not JSON: "},
       {scene.folder.write("cut", R"({"connectionPoint":[)" + clientDescription("A")), "not JSON: "},
