@@ -1,0 +1,63 @@
+#include <gtest/gtest.h>
+#include <numeric>
+#include <string>
+#include <vector>
+
+#include "support/TemporaryFolder.h"
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/JSONText.h"
+#include "valtor-bus/NumberRanges.h"
+#include "valtor-bus/Recording.h"
+
+namespace valtor::test {
+namespace {
+
+TEST(NumberRangesTest, NumbersAndRangesAsPeopleWriteThem) {
+  using Numbers = std::vector<int32_t>;
+  EXPECT_EQ(parseNumbers("", "9,2-4,3"), Numbers({9, 2, 3, 4, 3}));
+  EXPECT_EQ(parseNumberSet("", "9,2-4,3"), Numbers({2, 3, 4, 9}));
+  EXPECT_EQ(parseNumbers("", "2147483647-2147483647"), Numbers({2147483647}));
+  EXPECT_EQ(parseNumbers("", "0-65535").size(), kMostNumbers);
+  for (const char* wrong : {"", "1,", "-", "1-", "-1", "3-1", "1-2-3", "a", "1 ", " 1", "0x10",
+                            "2147483648", "0-65536", "0-65535,1", "0-2147483647"}) {
+    EXPECT_THROW(parseNumbers("--dest", wrong), CommandFailure) << wrong;
+  }
+}
+
+TEST(JSONTextTest, NumbersKeepTheirSpellingAndWhatIsBrokenIsSeen) {
+  EXPECT_EQ(compactJSON("{ \"a\" : [ 12345678901234567890123, 1.0e2,\n -0 ] }"),
+            "{\"a\":[12345678901234567890123,1.0e2,-0]}");
+  for (const std::string& broken : {std::string(100000, '['), std::string(), std::string("{}x"),
+                                    std::string("[01]"), std::string("[\"\xff\"]")}) {
+    EXPECT_FALSE(compactJSON(broken)) << broken;
+  }
+  EXPECT_EQ(printable("a\x1b[31m\nb\xc2\x9b\x7f\xffz"), "a [31m b\xc2\xa0 \xEF\xBF\xBDz");
+}
+
+TEST(RecordingTest, EveryByteSurvivesAndWhatIsNoMessageIsRefusedWithItsLine) {
+  std::string bytes(255, '\0');
+  std::iota(bytes.begin(), bytes.end(), '\1');
+  const TemporaryFolder folder;
+  const std::string path = folder.at("file");
+  RecordingWriter(path, RecordingWriter::Existing::Keep).add({std::chrono::hours(100), bytes});
+  const std::string good = fileContent(path);
+  for (const char* wrong : {"{}", "x", "{\"offset\":1}", "{\"offset\":-1,\"payload\":\"a\"}",
+                            "{\"offset\":1,\"hex\":\"4\"}", "{\"offset\":1,\"hex\":\"4g\"}"}) {
+    RecordingReader reader(folder.write("file", good + wrong));
+    const auto first = reader.next();
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->payload, bytes);
+    EXPECT_EQ(first->offset, std::chrono::hours(100));
+    try {
+      reader.next();
+      ADD_FAILURE() << wrong;
+    } catch (const CommandFailure& failure) {
+      EXPECT_EQ(failure.what(), path + ", line 3, is no recorded message");
+    }
+  }
+  EXPECT_THROW(RecordingReader(folder.write("other", "{\"offset\":0}\n")), CommandFailure);
+  EXPECT_THROW(RecordingWriter(path, RecordingWriter::Existing::Keep), CommandFailure);
+}
+
+}  // namespace
+}  // namespace valtor::test

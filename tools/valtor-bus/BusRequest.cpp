@@ -1,0 +1,91 @@
+#include "valtor-bus/BusRequest.h"
+
+#include <algorithm>
+#include <array>
+#include <unistd.h>
+
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/JSONText.h"
+
+namespace valtor {
+namespace {
+
+constexpr int kFirstRefusal = 400;
+constexpr std::size_t kQuoted = 60;  // bytes of a wrong body that an error shows
+
+// Not the identifiers of the message classes: those read the address of eth0, and say so where
+// there is none.
+std::string nextIdentifier() {
+  static int counter = 0;
+  std::array<char, 256> host{};
+  gethostname(host.data(), host.size() - 1);
+  return std::to_string(counter++) + "@" + std::to_string(getpid()) + "." + host.data();
+}
+
+int statusCode(const PellInternalMessage& answer) {
+  const cJSON* code = cJSON_GetObjectItem(answer.viewBody(), "statusCode");
+  return cJSON_IsNumber(code) ? code->valueint : 0;
+}
+
+void checkPath(MessageKind kind, const std::string& path) {
+  const bool plain = std::all_of(path.begin(), path.end(), [](char byte) {
+    return static_cast<unsigned char>(byte) >= 0x20 && byte != '"' && byte != '\\';
+  });
+  // The longest numbers a header can carry, so that it fits whoever sends it.
+  PellInternalMessage longest(kind, path, INT32_MIN, "");
+  longest.header.sourceConnID = INT32_MIN;
+  if (!plain || longest.headerLine().back() != '\n') {
+    throw CommandFailure(ExitCode::Usage,
+                         "path \"" + printable(path) + "\" does not fit a message header",
+                         "A path has no quotes, backslashes or control characters and at most "
+                         "about 200 characters.");
+  }
+}
+
+}  // namespace
+
+BusRequest makeRequest(MessageKind kind, const std::string& path, const std::string& body,
+                       int32_t destination) {
+  checkPath(kind, path);
+  std::string text = compactJSON(body).value_or("");
+  if (text.empty() || text.front() != '{') {
+    throw CommandFailure(ExitCode::Usage,
+                         "the body is not a JSON object: " + printable(body.substr(0, kQuoted)),
+                         "Quote it for the shell, such as '{\"param\":{\"name\":1}}'.");
+  }
+  const OwnedJSON tree = parseJSON(text);
+  const char* given = stringMember(tree.get(), "id");
+  std::string identifier = given != nullptr ? given : nextIdentifier();
+  if (given == nullptr) {
+    text.insert(1, "\"id\":" + quotedJSON(identifier) + (text == "{}" ? "" : ","));
+  }
+  return {kind, path, destination, std::move(identifier), std::move(text)};
+}
+
+std::string payloadOf(const BusRequest& request, int32_t source) {
+  PellInternalMessage header(request.kind, request.path, request.destination, "");
+  header.header.sourceConnID = source;
+  return header.headerLine() + request.body;
+}
+
+bool isAnswerTo(const BusRequest& request, const PellInternalMessage& message) {
+  const MessageKind kind = message.getKind();
+  return (kind == MessageKind::RSP || kind == MessageKind::CMDRSP || kind == MessageKind::ACK ||
+          kind == MessageKind::NAK) &&
+         message.getUniqueId() == request.identifier;
+}
+
+std::string statusOf(const PellInternalMessage& answer) {
+  const int code = statusCode(answer);
+  if (code == 0) {
+    return answer.getKind() == MessageKind::NAK ? "NAK" : "";
+  }
+  const char* text = stringMember(answer.viewBody(), "statusMsg");
+  return std::to_string(code) + (text != nullptr ? " " + printable(text) : "");
+}
+
+bool isRefusal(const PellInternalMessage& answer) {
+  return answer.getKind() == MessageKind::NAK || statusCode(answer) >= kFirstRefusal;
+}
+
+}  // namespace valtor

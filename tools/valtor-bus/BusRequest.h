@@ -1,0 +1,37 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "bus/PellInternalMessage.h"
+
+namespace valtor {
+
+// A message of this tool on its way to the bus. The body stays text, so that it travels with every
+// digit it was written with.
+struct BusRequest {
+  MessageKind kind = MessageKind::Unknown;
+  std::string path;
+  int32_t destination = 0;  // a connection id; 0 for whoever listens
+  std::string identifier;   // what answers carry too
+  std::string body;
+};
+
+// The body is the text of a JSON object; it gets a new identifier as its first member unless it has
+// an "id" of its own. Throws CommandFailure (usage) for a body that is no object and for a path
+// that a header line cannot hold.
+BusRequest makeRequest(MessageKind kind, const std::string& path, const std::string& body,
+                       int32_t destination = 0);
+
+// What travels in the frame.
+std::string payloadOf(const BusRequest& request, int32_t source);
+
+// Whether the message answers the request: it has its identifier and is of a kind that answers.
+bool isAnswerTo(const BusRequest& request, const PellInternalMessage& message);
+
+// The code and text of an answer, such as "404 Not Found" or "NAK"; "" when it carries no status.
+std::string statusOf(const PellInternalMessage& answer);
+// True for a NAK and for every status from 400 on.
+bool isRefusal(const PellInternalMessage& answer);
+
+}  // namespace valtor

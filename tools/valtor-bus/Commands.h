@@ -1,0 +1,102 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "valtor-bus/BusConnection.h"
+#include "valtor-bus/MessageText.h"
+#include "valtor-bus/Output.h"
+
+namespace valtor {
+
+// The subcommands of valtor-bus, one function each. Every function opens the connection itself,
+// writes its data to the output and throws CommandFailure when it is not done; times are seconds.
+
+constexpr double kAnswerTime = 3;
+
+struct WatchSettings {
+  enum class Form { Text, JSON, Raw };
+  MessageFilter filter;
+  Form form = Form::Text;
+  std::size_t count = 0;  // 0: no limit
+  std::optional<double> timeout;
+};
+// A line for each message until the count or the time is over, or a signal comes. It fails when
+// there is a count that was not reached.
+void watch(BusConnection& connection, const WatchSettings& settings, Output& output);
+
+struct GetSettings {
+  std::vector<std::string> names;
+  std::string path = "device";
+  double timeout = kAnswerTime;
+};
+// Asks for objects and prints their values as one JSON object.
+void get(BusConnection& connection, const GetSettings& settings, Output& output);
+
+struct SendSettings {
+  MessageKind kind = MessageKind::Unknown;
+  std::string path = "device";
+  std::string body = "{}";
+  int32_t destination = 0;
+  std::size_t answers = 1;  // how many to wait for; 0 waits for none
+  double timeout = kAnswerTime;
+  bool summary = false;  // print status and "param" of the answer instead of its whole body
+};
+// Sends one message, and prints the answers that it waits for.
+void sendMessage(BusConnection& connection, const SendSettings& settings, Output& output);
+
+// The body of a SET or UPDATE: its "param" is the one JSON object of the texts, or made of
+// NAME=VALUE texts, where a value that is not JSON counts as a string.
+std::string paramBody(const std::vector<std::string>& texts);
+// The body of a DEL.
+std::string deletionBody(const std::string& base, const std::vector<std::string>& names);
+// The body of a GET.
+std::string requestBody(const std::vector<std::string>& names);
+
+struct StatusSettings {
+  bool watch = false;
+  bool check = false;
+  double timeout = kAnswerTime;
+};
+// The connection points as a table; with watch again at every change; with check as one line, and
+// it fails unless every enabled connection point is connected.
+void status(BusConnection& connection, const StatusSettings& settings, Output& output);
+
+struct RouteSettings {
+  std::string destinations;  // in the form of NumberRanges.h, like the others
+  std::string levels = "0";
+  std::string sources;
+  bool machineControl = false;
+  std::optional<int32_t> userID;
+  bool json = false;
+  bool noWait = false;
+  double timeout = kAnswerTime;
+};
+// Switches every destination on every level to the one source, or to one source a level.
+void takeRoute(BusConnection& connection, const RouteSettings& settings, Output& output);
+// Prints what feeds the destinations: a line for each destination and level.
+void queryRoute(BusConnection& connection, const RouteSettings& settings, Output& output);
+
+struct RecordSettings {
+  std::string file;
+  bool overwrite = false;
+  MessageFilter filter;
+  std::size_t count = 0;  // 0: no limit
+  std::optional<double> timeout;
+};
+// Writes every message to the file until the count or the time is over, or a signal comes.
+void record(BusConnection& connection, const RecordSettings& settings);
+
+struct ReplaySettings {
+  std::string file;
+  double speed = 1;  // 2: twice as fast as recorded
+  bool noTiming = false;
+};
+// Sends the messages of the file as they were recorded, header included, except those that set up
+// a connection.
+void replay(BusConnection& connection, const ReplaySettings& settings);
+
+}  // namespace valtor

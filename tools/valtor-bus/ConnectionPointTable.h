@@ -1,0 +1,50 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "bus/PellInternalMessage.h"
+
+namespace valtor {
+
+// What is known about connection points from answers and notifications on "device". One thread.
+class ConnectionPointTable {
+ public:
+  struct Row {
+    std::string name;
+    std::string type;
+    std::string address;  // of the first phy
+    bool enabled = false;
+    bool connected = false;
+    std::string since;    // when the connected state was seen to change; empty when it was not
+    bool listed = false;  // in the answers since beginListing()
+  };
+
+  // From now on answers list what there is; endListing() drops what they did not.
+  void beginListing();
+  void endListing();
+  // Takes over what an answer lists. The state's time is forgotten where the state changed unseen.
+  void takeAnswer(const PellInternalMessage& answer);
+  // Takes over a notification; the time is given as it is to be shown. Whether it concerned
+  // connection points.
+  bool takeNotification(const PellInternalMessage& notification, const std::string& time);
+
+  // A head line and one line for each connection point, in the order of the unique IDs.
+  std::string text(bool colour) const;
+  // One line for monitoring systems, and whether all is well.
+  std::string summary() const;
+  bool allConnected() const;
+
+  const std::map<std::string, Row>& rows() const { return rows_; }
+
+ private:
+  enum class Origin { Answer, Notification };
+
+  bool takeList(const cJSON* list, Origin origin, const std::string& time);
+  std::vector<std::string> down() const;
+
+  std::map<std::string, Row> rows_;  // by unique ID
+};
+
+}  // namespace valtor

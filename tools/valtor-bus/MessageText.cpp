@@ -1,0 +1,123 @@
+#include "valtor-bus/MessageText.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <ctime>
+
+#include "valtor-bus/JSONText.h"
+
+namespace valtor {
+namespace {
+
+constexpr int kKindWidth = 6;  // of the longest kind name
+constexpr const char* kPlain = "\x1b[0m";
+constexpr const char* kFaint = "\x1b[2m";
+
+std::string localTime(WallTime time, const char* format) {
+  const std::time_t seconds =
+      std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(time));
+  std::tm parts{};
+  localtime_r(&seconds, &parts);
+  std::array<char, 64> text{};
+  return {text.data(), std::strftime(text.data(), text.size(), format, &parts)};
+}
+
+std::string milliseconds(WallTime time) {
+  const auto rest = time - std::chrono::floor<std::chrono::seconds>(time);
+  const auto count = std::chrono::duration_cast<std::chrono::milliseconds>(rest).count();
+  std::array<char, 8> text{};
+  std::snprintf(text.data(), text.size(), ".%03d", static_cast<int>(count));
+  return text.data();
+}
+
+const char* colourOf(MessageKind kind) {
+  switch (kind) {
+    case MessageKind::GET:
+      return "\x1b[36m";
+    case MessageKind::SET:
+    case MessageKind::DEL:
+    case MessageKind::UPDATE:
+      return "\x1b[33m";
+    case MessageKind::NOT:
+    case MessageKind::CMDNOT:
+      return "\x1b[35m";
+    case MessageKind::RSP:
+    case MessageKind::CMDRSP:
+    case MessageKind::ACK:
+      return "\x1b[32m";
+    case MessageKind::NAK:
+      return "\x1b[31m";
+    default:
+      return "\x1b[34m";
+  }
+}
+
+std::string participant(int32_t connID, const std::string& name) {
+  return std::to_string(connID) + (name.empty() ? "" : "@" + printable(name));
+}
+
+std::string received(const PellInternalMessage& message) {
+  return message.bodyText() != nullptr ? message.bodyText() : "";
+}
+
+std::string bodyJSON(const PellInternalMessage& message) {
+  const std::string body = received(message);
+  return body.empty() ? "null" : compactJSON(body).value_or(quotedJSON(body));
+}
+
+bool covers(const std::string& pattern, const std::string& path) {
+  return !pattern.empty() && pattern.back() == '*'
+             ? path.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0
+             : path == pattern;
+}
+
+template <class Value>
+bool lists(const std::vector<Value>& list, const Value& value) {
+  return list.empty() || std::find(list.begin(), list.end(), value) != list.end();
+}
+
+}  // namespace
+
+std::string timeOfDay(WallTime time) { return localTime(time, "%T") + milliseconds(time); }
+
+std::string fullTime(WallTime time) {
+  return localTime(time, "%FT%T") + milliseconds(time) + localTime(time, "%z");
+}
+
+std::string messageLine(const PellInternalMessage& message, WallTime time, bool colour) {
+  const PellInternalHeader& header = message.header;
+  std::string kind = kindName(header.kind);
+  kind.resize(kKindWidth, ' ');
+  const auto tinted = [colour](const char* tint, const std::string& text) {
+    return colour ? tint + text + kPlain : text;
+  };
+  return tinted(kFaint, timeOfDay(time)) + " " + tinted(colourOf(header.kind), kind) + " " +
+         (header.path.empty() ? "-" : printable(header.path)) + " " +
+         participant(header.sourceConnID, header.sourceName) + "->" +
+         participant(header.destConnID, header.destName) + " " + printable(received(message));
+}
+
+std::string messageJSON(const PellInternalMessage& message, WallTime time) {
+  const PellInternalHeader& header = message.header;
+  const auto named = [](const char* key, const std::string& name) {
+    return name.empty() ? "" : ",\"" + std::string(key) + "\":" + quotedJSON(name);
+  };
+  return "{\"time\":\"" + fullTime(time) + "\",\"kind\":\"" + kindName(header.kind) +
+         "\",\"path\":" + quotedJSON(header.path) +
+         ",\"source\":" + std::to_string(header.sourceConnID) +
+         named("sourceName", header.sourceName) +
+         ",\"destination\":" + std::to_string(header.destConnID) +
+         named("destinationName", header.destName) + ",\"body\":" + bodyJSON(message) + "}";
+}
+
+bool MessageFilter::accepts(const PellInternalMessage& message) const {
+  const PellInternalHeader& header = message.header;
+  return (paths.empty() ||
+          std::any_of(paths.begin(), paths.end(),
+                      [&](const std::string& pattern) { return covers(pattern, header.path); })) &&
+         lists(kinds, header.kind) && lists(sources, header.sourceConnID) &&
+         lists(destinations, header.destConnID);
+}
+
+}  // namespace valtor

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace valtor {
+
+// Where the data of a command goes: standard output, flushed after every write, so that a pipe sees
+// each message as it comes. Messages to the person go to standard error, through say(). One thread.
+class Output {
+ public:
+  // Takes standard output over: what anything else in the process prints there, the stream parser
+  // about broken frames for one, lands on standard error from now on. Call once.
+  Output();
+
+  // Throws CommandFailure when the bytes cannot be written.
+  void write(std::string_view bytes);
+  void line(const std::string& text) { write(text + "\n"); }
+
+  bool isTerminal() const { return terminal_; }
+  // On a terminal, unless NO_COLOR is set or the terminal has none.
+  bool hasColour() const { return colour_; }
+
+ private:
+  struct Closer {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+  };
+
+  std::unique_ptr<std::FILE, Closer> stream_;
+  bool terminal_ = false;
+  bool colour_ = false;
+};
+
+// One message on standard error, behind the name of the program.
+void say(const std::string& text);
+
+}  // namespace valtor

@@ -1,0 +1,60 @@
+#include "valtor-bus/PersistentLink.h"
+
+#include <algorithm>
+
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/Output.h"
+
+namespace valtor {
+namespace {
+
+constexpr std::chrono::seconds kReopenDelay{1};
+
+}  // namespace
+
+void PersistentLink::open() {
+  lastAttempt_ = BusConnection::Clock::now();
+  connection_.open();
+  ++openings_;
+}
+
+std::optional<PellInternalMessage> PersistentLink::receive(
+    BusConnection::Clock::time_point deadline) {
+  while (true) {
+    try {
+      if (connection_.isOpen()) {
+        return connection_.receive(deadline);
+      }
+      connection_.pause(std::min(deadline, lastAttempt_ + kReopenDelay));
+      if (connection_.interrupted() || BusConnection::Clock::now() >= deadline) {
+        return std::nullopt;
+      }
+      reopen();
+    } catch (const LinkFailure& failure) {
+      report(failure.what());
+    }
+  }
+}
+
+void PersistentLink::send(const BusRequest& request) {
+  try {
+    connection_.send(request);
+  } catch (const LinkFailure& failure) {
+    report(failure.what());
+  }
+}
+
+void PersistentLink::reopen() {
+  open();
+  say("connected to " + connection_.where() + " again");
+  lossReported_ = false;
+}
+
+void PersistentLink::report(const std::string& loss) {
+  if (!lossReported_ && !connection_.interrupted()) {
+    say(loss + "; trying again every second");
+    lossReported_ = true;
+  }
+}
+
+}  // namespace valtor

@@ -1,0 +1,140 @@
+#include "valtor-bus/Recording.h"
+
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cinttypes>
+#include <filesystem>
+
+#include "app/util/ErrnoText.h"
+#include "app/util/OwnedJSON.h"
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/JSONText.h"
+#include "valtor-bus/MessageText.h"
+
+namespace valtor {
+namespace {
+
+constexpr const char* kFormatKey = "valtorRecording";
+constexpr double kMicroseconds = 1e6;
+constexpr double kLongestOffset = 1e9;  // seconds
+
+std::string hexText(const std::string& bytes) {
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string text;
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    text += kDigits[value >> 4U];
+    text += kDigits[value & 0xfU];
+  }
+  return text;
+}
+
+std::optional<std::string> bytesOfHex(const std::string& text) {
+  std::string bytes;
+  for (std::size_t at = 0; at < text.size(); at += 2) {
+    unsigned value = 0;
+    const char* end = text.data() + std::min(at + 2, text.size());
+    if (std::from_chars(text.data() + at, end, value, 16).ptr != text.data() + at + 2) {
+      return std::nullopt;
+    }
+    bytes += static_cast<char>(value);
+  }
+  return bytes;
+}
+
+std::optional<std::string> payloadOfLine(const cJSON* line) {
+  if (const char* text = stringMember(line, "payload"); text != nullptr) {
+    return text;
+  }
+  const char* hex = stringMember(line, "hex");
+  return hex != nullptr ? bytesOfHex(hex) : std::nullopt;
+}
+
+}  // namespace
+
+RecordingWriter::RecordingWriter(const std::string& path, Existing existing)
+    : path_(path), file_(std::fopen(path.c_str(), existing == Existing::Keep ? "wxe" : "we")) {
+  if (file_ == nullptr) {
+    throw CommandFailure(
+        ExitCode::Refused, "cannot create " + path + ": " + errnoText(errno),
+        errno == EEXIST ? "Choose another name, or replace it with --overwrite." : "");
+  }
+  writeLine(std::string("{\"") + kFormatKey + "\":1,\"started\":\"" +
+            fullTime(std::chrono::system_clock::now()) + "\"}\n");
+}
+
+void RecordingWriter::add(const RecordedMessage& message) {
+  const int64_t microseconds = message.offset.count();
+  std::array<char, 40> offset{};
+  std::snprintf(offset.data(), offset.size(), "%" PRId64 ".%06" PRId64, microseconds / 1000000,
+                microseconds % 1000000);
+  const bool isText = withoutBrokenUtf8(message.payload) == message.payload;
+  writeLine(std::string("{\"offset\":") + offset.data() +
+            (isText ? ",\"payload\":" + quotedJSON(message.payload)
+                    : ",\"hex\":\"" + hexText(message.payload) + "\"") +
+            "}\n");
+}
+
+void RecordingWriter::writeLine(const std::string& line) {
+  if (std::fwrite(line.data(), 1, line.size(), file_.get()) != line.size() ||
+      std::fflush(file_.get()) != 0) {
+    throw CommandFailure(ExitCode::Refused, "cannot write " + path_ + ": " + errnoText(errno));
+  }
+}
+
+RecordingReader::RecordingReader(const std::string& path)
+    : path_(path), file_(path, std::ios::binary) {
+  std::error_code error;
+  size_ = std::filesystem::file_size(path, error);
+  if (error || !file_) {
+    throw CommandFailure(ExitCode::Refused,
+                         "cannot read " + path + ": " + errnoText(error ? error.value() : errno));
+  }
+  std::string line;
+  const OwnedJSON first = parseJSON(readLine(line) ? line : "");
+  const cJSON* version = cJSON_GetObjectItem(first.get(), kFormatKey);
+  if (!cJSON_IsNumber(version) || version->valueint != 1) {
+    throw CommandFailure(ExitCode::Refused, path + " is no recording of this program",
+                         "Make one with: valtor-bus record FILE");
+  }
+}
+
+std::optional<RecordedMessage> RecordingReader::next() {
+  std::string line;
+  if (!readLine(line)) {
+    return std::nullopt;
+  }
+  const OwnedJSON tree = parseJSON(line);
+  const cJSON* offset = cJSON_GetObjectItem(tree.get(), "offset");
+  std::optional<std::string> payload = payloadOfLine(tree.get());
+  if (!cJSON_IsNumber(offset) || !(offset->valuedouble >= 0) ||
+      offset->valuedouble > kLongestOffset || !payload || payload->empty()) {
+    refuse("is no recorded message");
+  }
+  RecordedMessage message;
+  message.offset =
+      std::chrono::microseconds(static_cast<int64_t>(offset->valuedouble * kMicroseconds + 0.5));
+  message.payload = std::move(*payload);
+  return message;
+}
+
+int RecordingReader::percentRead() const {
+  return size_ == 0 ? 100 : static_cast<int>(std::min(read_, size_) * 100 / size_);
+}
+
+bool RecordingReader::readLine(std::string& line) {
+  if (!std::getline(file_, line)) {
+    return false;
+  }
+  ++lineNumber_;
+  read_ += line.size() + 1;
+  return true;
+}
+
+void RecordingReader::refuse(const std::string& reason) const {
+  throw CommandFailure(ExitCode::Refused,
+                       path_ + ", line " + std::to_string(lineNumber_) + ", " + reason);
+}
+
+}  // namespace valtor

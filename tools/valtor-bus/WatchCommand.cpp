@@ -1,0 +1,49 @@
+#include <chrono>
+
+#include "bus/PellInternalMessage.h"
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/Commands.h"
+#include "valtor-bus/PersistentLink.h"
+
+namespace valtor {
+namespace {
+
+std::string rendered(const PellInternalMessage& message, WatchSettings::Form form, bool colour) {
+  const WallTime now = std::chrono::system_clock::now();
+  switch (form) {
+    case WatchSettings::Form::JSON:
+      return messageJSON(message, now) + "\n";
+    case WatchSettings::Form::Raw:
+      return message.receivedText() + "\n";
+    default:
+      return messageLine(message, now, colour) + "\n";
+  }
+}
+
+}  // namespace
+
+void watch(BusConnection& connection, const WatchSettings& settings, Output& output) {
+  const std::vector<std::string>& paths = settings.filter.paths;
+  connection.setSubscriptions(paths.empty() ? std::vector<std::string>{"*"} : paths);
+  PersistentLink link(connection);
+  link.open();
+  const auto end = settings.timeout ? BusConnection::Clock::now() + toDuration(*settings.timeout)
+                                    : BusConnection::Clock::time_point::max();
+  std::size_t seen = 0;
+  while (settings.count == 0 || seen < settings.count) {
+    const auto message = link.receive(end);
+    if (!message) {
+      break;
+    }
+    if (settings.filter.accepts(*message)) {
+      output.write(rendered(*message, settings.form, output.hasColour()));
+      ++seen;
+    }
+  }
+  if (seen < settings.count) {
+    throw CommandFailure(ExitCode::Refused, "saw " + std::to_string(seen) + " of " +
+                                                std::to_string(settings.count) + " messages");
+  }
+}
+
+}  // namespace valtor

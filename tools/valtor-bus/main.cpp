@@ -1,0 +1,455 @@
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <iterator>
+#include <string>
+#include <syslog.h>
+#include <unistd.h>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/Commands.h"
+#include "valtor-bus/NumberRanges.h"
+
+namespace {
+
+using valtor::BusConnection;
+using valtor::CommandFailure;
+using valtor::ExitCode;
+using valtor::MessageKind;
+using valtor::Output;
+
+// Checks without the names that help would show beside each option.
+CLI::Validator notNegative() { return CLI::NonNegativeNumber.description(""); }
+CLI::Validator from(int first, int last) { return CLI::Range(first, last).description(""); }
+
+// What was asked for: a command, run once the whole command line has been understood.
+struct Request {
+  valtor::BusSettings bus;
+  std::function<void(BusConnection&, Output&)> command;
+};
+
+// The texts of options that several subcommands have and that are checked after parsing.
+struct FilterTexts {
+  std::vector<std::string> paths;
+  std::vector<std::string> kinds;
+  std::string sources;
+  std::string destinations;
+
+  void addTo(CLI::App& app) {
+    app.add_option("--path", paths, "only this path, or paths that begin so when it ends in *")
+        ->allow_extra_args(false);
+    app.add_option("--kind", kinds, "only this kind: GET, SET, DEL, UPDATE, CMD, NOT, RSP, ...")
+        ->allow_extra_args(false);
+    app.add_option("--from", sources, "only from these connection ids, such as 101 or 200-299");
+    app.add_option("--to", destinations, "only to these connection ids");
+  }
+  valtor::MessageFilter filter() const;
+};
+
+// What --count and --timeout say to a command that ends by itself only then.
+struct Limits {
+  std::size_t count = 0;
+  double timeout = -1;
+
+  void addTo(CLI::App& app) {
+    app.add_option("--count", count, "end after so many messages");
+    app.add_option("--timeout", timeout, "end after so many seconds")
+        ->type_name("SECONDS")
+        ->check(notNegative());
+  }
+  std::optional<double> seconds() const {
+    return timeout < 0 ? std::nullopt : std::optional<double>(timeout);
+  }
+};
+
+int32_t ownConnID() {
+  constexpr int kFirst = 20000;
+  constexpr int kCount = 10000;
+  return kFirst + static_cast<int32_t>(getpid() % kCount);
+}
+
+MessageKind kindOf(const std::string& text) {
+  std::string name = text;
+  std::transform(name.begin(), name.end(), name.begin(),
+                 [](unsigned char byte) { return static_cast<char>(std::toupper(byte)); });
+  const MessageKind kind = valtor::kindFromName(name);
+  if (kind == MessageKind::Unknown) {
+    throw CommandFailure(
+        ExitCode::Usage, "\"" + text + "\" is no kind of message",
+        "Kinds are CMD, CMDRSP, CMDNOT, RSP, NOT, ACK, NAK, GET, SET, DEL, UPDATE.");
+  }
+  return kind;
+}
+
+valtor::MessageFilter FilterTexts::filter() const {
+  valtor::MessageFilter filter;
+  filter.paths = paths;
+  for (const std::string& kind : kinds) {
+    filter.kinds.push_back(kindOf(kind));
+  }
+  if (!sources.empty()) {
+    filter.sources = valtor::parseNumbers("--from", sources);
+  }
+  if (!destinations.empty()) {
+    filter.destinations = valtor::parseNumbers("--to", destinations);
+  }
+  return filter;
+}
+
+// The content of a file, or of standard input for "-".
+std::string contentOf(const std::string& file) {
+  if (file == "-") {
+    return {std::istreambuf_iterator<char>(std::cin), {}};
+  }
+  std::ifstream stream(file, std::ios::binary);
+  std::string content(std::istreambuf_iterator<char>(stream), {});
+  if (!stream.is_open() || stream.bad()) {
+    throw CommandFailure(ExitCode::Refused, "cannot read " + file);
+  }
+  return content;
+}
+
+CLI::App* addCommand(CLI::App& app, const char* name, const char* text,
+                     const std::string& examples) {
+  CLI::App* command = app.add_subcommand(name, text);
+  command->footer(
+      "\nShared options (--host, --port, --name, --conn-id): valtor-bus --help\n\n"
+      "Examples:\n" +
+      examples);
+  return command;
+}
+
+void addTimeout(CLI::App& app, double& timeout) {
+  app.add_option("--timeout", timeout, "seconds to wait for the answer")
+      ->type_name("SECONDS")
+      ->check(notNegative())
+      ->capture_default_str();
+}
+
+void addWatch(CLI::App& app, Request& request) {
+  CLI::App* command = addCommand(app, "watch", "Show messages as they pass, one line each.",
+                                 "  valtor-bus watch --path 'device*' --kind NOT\n"
+                                 "  valtor-bus watch --json --count 10 --timeout 60 | jq .body\n"
+                                 "  valtor-bus watch --from 101 --raw\n");
+  struct Texts {
+    FilterTexts filter;
+    Limits limits;
+    bool json = false;
+    bool raw = false;
+  };
+  const auto texts = std::make_shared<Texts>();
+  texts->filter.addTo(*command);
+  texts->limits.addTo(*command);
+  auto* json = command->add_flag("--json", texts->json, "one JSON object a line");
+  command->add_flag("--raw", texts->raw, "the payload bytes, each followed by a line feed")
+      ->excludes(json);
+  command->callback([texts, &request] {
+    request.command = [texts](BusConnection& connection, Output& output) {
+      valtor::WatchSettings settings;
+      settings.filter = texts->filter.filter();
+      settings.form = texts->json  ? valtor::WatchSettings::Form::JSON
+                      : texts->raw ? valtor::WatchSettings::Form::Raw
+                                   : valtor::WatchSettings::Form::Text;
+      settings.count = texts->limits.count;
+      settings.timeout = texts->limits.seconds();
+      valtor::watch(connection, settings, output);
+    };
+  });
+}
+
+void addGet(CLI::App& app, Request& request) {
+  CLI::App* command = addCommand(app, "get", "Ask for objects and print their values.",
+                                 "  valtor-bus get connectionPoint\n"
+                                 "  valtor-bus get logicalSources logicalDests --path db\n"
+                                 "  valtor-bus get mdxMasterState --path system\n");
+  const auto settings = std::make_shared<valtor::GetSettings>();
+  command->add_option("NAME", settings->names, "names of objects")->required();
+  command->add_option("--path", settings->path, "where they are")->capture_default_str();
+  addTimeout(*command, settings->timeout);
+  command->callback([settings, &request] {
+    request.command = [settings](BusConnection& connection, Output& output) {
+      valtor::get(connection, *settings, output);
+    };
+  });
+}
+
+struct SendTexts {
+  valtor::SendSettings settings;
+  std::string kind;
+  std::string base;
+  std::string file;
+  std::vector<std::string> values;
+  bool noWait = false;
+};
+
+void addSendOptions(CLI::App& command, SendTexts& texts) {
+  command.add_option("--dest", texts.settings.destination, "connection id of the addressee")
+      ->type_name("ID")
+      ->check(from(0, INT_MAX));
+  command.add_flag("--no-wait", texts.noWait, "send and wait for no answer");
+  addTimeout(command, texts.settings.timeout);
+}
+
+// Runs a send whose body the function makes.
+void runSend(CLI::App& command, const std::shared_ptr<SendTexts>& texts, Request& request,
+             const std::function<void(SendTexts&)>& complete) {
+  command.callback([texts, &request, complete] {
+    request.command = [texts, complete](BusConnection& connection, Output& output) {
+      complete(*texts);
+      texts->settings.answers = texts->noWait ? 0 : texts->settings.answers;
+      valtor::sendMessage(connection, texts->settings, output);
+    };
+  });
+}
+
+void addChange(CLI::App& app, Request& request, MessageKind kind, const std::string& name) {
+  CLI::App* command =
+      addCommand(app, name.c_str(),
+                 kind == MessageKind::SET ? "Set objects to new values." : "Add or change objects.",
+                 "  valtor-bus " + name + " --path system mdxMasterState=standby\n" +
+                     "  valtor-bus " + name + " '{\"connectionPoint\":[...]}' --no-wait\n" +
+                     "  valtor-bus " + name + " --file points.json\n");
+  const auto texts = std::make_shared<SendTexts>();
+  auto* values =
+      command->add_option("VALUE", texts->values,
+                          "the value: a JSON object, - for standard input, or NAME=VALUE "
+                          "for each of its members");
+  command->add_option("--file", texts->file, "read the JSON object from a file")->excludes(values);
+  command->add_option("--path", texts->settings.path, "where it is")->capture_default_str();
+  addSendOptions(*command, *texts);
+  runSend(*command, texts, request, [kind](SendTexts& all) {
+    if (all.file.empty() && all.values.empty()) {
+      throw CommandFailure(ExitCode::Usage, "a VALUE or --file is needed");
+    }
+    const bool fromInput = all.values.size() == 1 && all.values.front() == "-";
+    all.settings.kind = kind;
+    all.settings.summary = true;
+    all.settings.body = valtor::paramBody(!all.file.empty() || fromInput
+                                              ? std::vector{contentOf(fromInput ? "-" : all.file)}
+                                              : all.values);
+  });
+}
+
+void addDelete(CLI::App& app, Request& request) {
+  CLI::App* command = addCommand(app, "del", "Delete objects.",
+                                 "  valtor-bus del connectionPoint.router-7\n"
+                                 "  valtor-bus del --base connectionPoint router-7 router-8\n");
+  const auto texts = std::make_shared<SendTexts>();
+  command->add_option("NAME", texts->values, "names of objects")->required();
+  command->add_option("--base", texts->base, "what they are, such as connectionPoint");
+  command->add_option("--path", texts->settings.path, "where they are")->capture_default_str();
+  addSendOptions(*command, *texts);
+  runSend(*command, texts, request, [](SendTexts& all) {
+    all.settings.kind = MessageKind::DEL;
+    all.settings.summary = true;
+    all.settings.body = valtor::deletionBody(all.base, all.values);
+  });
+}
+
+void addSend(CLI::App& app, Request& request) {
+  CLI::App* command =
+      addCommand(app, "send", "Send one message of any kind.",
+                 "  valtor-bus send GET device '{\"objectName\":[\"connectionPoint\"]}'\n"
+                 "  valtor-bus send NOT device --file change.json\n"
+                 "  generate | valtor-bus send CMD route - --answers 2\n");
+  const auto texts = std::make_shared<SendTexts>();
+  std::string& body = texts->settings.body;
+  command->add_option("KIND", texts->kind, "CMD, GET, SET, NOT, ...")->required();
+  command->add_option("PATH", texts->settings.path, "such as route or system.connection")
+      ->required();
+  auto* given = command->add_option("BODY", body,
+                                    "a JSON object, or - for standard input; an \"id\" is added");
+  command->add_option("--file", texts->file, "read the body from a file")->excludes(given);
+  command->add_option("--answers", texts->settings.answers, "how many answers to wait for")
+      ->capture_default_str();
+  addSendOptions(*command, *texts);
+  runSend(*command, texts, request, [](SendTexts& all) {
+    all.settings.kind = kindOf(all.kind);
+    if (!all.file.empty() || all.settings.body == "-") {
+      all.settings.body = contentOf(all.file.empty() ? "-" : all.file);
+    }
+    switch (all.settings.kind) {
+      case MessageKind::CMD:
+      case MessageKind::GET:
+      case MessageKind::SET:
+      case MessageKind::DEL:
+      case MessageKind::UPDATE:
+        break;
+      default:
+        all.noWait = true;  // nobody answers these
+    }
+  });
+}
+
+void addStatus(CLI::App& app, Request& request) {
+  CLI::App* command = addCommand(app, "status", "Show the connection points and their state.",
+                                 "  valtor-bus status\n"
+                                 "  valtor-bus status --watch\n"
+                                 "  valtor-bus status --check || alarm\n");
+  const auto settings = std::make_shared<valtor::StatusSettings>();
+  auto* watch = command->add_flag("--watch", settings->watch, "stay, and show every change");
+  command
+      ->add_flag("--check", settings->check,
+                 "one line; exit 0 only if every enabled connection point is connected")
+      ->excludes(watch);
+  addTimeout(*command, settings->timeout);
+  command->callback([settings, &request] {
+    request.command = [settings](BusConnection& connection, Output& output) {
+      valtor::status(connection, *settings, output);
+    };
+  });
+}
+
+void addRoute(CLI::App& app, Request& request) {
+  CLI::App* route = addCommand(app, "route", "Take and query routes.",
+                               "  valtor-bus route take --dest 1-16 --level 0,2-5 --source 7\n"
+                               "  valtor-bus route query --dest 0-4095 --level 0\n");
+  route->require_subcommand(1);
+  const auto settings = std::make_shared<valtor::RouteSettings>();
+  CLI::App* take = addCommand(*route, "take", "Switch destinations to a source.",
+                              "  valtor-bus route take --dest 1-16 --level 0,2-5 --source 7\n"
+                              "  valtor-bus route take --dest 4 --level 0-2 --source 7,8,9\n");
+  CLI::App* query = addCommand(*route, "query", "Ask what feeds destinations.",
+                               "  valtor-bus route query --dest 0-4095 --level 0\n"
+                               "  valtor-bus route query --dest 1,5 --level 0-63 --json\n");
+  for (CLI::App* command : {take, query}) {
+    command->add_option("--dest", settings->destinations, "destinations, such as 1-16")->required();
+    command->add_option("--level", settings->levels, "levels, such as 0,2-5")
+        ->capture_default_str();
+    addTimeout(*command, settings->timeout);
+  }
+  take->add_option("--source", settings->sources, "the source, or one for each level")->required();
+  take->add_option("--user-id", settings->userID, "the user in whose name it is done");
+  take->add_flag("--machine-control", settings->machineControl, "take machine control along");
+  take->add_flag("--no-wait", settings->noWait, "send and wait for no answer");
+  query->add_flag("--json", settings->json, "the answer's value as it is");
+  take->callback([settings, &request] {
+    request.command = [settings](BusConnection& connection, Output& output) {
+      valtor::takeRoute(connection, *settings, output);
+    };
+  });
+  query->callback([settings, &request] {
+    request.command = [settings](BusConnection& connection, Output& output) {
+      valtor::queryRoute(connection, *settings, output);
+    };
+  });
+}
+
+void addRecord(CLI::App& app, Request& request) {
+  CLI::App* command = addCommand(app, "record", "Write messages to a file until interrupted.",
+                                 "  valtor-bus record evening.rec\n"
+                                 "  valtor-bus record --path route --timeout 600 routes.rec\n");
+  struct Texts {
+    valtor::RecordSettings settings;
+    FilterTexts filter;
+    Limits limits;
+  };
+  const auto texts = std::make_shared<Texts>();
+  command->add_option("FILE", texts->settings.file, "a new file")->required();
+  command->add_flag("--overwrite", texts->settings.overwrite, "replace the file if it exists");
+  texts->filter.addTo(*command);
+  texts->limits.addTo(*command);
+  command->callback([texts, &request] {
+    request.command = [texts](BusConnection& connection, Output& /*output*/) {
+      texts->settings.filter = texts->filter.filter();
+      texts->settings.count = texts->limits.count;
+      texts->settings.timeout = texts->limits.seconds();
+      valtor::record(connection, texts->settings);
+    };
+  });
+}
+
+void addReplay(CLI::App& app, Request& request) {
+  CLI::App* command = addCommand(app, "replay", "Send the messages of a recording again.",
+                                 "  valtor-bus replay evening.rec\n"
+                                 "  valtor-bus replay --speed 10 evening.rec\n"
+                                 "  valtor-bus replay --no-timing evening.rec\n");
+  const auto settings = std::make_shared<valtor::ReplaySettings>();
+  command->add_option("FILE", settings->file, "a recording")->required();
+  auto* speed = command->add_option("--speed", settings->speed, "2 is twice as fast as recorded")
+                    ->type_name("FACTOR")
+                    ->check(CLI::PositiveNumber.description(""))
+                    ->capture_default_str();
+  command->add_flag("--no-timing", settings->noTiming, "as fast as it goes")->excludes(speed);
+  command->callback([settings, &request] {
+    request.command = [settings](BusConnection& connection, Output& /*output*/) {
+      valtor::replay(connection, *settings);
+    };
+  });
+}
+
+void addAll(CLI::App& app, Request& request) {
+  app.set_version_flag("--version", "valtor-bus " VALTOR_VERSION);
+  app.add_option("--host", request.bus.host, "the message node's host")->capture_default_str();
+  app.add_option("--port", request.bus.port, "its TCP port")
+      ->type_name("PORT")
+      ->check(from(1, 65535))
+      ->capture_default_str();
+  app.add_option("--name", request.bus.name, "name to log in with")->capture_default_str();
+  app.add_option("--conn-id", request.bus.connID,
+                 "connection id to log in with; by default 20000 to 29999, from the process id")
+      ->type_name("ID")
+      ->check(from(1, INT_MAX));
+  app.require_subcommand(1);
+  app.fallthrough();
+  addWatch(app, request);
+  addGet(app, request);
+  addChange(app, request, MessageKind::SET, "set");
+  addChange(app, request, MessageKind::UPDATE, "update");
+  addDelete(app, request);
+  addSend(app, request);
+  addStatus(app, request);
+  addRoute(app, request);
+  addRecord(app, request);
+  addReplay(app, request);
+  app.footer(
+      "\nExit codes: 0 done, 1 refused or no answer, 2 wrong usage.\n\n"
+      "Examples:\n"
+      "  valtor-bus status\n"
+      "  valtor-bus --host 10.0.0.7 watch --path 'device*'\n"
+      "  valtor-bus get --help\n");
+}
+
+int fail(ExitCode code, const std::string& text, const std::string& hint) {
+  if (!text.empty()) {
+    valtor::say(text);
+  }
+  if (!hint.empty()) {
+    std::fprintf(stderr, "  %s\n", hint.c_str());
+  }
+  return static_cast<int>(code);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // What the stream parser says about broken frames is for the person; they need no debug lines.
+  openlog("valtor-bus", LOG_PERROR, LOG_USER);
+  setlogmask(LOG_UPTO(LOG_INFO));
+  try {
+    Request request;
+    request.bus.connID = ownConnID();
+    CLI::App app("Watch, ask and change what passes over a message bus.", "valtor-bus");
+    addAll(app, request);
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::Usage);
+    }
+    Output output;
+    BusConnection connection(request.bus);
+    request.command(connection, output);
+    return 0;
+  } catch (const CommandFailure& failure) {
+    return fail(failure.exitCode, failure.what(), failure.hint);
+  } catch (const std::exception& error) {
+    return fail(ExitCode::Refused, error.what(), "");
+  }
+}
