@@ -1,19 +1,11 @@
-#include <gtest/gtest.h>
 #include <string>
 #include <thread>
 
 #include "peers/RemoteRouters.h"
-#include "support/Eventually.h"
 #include "support/Repeat.h"
 
-namespace valtor {
+namespace valtor::test {
 namespace {
-
-using test::eventually;
-using test::RemoteRouters;
-using test::repetitions;
-using test::routerText;
-using test::ScriptedNode;
 
 constexpr int kRounds = 300;
 
@@ -27,76 +19,70 @@ void shake(ScriptedNode& node, int round) {
   }
 }
 
-bool saysConnected(const std::string& payload) {
-  return payload.find("\"connected\":true") != std::string::npos;
-}
-
-TEST(PeerRace, LinkUpAgainstRemoval) {
-  RemoteRouters routers;
-  for (int round = 0; round < repetitions(kRounds); ++round) {
-    ScriptedNode node("127.0.0.2");
-    routers.put("r", routerText("r", node));
-    shake(node, round);
-    routers.removeAll();
-    ASSERT_EQ(RemoteRouters::peerCount(), 0U);
-    const std::string last = routers.bus.payloads().back();
-    ASSERT_NE(last.find("paramDelete"), std::string::npos) << last;
-    ASSERT_FALSE(saysConnected(last)) << last;
-    routers.bus.clear();
+// Takes and drops the connections that wait to be accepted.
+void drain(ScriptedNode& node) {
+  while (node.hasConnectionWithin(std::chrono::milliseconds(0))) {
+    node.accept();
   }
 }
 
-TEST(PeerRace, LinkUpAgainstANewAddress) {
-  RemoteRouters routers;
+class PeerRace : public RemoteRouters {};
+
+TEST_F(PeerRace, LinkUpAgainstRemoval) {
+  for (int round = 0; round < repetitions(kRounds); ++round) {
+    ScriptedNode node("127.0.0.2");
+    put(node);
+    shake(node, round);
+    removeAll();
+    ASSERT_EQ(peerCount(), 0U);
+    const std::string last = bus_.payloads().back();
+    ASSERT_NE(last.find("paramDelete"), std::string::npos) << last;
+    ASSERT_EQ(last.find("\"connected\":true"), std::string::npos) << last;
+    bus_.clear();
+  }
+}
+
+TEST_F(PeerRace, LinkUpAgainstANewAddress) {
   ScriptedNode nodes[2] = {ScriptedNode("127.0.0.2"), ScriptedNode("127.0.0.3")};
-  auto point = routers.put("r", routerText("r", nodes[0]));
+  const auto point = put(nodes[0]);
   for (int round = 0; round < repetitions(kRounds); ++round) {
     ScriptedNode& old = nodes[round % 2];
     ScriptedNode& next = nodes[(round + 1) % 2];
     shake(old, round);
-    routers.put("r", routerText("r", next));
+    put(next);
     ASSERT_TRUE(eventually([&] { return point->isConnected(); }));
-    ASSERT_EQ(RemoteRouters::peer("r")->host(), next.address());
-    while (old.hasConnectionWithin(std::chrono::milliseconds(0))) {
-      old.accept();
-    }
+    ASSERT_EQ(peer()->host(), next.address());
+    drain(old);
   }
 }
 
-TEST(PeerRace, DisconnectThenConnect) {
-  RemoteRouters routers;
-  ScriptedNode node("127.0.0.2");
-  const auto point = routers.put("r", routerText("r", node));
+TEST_F(PeerRace, DisconnectThenConnect) {
+  const auto point = put(node_);
   for (int round = 0; round < repetitions(kRounds); ++round) {
-    shake(node, round);
+    shake(node_, round);
     point->disconnect();
     ASSERT_FALSE(point->isConnected());
-    ASSERT_FALSE(RemoteRouters::peer("r")->isConnected());
-    while (node.hasConnectionWithin(std::chrono::milliseconds(0))) {
-      node.accept();
-    }
+    ASSERT_FALSE(peer()->isConnected());
+    drain(node_);
     ASSERT_EQ(point->connect(), 1);
     ASSERT_TRUE(eventually([&] { return point->isConnected(); }));
+    ASSERT_EQ(peerCount(), 1U);
   }
 }
 
-TEST(PeerRace, DestructionAgainstASuccessorOfTheSameID) {
-  RemoteRouters routers;
-  ScriptedNode node("127.0.0.2");
+TEST_F(PeerRace, DestructionAgainstASuccessorOfTheSameID) {
   for (int round = 0; round < repetitions(kRounds); ++round) {
-    auto older = routers.make(routerText("r", node));
+    auto older = make(phyText(node_));
     older->connect();
-    const auto newer = routers.make(routerText("r", node));
+    const auto newer = make(phyText(node_));
     std::thread end([&older] { older.reset(); });
     EXPECT_EQ(newer->connect(), 1);
     end.join();
     ASSERT_TRUE(eventually([&] { return newer->isConnected(); }));
-    ASSERT_EQ(RemoteRouters::peerCount(), 1U);
-    while (node.hasConnectionWithin(std::chrono::milliseconds(0))) {
-      node.accept();
-    }
+    ASSERT_EQ(peerCount(), 1U);
+    drain(node_);
   }
 }
 
 }  // namespace
-}  // namespace valtor
+}  // namespace valtor::test

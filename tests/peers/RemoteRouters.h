@@ -1,12 +1,12 @@
 #pragma once
 
+#include <gtest/gtest.h>
 #include <string>
 
 #include "app/util/OwnedJSON.h"
 #include "peers/MasterBus.h"
 #include "peers/RemoteValtorConnectionPoint.h"
 #include "peers/RemoteValtorConnectionPointManager.h"
-#include "peers/ValtorRouterPeerConnection.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "support/ConsoleCapture.h"
 #include "support/Eventually.h"
@@ -16,70 +16,61 @@
 
 namespace valtor::test {
 
-// The description of a remote router; "server" true makes it a client of ours to reach.
-inline std::string routerText(const std::string& id, const std::string& address, int port,
-                              const std::string& name = "router") {
-  return "{\"type\":\"valtor\",\"name\":\"" + name + "\",\"uniqueID\":\"" + id +
-         "\",\"phy\":[{\"type\":\"tcp\",\"ipAddress\":\"" + address +
-         "\",\"port\":" + std::to_string(port) + ",\"server\":true}]}";
-}
-inline std::string routerText(const std::string& id, const ScriptedNode& node) {
-  return routerText(id, node.address(), node.port());
+// The phy that leads to the node.
+inline std::string phyText(const ScriptedNode& node) {
+  return R"({"type":"tcp","ipAddress":")" + node.address() + R"(","port":)" +
+         std::to_string(node.port()) + R"(,"server":true})";
 }
 
-// A master bus, the process's router peer manager with quick reconnections, and a manager of remote
-// routers on top, which is gone before the slot is cleared.
-class RemoteRouters {
- public:
+// What a test of peers stands on; the node is one that they lead to.
+class PeerTest : public testing::Test {
+ protected:
+  LogCapture log_;
+  TemporaryFolder folder_;
+  MasterBus bus_;
+  ScriptedNode node_{"127.0.0.2"};
+};
+
+// The process's router peer manager with quick reconnections, and a manager of remote routers on
+// top, which is gone before the slot is cleared. The only router is "r".
+class RemoteRouters : public PeerTest {
+ protected:
   RemoteRouters() {
     folder_.becomePathPrefix();
-    auto peers = std::make_shared<ValtorRouterPeerManager>("routers", &bus);
+    auto peers = std::make_shared<ValtorRouterPeerManager>("routers", &bus_);
     auto timing = DispatcherPeerClient::hostTiming();
     timing.reconnectDelay = std::chrono::milliseconds(1);
     peers->setPeerTiming(timing);
     setRouterPeerManager(peers);
-    manager = std::make_unique<RemoteValtorConnectionPointManager>("valtor", "valtor", bus);
+    manager_ = std::make_unique<RemoteValtorConnectionPointManager>("valtor", "valtor", bus_);
   }
-  ~RemoteRouters() {
-    manager.reset();
+  ~RemoteRouters() override {
+    manager_.reset();
     setRouterPeerManager(nullptr);
   }
-  RemoteRouters(const RemoteRouters&) = delete;
-  RemoteRouters& operator=(const RemoteRouters&) = delete;
 
-  std::unique_ptr<ConnectionPoint> make(const std::string& text) {
-    return manager->createConnectionPoint(parseJSON(text).get());
+  std::unique_ptr<ConnectionPoint> make(const std::string& phy) {
+    const std::string text = R"({"type":"valtor","name":"router","uniqueID":"r","phy":[)" + phy;
+    return manager_->createConnectionPoint(parseJSON(text + "]}").get());
   }
-  // Adds or updates a router; the connection point that now stands for it.
-  std::shared_ptr<ConnectionPoint> put(const std::string& id, const std::string& text) {
-    manager->addOrUpdateConnectionPoint(make(text));
-    return manager->findConnectionPoint(id);
+  // Adds or updates the router; the connection point that now stands for it.
+  std::shared_ptr<ConnectionPoint> put(const ScriptedNode& node) {
+    manager_->addOrUpdateConnectionPoint(make(phyText(node)));
+    return manager_->findConnectionPoint("r");
   }
   // Waits until the link stands and the last thing that it makes the bus see is there.
   bool comesUp(const ConnectionPoint& point) const {
     return eventually([&] {
-      const auto payloads = bus.payloads();
+      const auto payloads = bus_.payloads();
       return point.isConnected() && !payloads.empty() &&
              payloads.back().find("\"stat\"") != std::string::npos;
     });
   }
-  void removeAll() { manager->loadFromJSON(parseJSON(R"({"connectionPoint":[]})").get()); }
-  bool handle(const std::string& payload) {
-    ResponseList responses;
-    return manager->handleMessage(received(payload), responses);
-  }
-  static std::shared_ptr<DispatcherPeerClient> peer(const std::string& id) {
-    return routerPeerManager()->findPeer(id);
-  }
+  void removeAll() { manager_->loadFromJSON(parseJSON(R"({"connectionPoint":[]})").get()); }
+  static auto peer() { return routerPeerManager()->findPeer("r"); }
   static std::size_t peerCount() { return routerPeerManager()->peers().size(); }
 
-  LogCapture log;
-  ConsoleCapture console;
-  MasterBus bus;
-  std::unique_ptr<RemoteValtorConnectionPointManager> manager;
-
- private:
-  TemporaryFolder folder_;
+  std::unique_ptr<RemoteValtorConnectionPointManager> manager_;
 };
 
 }  // namespace valtor::test

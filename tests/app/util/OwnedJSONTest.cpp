@@ -6,24 +6,14 @@ namespace valtor {
 namespace {
 
 TEST(OwnedJSON, NeverHoldsNone) {
-  EXPECT_EQ(printJSON(OwnedJSON().get(), false), "{}");
   EXPECT_EQ(printJSON(OwnedJSON(JSONPtr()).get(), false), "{}");
   EXPECT_EQ(printJSON(parseJSON("no json").get(), false), "{}");
-  EXPECT_EQ(printJSON(parseJSON("[1,\"a\"]").get(), false), "[1,\"a\"]");
-}
-
-TEST(OwnedJSON, PrintsCompactOrFormatted) {
-  const OwnedJSON tree = parseJSON(R"({"a":1})");
-  EXPECT_EQ(printJSON(tree.get(), false), R"({"a":1})");
-  EXPECT_EQ(printJSON(tree.get(), true), "{\n\t\"a\":\t1\n}");
-  EXPECT_EQ(printJSON(nullptr, true), "");
 }
 
 TEST(OwnedJSON, MembersAreFoundWhateverTheirCaseAndOnlyWithTheirType) {
   const OwnedJSON tree = parseJSON(R"({"Name":"first","name":"second","list":[1],"number":5})");
   EXPECT_STREQ(stringMember(tree.get(), "NAME"), "first");
   EXPECT_EQ(stringMember(tree.get(), "number"), nullptr);
-  EXPECT_EQ(stringMember(tree.get(), "missing"), nullptr);
   EXPECT_EQ(stringMember(nullptr, "name"), nullptr);
   EXPECT_NE(arrayMember(tree.get(), "list"), nullptr);
   EXPECT_EQ(arrayMember(tree.get(), "number"), nullptr);

@@ -7,31 +7,21 @@
 namespace valtor {
 namespace {
 
-TEST(StartGate, HoldsWaitersUntilOpenedAndThenNeverAgain) {
-  StartGate gate;
-  gate.wait([] { return false; });
-  gate.shut();
-  std::atomic<bool> opened{false};
-  std::atomic<bool> passedEarly{false};
-  std::thread waiter([&] {
-    gate.wait([] { return false; });
-    passedEarly = !opened;
-  });
-  opened = true;
-  gate.open();
-  waiter.join();
-  EXPECT_FALSE(passedEarly);
-  gate.wait([] { return false; });
-}
-
-TEST(StartGate, AWaiterThatIsToldToGiveUpLeavesAShutGate) {
-  StartGate gate;
-  gate.shut();
-  std::atomic<bool> closing{false};
-  std::thread waiter([&] { gate.wait([&] { return closing.load(); }); });
-  closing = true;
-  gate.wake();
-  waiter.join();
+TEST(StartGate, HoldsWaitersUntilItIsOpenedOrTheyAreToldToGiveUp) {
+  for (const auto release : {&StartGate::open, &StartGate::wake}) {
+    StartGate gate;
+    gate.shut();
+    std::atomic<bool> released{false};
+    std::atomic<bool> passedEarly{false};
+    std::thread waiter([&] {
+      gate.wait([&] { return release == &StartGate::wake && released; });
+      passedEarly = !released;
+    });
+    released = true;
+    (gate.*release)();
+    waiter.join();
+    EXPECT_FALSE(passedEarly);
+  }
 }
 
 }  // namespace
