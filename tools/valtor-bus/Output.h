@@ -14,6 +14,7 @@ class DataFile {
   // Takes the open stream over; the name is for errors.
   DataFile(std::FILE* stream, std::string name) : stream_(stream), name_(std::move(name)) {}
 
+  bool isOpen() const { return stream_ != nullptr; }
   // Throws CommandFailure when the stream is none or the bytes cannot be written.
   void write(std::string_view bytes);
 

@@ -54,16 +54,15 @@ std::optional<std::string> payloadOfLine(const cJSON* line) {
 
 }  // namespace
 
-RecordingWriter::RecordingWriter(const std::string& path, Existing existing) {
-  std::FILE* stream = std::fopen(path.c_str(), existing == Existing::Keep ? "wxe" : "we");
-  if (stream == nullptr) {
+RecordingWriter::RecordingWriter(const std::string& path, Existing existing)
+    : file_(std::fopen(path.c_str(), existing == Existing::Keep ? "wxe" : "we"), path) {
+  if (!file_.isOpen()) {
     throw CommandFailure(
         ExitCode::Refused, "cannot create " + path + ": " + errnoText(errno),
         errno == EEXIST ? "Choose another name, or replace it with --overwrite." : "");
   }
-  file_ = std::make_unique<DataFile>(stream, path);
-  file_->write(std::string("{\"") + kFormatKey + "\":1,\"started\":\"" +
-               fullTime(std::chrono::system_clock::now()) + "\"}\n");
+  file_.write(std::string("{\"") + kFormatKey + "\":1,\"started\":\"" +
+              fullTime(std::chrono::system_clock::now()) + "\"}\n");
 }
 
 void RecordingWriter::add(const RecordedMessage& message) {
@@ -72,10 +71,10 @@ void RecordingWriter::add(const RecordedMessage& message) {
   std::snprintf(offset.data(), offset.size(), "%" PRId64 ".%06" PRId64, microseconds / 1000000,
                 microseconds % 1000000);
   const bool isText = withoutBrokenUtf8(message.payload) == message.payload;
-  file_->write(std::string("{\"offset\":") + offset.data() +
-               (isText ? ",\"payload\":" + quotedJSON(message.payload)
-                       : ",\"hex\":\"" + hexText(message.payload) + "\"") +
-               "}\n");
+  file_.write(std::string("{\"offset\":") + offset.data() +
+              (isText ? ",\"payload\":" + quotedJSON(message.payload)
+                      : ",\"hex\":\"" + hexText(message.payload) + "\"") +
+              "}\n");
 }
 
 RecordingReader::RecordingReader(const std::string& path)

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdint>
 #include <fstream>
-#include <memory>
 #include <optional>
 #include <string>
 
@@ -35,7 +34,7 @@ class RecordingWriter {
   void add(const RecordedMessage& message);
 
  private:
-  std::unique_ptr<DataFile> file_;
+  DataFile file_;
 };
 
 class RecordingReader {
