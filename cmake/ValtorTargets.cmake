@@ -5,6 +5,11 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 
+# A 32-bit target's time_t would end in 2038 and its stat would fail on large file systems.
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  add_compile_definitions(_FILE_OFFSET_BITS=64 _TIME_BITS=64)
+endif()
+
 find_package(Threads REQUIRED)
 find_package(cJSON REQUIRED)
 
@@ -12,9 +17,13 @@ add_library(valtor_options INTERFACE)
 target_compile_options(valtor_options INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wold-style-cast -Wnon-virtual-dtor
   $<$<BOOL:${VALTOR_WERROR}>:-Werror>
+  # g++ 12 sees overlapping copies in std::string's operator+ where there are none.
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_LESS:$<CXX_COMPILER_VERSION>,13>>:-Wno-restrict>
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety -Werror=thread-safety>)
 target_compile_definitions(valtor_options INTERFACE _GNU_SOURCE
   $<$<CONFIG:Release>:_FORTIFY_SOURCE=2>)
+target_compile_options(valtor_options INTERFACE $<$<CONFIG:Release>:-fstack-protector-strong>)
+target_link_options(valtor_options INTERFACE $<$<CONFIG:Release>:LINKER:-z,relro,-z,now>)
 target_include_directories(valtor_options INTERFACE "${CMAKE_SOURCE_DIR}/src")
 target_link_libraries(valtor_options INTERFACE Threads::Threads)
 

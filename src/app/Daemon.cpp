@@ -35,6 +35,7 @@ Daemon::Daemon(bool skipDatabase, const std::string& host, int32_t port)
 
 Daemon::~Daemon() {
   client_->close();
+  client_->removeAllHandlers();
   // While the client still lives: peers report and forward to it until they are gone.
   setRouterPeerManager(nullptr);
 }
@@ -50,6 +51,7 @@ void Daemon::start() {
     client_->loadActiveDatabase();
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "Error loading active database: %s", error.what());
+    client_->setSkipDatabase(true);  // the next announcement of the role tries again
   }
 }
 

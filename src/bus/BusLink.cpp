@@ -1,6 +1,7 @@
 #include "bus/BusLink.h"
 
 #include <cerrno>
+#include <new>
 #include <sys/socket.h>
 #include <thread>
 #include <utility>
@@ -48,8 +49,13 @@ BusLink::SendResult BusLink::write(const std::string& frame, int retryBudget) {
     }
   }
   const SendResult result = writeBytes(frame.data(), frame.size(), budget, fullCount);
-  if (result.outcome == Send::BudgetExhausted && result.sent > 0) {
-    tail_ = frame.substr(result.sent);
+  if (result.outcome != Send::Sent && result.sent > 0) {
+    try {
+      tail_ = frame.substr(result.sent);
+    } catch (const std::bad_alloc&) {
+      ::shutdown(socket_.get(), SHUT_RDWR);  // without the rest no further frame can follow
+      throw;
+    }
   }
   return result;
 }
@@ -89,6 +95,10 @@ void BusLink::setState(int state) {
 
 void BusLink::beginClosing() {
   closing_ = true;  // before the lock: whoever holds it while it waits for a full socket gives up
+  shutdownSocket();
+}
+
+void BusLink::shutdownSocket() {
   const Locked lock(sendLock_);
   if (socket_.valid()) {
     // A bare close would leave a reader blocked and free the number for somebody else.

@@ -69,6 +69,9 @@ class BusLink {
   void endClosing() { closing_ = false; }
   bool isClosing() const { return closing_; }
 
+  // Ends the link that stands: its reader finds the end of the stream.
+  void shutdownSocket();
+
   // Closes the socket, if there is one, exactly once.
   void closeSocket();
 

@@ -115,7 +115,7 @@ void PellInternalClient::reportSendFailure(const BusLink::SendResult& result, st
   if (result.outcome == BusLink::Send::Failed) {
     syslog(LOG_ERR, "%s send error (fd=%d, %s) : %s\n",
            "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
-           link_.shownDescriptor(), name_.c_str(), errnoText(result.error).c_str());
+           link_.shownDescriptor(), nameForLog(name_).c_str(), errnoText(result.error).c_str());
   } else if (result.outcome == BusLink::Send::BudgetExhausted) {
     syslog(LOG_ERR,
            "const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zd)\n",
@@ -126,8 +126,19 @@ void PellInternalClient::reportSendFailure(const BusLink::SendResult& result, st
 }
 
 void PellInternalClient::subscribe(const std::string& path) {
-  if (addSubscription(path)) {
-    sendSubscriptions({path});
+  if (addSubscription(path) && !sendSubscriptions({path})) {
+    // The path is listed, so nobody would send it again on this link.
+    subscriptionsUnsent_ = true;
+  }
+}
+
+void PellInternalClient::repeatWhatFailed() {
+  if (const int state = link_.state(); state != reportedState_) {
+    onConnectionStateChanged(state, "report repeated");
+    reportedState_ = state;
+  }
+  if (subscriptionsUnsent_.exchange(false) && !sendSubscriptions(subscriptions())) {
+    subscriptionsUnsent_ = true;
   }
 }
 
@@ -168,13 +179,13 @@ JSONPtr PellInternalClient::buildLoginParameters() {
 void PellInternalClient::setConnectionState(int state, const std::string& reason) {
   link_.setState(state);
   onConnectionStateChanged(state, reason);
+  reportedState_ = state;
 }
 
 int PellInternalClient::connect() {
   const Endpoint target = endpoint();
   if (!isUsable(target.host, target.port)) {
-    syslog(LOG_WARNING, "PellInternalClient %s cannot connect to \"%s\" port %d: no such place.\n",
-           name_.c_str(), target.host.c_str(), target.port);
+    warnOfEndpoint(target);
     return -1;
   }
   const Locked lock(lifecycle_);
@@ -187,6 +198,20 @@ int PellInternalClient::connect() {
   link_.endClosing();
   const int result = attemptConnection(timing_.ownerAttempt);
   return startThreads() ? result : -1;
+}
+
+// Once per endpoint: owners try again whenever a description is reloaded.
+void PellInternalClient::warnOfEndpoint(const Endpoint& target) {
+  {
+    const Locked lock(endpointLock_);
+    if (warnedEndpoint_ && warnedEndpoint_->host == target.host &&
+        warnedEndpoint_->port == target.port) {
+      return;
+    }
+    warnedEndpoint_ = target;
+  }
+  syslog(LOG_WARNING, "PellInternalClient %s cannot connect to \"%s\" port %d: no such place.\n",
+         nameForLog(name_).c_str(), nameForLog(target.host).c_str(), target.port);
 }
 
 int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
@@ -226,37 +251,32 @@ bool PellInternalClient::openLink(UniqueDescriptor socket) {
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   // Built before the send lock is taken: derived classes take locks of their own for it.
-  const std::string login = encodedFrame(SETMessage("system.connection", buildLoginParameters()));
+  const int connID = getConnID();
+  const std::string login =
+      frame(SETMessage("system.connection", buildLoginParameters()).encodeFrom(connID));
+  subscriptionsUnsent_ = false;
   return link_.open(std::move(socket), sendRetryBudget_, [&] {
     // Read under the send lock: whoever adds a path later finds the link standing and sends it.
-    return std::vector<std::string>{
-        login, encodedFrame(SETMessage("system.connection", subscribeObject(subscriptions())))};
+    const SETMessage list("system.connection", subscribeObject(subscriptions()));
+    return std::vector<std::string>{login, frame(list.encodeFrom(connID))};
   });
-}
-
-std::string PellInternalClient::encodedFrame(const PellInternalMessage& message) {
-  return frame(message.encodeFrom(getConnID()));
 }
 
 bool PellInternalClient::startThreads() {
   const uint32_t queueLimit = name_ == "valtor" ? PellInternalClientRxThread::kPauseChunks : 0;
-  {
-    const Locked lock(threadsLock_);
-    threadsAlive_ = 2;
-  }
-  rxThread_ = std::make_unique<PellInternalClientRxThread>(*this, queueLimit);
-  if (!rxThread_->start()) {
-    rxThread_.reset();
-    threadEnded();
-    threadEnded();
-  } else {
-    msgQThread_ = std::make_unique<PellInternalClientMsgQThread>(*this);
-    if (msgQThread_->start()) {
+  auto receive = std::make_unique<PellInternalClientRxThread>(*this, queueLimit);
+  auto messages = std::make_unique<PellInternalClientMsgQThread>(*this);
+  // Counted before each can end, kept as members only once they run.
+  threadBegins();
+  if (receive->start()) {
+    rxThread_ = std::move(receive);
+    threadBegins();
+    if (messages->start()) {
+      msgQThread_ = std::move(messages);
       return true;
     }
-    msgQThread_.reset();
-    threadEnded();
   }
+  threadEnded();
   stopThreads("thread not started");
   return false;
 }
@@ -269,6 +289,11 @@ void PellInternalClient::waitTillComplete() {
     }
   }
   std::printf("%s done\n", "waitTillComplete");
+}
+
+void PellInternalClient::threadBegins() {
+  const Locked lock(threadsLock_);
+  ++threadsAlive_;
 }
 
 void PellInternalClient::threadEnded() {
@@ -290,7 +315,7 @@ void PellInternalClient::close() { closeAs("close"); }
 void PellInternalClient::disconnect() { closeAs("disconnect"); }
 
 void PellInternalClient::closeAs(const char* reason) {
-  syslog(LOG_INFO, "Closing PellInternalClient %s...\n", name_.c_str());
+  syslog(LOG_INFO, "Closing PellInternalClient %s...\n", nameForLog(name_).c_str());
   if (currentClient == this) {
     beginClosing();
     return;
@@ -303,7 +328,7 @@ void PellInternalClient::stopForDestruction() {
   if (stopped_.exchange(true)) {
     return;
   }
-  syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", name_.c_str(),
+  syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", nameForLog(name_).c_str(),
          link_.shownDescriptor());
   const Locked lock(lifecycle_);
   if (rxThread_) {
@@ -372,8 +397,8 @@ void PellInternalClient::sendLogin() {
   sendMessage(SETMessage("system.connection", buildLoginParameters()));
 }
 
-void PellInternalClient::sendSubscriptions(const std::vector<std::string>& paths) {
-  sendMessage(SETMessage("system.connection", subscribeObject(paths)));
+bool PellInternalClient::sendSubscriptions(const std::vector<std::string>& paths) {
+  return sendMessage(SETMessage("system.connection", subscribeObject(paths))) == 0;
 }
 
 JSONPtr PellInternalClient::subscribeObject(const std::vector<std::string>& paths) const {
@@ -439,9 +464,9 @@ void PellInternalClient::deliver(const std::vector<PellInternalMessage>& message
     try {
       onMessage(message);
     } catch (const std::exception& error) {
-      syslog(LOG_ERR, "PellInternalClient %s: message %s on \"%s\" failed: %s\n", name_.c_str(),
-             kindName(message.getKind()), quotedForLog(message.header.path.c_str()).c_str(),
-             error.what());
+      syslog(LOG_ERR, "PellInternalClient %s: message %s on \"%s\" failed: %s\n",
+             nameForLog(name_).c_str(), kindName(message.getKind()),
+             quotedForLog(message.header.path.c_str()).c_str(), error.what());
     }
   }
 }

@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -106,7 +107,8 @@ class PellInternalClient : public IPellInternalClient {
   std::vector<std::string> subscriptions() const;
 
   void sendLogin();
-  void sendSubscriptions(const std::vector<std::string>& paths);
+  // Whether the message went out or was dropped because the link is down.
+  bool sendSubscriptions(const std::vector<std::string>& paths);
   // The first call sends the module-ready notification; later ones do nothing.
   void sendModuleReady();
 
@@ -160,7 +162,6 @@ class PellInternalClient : public IPellInternalClient {
   // 0 or -1.
   int attemptConnection(std::chrono::milliseconds longest);
   bool openLink(UniqueDescriptor socket);
-  std::string encodedFrame(const PellInternalMessage& message);
   JSONPtr subscribeObject(const std::vector<std::string>& paths) const;
   JSONPtr moduleReadyObject();
   int sendAs(const PellInternalMessage& message, int32_t sourceConnID);
@@ -170,10 +171,15 @@ class PellInternalClient : public IPellInternalClient {
   void beginClosing();
   void closeAs(const char* reason);
   Endpoint endpoint() const;
+  void warnOfEndpoint(const Endpoint& target);
   void deliver(const std::vector<PellInternalMessage>& messages);
   // Sleeps at most this long; ends early when the client is closing.
   void sleepUnlessClosing(std::chrono::microseconds time);
+  void threadBegins();
   void threadEnded();
+  // For the receive thread: tells the hook a state that it could not take, and sends subscriptions
+  // that met a full socket.
+  void repeatWhatFailed();
 
   Timing timing_;
   bool receiveAll_ = false;
@@ -181,6 +187,8 @@ class PellInternalClient : public IPellInternalClient {
   PellInternalStreamParser parser_;  // driven by the message-queue thread, or by nobody
   const std::string name_;
   std::atomic<bool> moduleReady_{false};
+  std::atomic<int> reportedState_{0};  // the last state whose hook returned
+  std::atomic<bool> subscriptionsUnsent_{false};
   std::atomic<bool> stopped_{false};  // stopForDestruction() has run
 
   Mutex lifecycle_;
@@ -192,6 +200,7 @@ class PellInternalClient : public IPellInternalClient {
 
   mutable Mutex endpointLock_;
   Endpoint endpoint_ VALTOR_GUARDED_BY(endpointLock_);
+  std::optional<Endpoint> warnedEndpoint_ VALTOR_GUARDED_BY(endpointLock_);
 
   mutable Mutex subscriptionLock_;
   std::vector<std::string> subscriptions_ VALTOR_GUARDED_BY(subscriptionLock_);

@@ -3,6 +3,7 @@
 #include <exception>
 #include <syslog.h>
 
+#include "app/util/ErrnoText.h"
 #include "bus/PellInternalClient.h"
 
 namespace valtor {
@@ -13,40 +14,42 @@ PellInternalClientMsgQThread::PellInternalClientMsgQThread(PellInternalClient& c
 void PellInternalClientMsgQThread::InternalThreadEntry() {
   const PellInternalClient::OwnThread mark(client_);
   while (isRunning() && !client_.isClosing()) {
-    const ReceiveQueue::Batch taken =
-        client_.queue_.take(batch_, kBatchBytes, drained_, kDrainedLimit);
-    if (taken.limitReached) {
-      syslog(LOG_WARNING, "Client message loops limit %u reached. breaking.", kDrainedLimit);
+    bool found = false;
+    try {
+      found = handleBatch();
+    } catch (const std::exception& error) {
+      syslog(LOG_ERR, "PellInternalMsgQThread: received bytes of %s are lost: %s\n",
+             nameForLog(client_.name_).c_str(), error.what());
+      batch_ = std::vector<char>();
+      client_.parser_.reset();
     }
-    if (taken.chunks > 0) {
-      handleBatch(taken.link);
-      client_.sleepUnlessClosing(kBatchPause);
-    } else {
-      client_.sleepUnlessClosing(kIdlePause);
-    }
+    client_.sleepUnlessClosing(found ? kBatchPause : kIdlePause);
   }
 }
 
-void PellInternalClientMsgQThread::handleBatch(uint32_t link) {
-  if (link != link_) {
+bool PellInternalClientMsgQThread::handleBatch() {
+  const ReceiveQueue::Batch taken =
+      client_.queue_.take(batch_, kBatchBytes, drained_, kDrainedLimit);
+  if (taken.limitReached) {
+    syslog(LOG_WARNING, "Client message loops limit %u reached. breaking.", kDrainedLimit);
+  }
+  if (taken.chunks == 0) {
+    return false;
+  }
+  if (taken.link != link_) {
     // Half a frame of the old link would swallow the first messages of the new one.
     client_.parser_.reset();
-    link_ = link;
+    link_ = taken.link;
   }
-  try {
-    client_.parser_.parse(batch_.data(), batch_.size());
-  } catch (const std::exception& error) {
-    syslog(LOG_ERR, "PellInternalMsgQThread: %zu received bytes are lost: %s\n", batch_.size(),
-           error.what());
-    client_.parser_.reset();
-  }
+  client_.parser_.parse(batch_.data(), batch_.size());
   if (batch_.size() <= kBatchBytes) {
     batch_.clear();
   } else {
     syslog(LOG_WARNING, "Client message queue buffer size is %zu. Reclaiming memory.",
            batch_.size());
-    batch_ = {};
+    batch_ = std::vector<char>();  // assigning {} would keep the storage
   }
+  return true;
 }
 
 }  // namespace valtor

@@ -27,7 +27,8 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   void InternalThreadEntry() override;
 
  private:
-  void handleBatch(uint32_t link);
+  // Takes one batch and delivers what it completes; false when nothing waited.
+  bool handleBatch();
 
   PellInternalClient& client_;
   std::vector<char> batch_;

@@ -21,13 +21,17 @@ void PellInternalClientRxThread::InternalThreadEntry() {
   lastKeepAlive_ = Clock::now();
   while (goesOn()) {
     try {
+      client_.repeatWhatFailed();
       keepConnected();
       if (goesOn()) {
         readOnce();
       }
     } catch (const std::exception& error) {
-      // A hook or an allocation failed. The link must go on by itself.
-      syslog(LOG_ERR, "PellInternalRxThread: %s: %s\n", client_.name_.c_str(), error.what());
+      // A hook or an allocation failed. Received bytes may be lost, so a link that stands is given
+      // up; the next one starts clean.
+      syslog(LOG_ERR, "PellInternalRxThread: %s: %s\n", nameForLog(client_.name_).c_str(),
+             error.what());
+      client_.link_.shutdownSocket();
       client_.sleepUnlessClosing(client_.timing().reconnectDelay);
     }
   }
@@ -62,7 +66,7 @@ void PellInternalClientRxThread::readOnce() {
     return;
   }
   if (!chunk_) {
-    chunk_ = std::make_unique<ReceivedChunk>();
+    chunk_ = std::make_unique_for_overwrite<ReceivedChunk>();
   }
   const ssize_t count = ::recv(descriptor, chunk_->data.data(), chunk_->data.size(), 0);
   const int error = errno;
@@ -105,7 +109,7 @@ void PellInternalClientRxThread::pauseWhileFull() {
     return;
   }
   syslog(LOG_WARNING, "PellInternalRxThread: %s: %u chunks wait to be handled, reading pauses.\n",
-         client_.name_.c_str(), kPauseChunks);
+         nameForLog(client_.name_).c_str(), kPauseChunks);
   // Half of the queue, so that an episode is one pause and one warning, not one per chunk.
   client_.queue_.waitForRoom(kPauseChunks / 2, [this] { return !goesOn(); });
 }

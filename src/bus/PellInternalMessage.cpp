@@ -117,6 +117,14 @@ bool decodeHeader(PellInternalHeader& header, const cJSON* array) {
   return true;
 }
 
+// Whether the line is worth parsing. One of a megabyte would only cost memory, since none longer
+// than 255 characters is ever written; and a NUL spelled out would cut the path short when it is
+// decoded.
+bool isPlausibleHeader(const char* begin, const char* end) {
+  constexpr std::ptrdiff_t kLongestHeader = std::ptrdiff_t{64} * 1024;
+  return end - begin <= kLongestHeader && std::strstr(begin, "\\u0000") == nullptr;
+}
+
 JSONPtr makeNull() {
   JSONPtr item(cJSON_CreateNull());
   if (!item) {
@@ -233,7 +241,7 @@ void PellInternalMessage::decode(char* payload) {
     return;
   }
   *lineEnd = '\0';
-  const JSONPtr line(cJSON_Parse(payload));
+  const JSONPtr line(isPlausibleHeader(payload, lineEnd) ? cJSON_Parse(payload) : nullptr);
   if (!decodeHeader(header, line.get())) {
     syslog(LOG_INFO, "PellInternalMessage header decode error:%s\n", quotedForLog(payload).c_str());
     return;
@@ -288,13 +296,7 @@ cJSON* PellInternalMessage::getBody() {
   return body_.get();
 }
 
-JSONPtr PellInternalMessage::parseBody() const {
-  if (bodyText_ == nullptr && body_) {
-    JSONPtr copy(cJSON_Duplicate(body_.get(), 1));
-    return copy ? std::move(copy) : makeNull();
-  }
-  return parseText(bodyText_);
-}
+JSONPtr PellInternalMessage::parseBody() const { return parseText(bodyText_); }
 
 const cJSON* PellInternalMessage::viewBody() const {
   if (body_) {

@@ -119,8 +119,8 @@ class PellInternalMessage {
   // encode() renders it. A JSON null when there is no text or it does not parse. Never null. The
   // tree belongs to the message.
   cJSON* getBody();
-  // A new tree parsed from the received text (or a copy of a built message's tree); the caller owns
-  // it. A JSON null when there is none or it does not parse.
+  // A new tree parsed from the received text, owned by the caller. A JSON null when there is no
+  // such text, as in every built message, or it does not parse.
   JSONPtr parseBody() const;
   // The body for whoever only looks: parsed at most once per message, kept beside the received
   // text, never rendered by encode(). Never null; valid as long as the message.

@@ -56,6 +56,11 @@ int PellInternalStreamParser::parse(const char* data, std::size_t length) {
 }
 
 void PellInternalStreamParser::reset() {
+  restart();
+  finished_.clear();
+}
+
+void PellInternalStreamParser::restart() {
   headerCount_ = 0;
   state_ = State::Length;
   bodyBuffer_.reset();
@@ -66,7 +71,7 @@ void PellInternalStreamParser::reset() {
 void PellInternalStreamParser::storeHeaderByte(char byte) {
   headerBytes_[static_cast<std::size_t>(headerCount_)] = byte;
   if (++headerCount_ == kHeaderCapacity) {
-    reset();
+    restart();
   }
 }
 
@@ -89,7 +94,7 @@ void PellInternalStreamParser::handleSeparator() {
   if (length > kMaxPayload) {
     syslog(LOG_CRIT, "PellInternalStreamParser length exceeds max header size=%d.\n", length);
     std::printf("PellInternalStreamParser length exceeds max header size=%d.\n", length);
-    reset();
+    restart();
     storeHeaderByte(kSeparator);
     return;
   }
@@ -99,7 +104,7 @@ void PellInternalStreamParser::handleSeparator() {
            shown.c_str());
     std::printf("PellInternalStreamParser invalid header length received=%d. (%.10s)\n", length,
                 shown.c_str());
-    reset();
+    restart();
     storeHeaderByte(kSeparator);
     return;
   }
@@ -131,7 +136,7 @@ std::size_t PellInternalStreamParser::readPayload(const char* data, std::size_t 
   }
   const char footer = data[missing];
   std::unique_ptr<char[]> payload = std::move(bodyBuffer_);
-  reset();
+  restart();
   if (!payload) {
     return missing + 1;
   }

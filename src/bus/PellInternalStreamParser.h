@@ -34,10 +34,12 @@ class PellInternalStreamParser {
 
   void setMessageCallback(MessageCallback callback) { callback_ = std::move(callback); }
 
-  // Forgets the frame being read. Finished messages were delivered already.
+  // Forgets the frame being read and whatever an exception kept from being delivered.
   void reset();
 
  private:
+  // Looks for the next frame.
+  void restart();
   std::size_t readLength(const char* data, std::size_t length);
   std::size_t readPayload(const char* data, std::size_t length);
   void storeHeaderByte(char byte);

@@ -120,15 +120,15 @@ int RSPMessage::getStatusCode() const {
 }
 
 ResponseSummary readResponseSummary(const PellInternalMessage& message) {
-  const JSONPtr tree = message.parseBody();
-  if (!tree || cJSON_IsNull(tree.get()) != 0) {
+  const cJSON* tree = message.viewBody();
+  if (cJSON_IsNull(tree) != 0) {
     throw std::runtime_error("no data object");
   }
   ResponseSummary summary;
-  summary.id = getStringField(tree.get(), "id");
-  summary.requestCommand = getStringField(tree.get(), "requestCommand");
-  summary.statusCode = getIntField(tree.get(), "statusCode");
-  summary.statusMsg = getStringField(tree.get(), "statusMsg");
+  summary.id = getStringField(tree, "id");
+  summary.requestCommand = getStringField(tree, "requestCommand");
+  summary.statusCode = getIntField(tree, "statusCode");
+  summary.statusMsg = getStringField(tree, "statusMsg");
   return summary;
 }
 

@@ -32,7 +32,12 @@ std::error_code ValtorInterfaceClient::setSkipDatabase(bool skip) {
     if (skip) {
       removeAllHandlers();
     } else {
-      loadActiveDatabase();
+      try {
+        loadActiveDatabase();
+      } catch (...) {
+        skipDatabase_ = true;  // so that the next announcement of the role tries again
+        throw;
+      }
     }
   }
   return {0, std::system_category()};

@@ -122,24 +122,36 @@ std::unique_ptr<ConnectionPoint> AbstractConnectionPointManager::createConnectio
 
 void AbstractConnectionPointManager::addConnectionPoint(
     std::unique_ptr<ConnectionPoint> connectionPoint) {
+  add(std::move(connectionPoint));
+  writeIncomingClientConnections(false);
+}
+
+void AbstractConnectionPointManager::add(std::unique_ptr<ConnectionPoint> connectionPoint) {
   if (isTypeSupported(connectionPoint->getType())) {
     if (countConnectedServerConnectionPoints() < maxConnectionPoints_) {
       store(std::move(connectionPoint));
     } else {
       refuse(std::move(connectionPoint));
     }
-  } else {
-    connectionPoint.reset();
   }
-  writeIncomingClientConnections(false);
 }
 
-void AbstractConnectionPointManager::store(std::shared_ptr<ConnectionPoint> connectionPoint) {
+void AbstractConnectionPointManager::store(
+    const std::shared_ptr<ConnectionPoint>& connectionPoint) {
   const std::string uniqueID = connectionPoint->getUniqueID();
   std::shared_ptr<ConnectionPoint> replaced;
+  bool stored = false;
   {
     const Locked lock(lock_);
-    replaced = std::exchange(connectionPoints_[uniqueID], connectionPoint);
+    stored = connectionPoints_.size() < kMaxStored || connectionPoints_.count(uniqueID) > 0;
+    if (stored) {
+      replaced = std::exchange(connectionPoints_[uniqueID], connectionPoint);
+    }
+  }
+  if (!stored) {
+    syslog(LOG_WARNING, "ConnectionPoint %s refused, %zu are stored already.\n",
+           nameForLog(uniqueID).c_str(), kMaxStored);
+    return;
   }
   // Before its successor connects: what both would use must be free by then.
   replaced.reset();
@@ -151,7 +163,7 @@ void AbstractConnectionPointManager::store(std::shared_ptr<ConnectionPoint> conn
 
 void AbstractConnectionPointManager::refuse(std::unique_ptr<ConnectionPoint> connectionPoint) {
   const std::string uniqueID = connectionPoint->getUniqueID();
-  syslog(LOG_INFO, "Add ConnectionPoint %s refused, Too Many.\n", uniqueID.c_str());
+  syslog(LOG_INFO, "Add ConnectionPoint %s refused, Too Many.\n", nameForLog(uniqueID).c_str());
   std::printf("Add ConnectionPoint %s refused, Too Many.\n", uniqueID.c_str());
   connectionPoint->disconnect();
 }
@@ -169,6 +181,15 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::findAndUnmark(
 
 std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::addOrUpdateConnectionPoint(
     std::unique_ptr<ConnectionPoint> connectionPoint) {
+  std::shared_ptr<ConnectionPoint> existing = merge(std::move(connectionPoint));
+  if (!existing) {
+    writeIncomingClientConnections(false);
+  }
+  return existing;
+}
+
+std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::merge(
+    std::unique_ptr<ConnectionPoint> connectionPoint) {
   if (!isTypeSupported(connectionPoint->getType())) {
     return nullptr;
   }
@@ -176,7 +197,7 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::addOrUpdateConn
   std::shared_ptr<ConnectionPoint> existing = findAndUnmark(connectionPoint->getUniqueID());
   if (!existing) {
     connectionPoint->markForDeletion(false);
-    addConnectionPoint(std::move(connectionPoint));
+    add(std::move(connectionPoint));
     return nullptr;
   }
   existing->update(*connectionPoint);
@@ -191,8 +212,10 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::addOrUpdateConn
 
 void AbstractConnectionPointManager::addConnectionPoints(ConnectionPointList connectionPoints) {
   for (auto& connectionPoint : connectionPoints) {
-    addOrUpdateConnectionPoint(std::move(connectionPoint));
+    merge(std::move(connectionPoint));
   }
+  // Once for all: a list may be long, and the file holds the whole set.
+  writeIncomingClientConnections(false);
 }
 
 void AbstractConnectionPointManager::mergeConnectionPoints(const cJSON* array) {
@@ -200,8 +223,11 @@ void AbstractConnectionPointManager::mergeConnectionPoints(const cJSON* array) {
   cJSON_ArrayForEach(element, array) {
     std::unique_ptr<ConnectionPoint> connectionPoint = createSupported(element);
     if (connectionPoint) {
-      addOrUpdateConnectionPoint(std::move(connectionPoint));
+      merge(std::move(connectionPoint));
     }
+  }
+  if (array != nullptr) {
+    writeIncomingClientConnections(false);
   }
 }
 
@@ -288,15 +314,13 @@ void AbstractConnectionPointManager::removeConnectionPoint(
   connectionPoint->disconnect();
   connectionPoint->removeAllDeviceConnections();
   connectionPoint->notifyDeleted();
-  const auto found =
-      std::find_if(connectionPoints_.begin(), connectionPoints_.end(),
-                   [&](const auto& entry) { return entry.second == connectionPoint; });
-  if (found == connectionPoints_.end()) {
+  const auto found = connectionPoints_.find(connectionPoint->getUniqueID());
+  if (found == connectionPoints_.end() || found->second != connectionPoint) {
     return;
   }
   syslog(LOG_INFO,
          "AbstractConnectionPointManager removeConnectionPoint %s, connections.size=%zu\n",
-         connectionPoint->getUniqueID().c_str(), connectionPoints_.size());
+         nameForLog(connectionPoint->getUniqueID()).c_str(), connectionPoints_.size());
   connectionPoints_.erase(found);
 }
 

@@ -137,7 +137,7 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
                      JSONPtr value);
   // False, with a warning, when a request has got as many answers as one request may: a frame can
   // repeat a name a million times.
-  static bool hasRoomForAnswer(const PellInternalMessage& message, const ResponseList& responses);
+  bool hasRoomForAnswer(const PellInternalMessage& message, const ResponseList& responses) const;
   // Offers the message to every connection point; whether any took it.
   bool offerDeviceParam(const std::string& uniqueID, const PellInternalMessage& message);
 
@@ -155,7 +155,10 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // The manager's object with its server connection points, in an array.
   JSONPtr describeWithServers() const;
 
-  void store(std::shared_ptr<ConnectionPoint> connectionPoint);
+  // The public operations of these names without the incoming-client file.
+  void add(std::unique_ptr<ConnectionPoint> connectionPoint);
+  std::shared_ptr<ConnectionPoint> merge(std::unique_ptr<ConnectionPoint> connectionPoint);
+  void store(const std::shared_ptr<ConnectionPoint>& connectionPoint);
   static void refuse(std::unique_ptr<ConnectionPoint> connectionPoint);
   std::shared_ptr<ConnectionPoint> findAndUnmark(const std::string& uniqueID);
   void mergeConnectionPoints(const cJSON* array);
@@ -172,6 +175,10 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   void saveDescription();
 
   static constexpr std::size_t kMaxAnswers = 1000;  // to one request
+  // Connection points that all answers to one request may hold together.
+  static constexpr std::size_t kMaxAnswered = 100000;
+  // Far above any plant; keeps memory and time bounded whatever the bus describes.
+  static constexpr std::size_t kMaxStored = 10000;
 
   const std::string name_;
   const std::string type_;

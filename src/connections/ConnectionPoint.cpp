@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "app/util/Console.h"
+#include "app/util/ErrnoText.h"
 #include "bus/RequestMessages.h"
 #include "router/DeviceParamList.h"
 
@@ -199,7 +200,8 @@ void ConnectionPoint::markForDeletion(bool marked) {
   if (!deletable_) {
     return;
   }
-  syslog(LOG_DEBUG, "%s marked for deletion val=%d.\n", getUniqueID().c_str(), marked ? 1 : 0);
+  syslog(LOG_DEBUG, "%s marked for deletion val=%d.\n", nameForLog(getUniqueID()).c_str(),
+         marked ? 1 : 0);
   markedForDeletion_ = marked;
 }
 
@@ -209,7 +211,7 @@ bool ConnectionPoint::isMarkedForDeletion() const { return deletable_ && markedF
 
 void ConnectionPoint::setConnected(bool connected) {
   syslog(LOG_DEBUG, "%s, %s = %d\n", "virtual void ConnectionPoint::setConnected(bool)",
-         getUniqueID().c_str(), connected ? 1 : 0);
+         nameForLog(getUniqueID()).c_str(), connected ? 1 : 0);
   if (connected_.exchange(connected) == connected) {
     return;
   }
@@ -290,7 +292,7 @@ bool ConnectionPoint::hasDeviceConnection(const std::string& uniqueID) const {
   return findDeviceConnection(uniqueID) != nullptr;
 }
 
-void ConnectionPoint::addDeviceConnection(DevicePtr deviceConnection, bool notify) {
+void ConnectionPoint::addDeviceConnection(const DevicePtr& deviceConnection, bool notify) {
   if (!deviceConnection) {
     return;
   }
@@ -377,8 +379,8 @@ void ConnectionPoint::removeAllDeviceConnections() {
 
 void ConnectionPoint::logOffline(const AbstractDeviceConnection& deviceConnection) {
   const DeviceConnectionDetails details = deviceConnection.getDetails();
-  syslog(LOG_INFO, "Device %s(%s) is offline.\n", details.getName().c_str(),
-         details.getUniqueID().c_str());
+  syslog(LOG_INFO, "Device %s(%s) is offline.\n", nameForLog(details.getName()).c_str(),
+         nameForLog(details.getUniqueID()).c_str());
 }
 
 void ConnectionPoint::setDevicesOnline(bool online) {

@@ -76,8 +76,8 @@ class ConnectionPoint : public AbstractJSONBackedData {
       const DeviceConnectionDetails& details) = 0;
   // Takes the device connection in, in place of one with the same unique ID, subscribes the sender
   // to its path and marks it seen; announces it when asked. Null is ignored.
-  virtual void addDeviceConnection(std::shared_ptr<AbstractDeviceConnection> deviceConnection,
-                                   bool notify);
+  virtual void addDeviceConnection(
+      const std::shared_ptr<AbstractDeviceConnection>& deviceConnection, bool notify);
   // Gives the device connection up and announces that; whether there was one.
   virtual bool removeDeviceConnection(const std::string& uniqueID);
   // Hands the "param" of a "SET" to the device connection; whether there was one to take it.

@@ -2,8 +2,10 @@
 
 #include <array>
 #include <cstdio>
+#include <syslog.h>
 #include <utility>
 
+#include "app/util/ErrnoText.h"
 #include "bus/RSPMessage.h"
 
 namespace valtor {
@@ -13,6 +15,7 @@ namespace {
 constexpr const char* kServerConnectionPoint = "serverConnectionPoint";
 constexpr const char* kDeviceConnection = "deviceConnection";
 constexpr const char* kInterfaceName = "ConnectionPointManager";
+constexpr std::size_t kMaxTCPServers = 1000;  // descriptions are never removed
 constexpr double kInterfaceVersion = 1.0;
 constexpr std::size_t kInterfaceTextSize = 128;  // bytes, with the NUL at the end
 
@@ -97,8 +100,12 @@ bool ConnectionPointManager::addOrUpdateTCPServer(const cJSON* item) {
       server->assign(described.get());
     }
   }
-  if (!known) {
+  if (!known && tcpServers_.size() < kMaxTCPServers) {
     tcpServers_.push_back(std::move(described));
+  } else if (!known) {
+    syslog(LOG_WARNING, "TCP server %s %s refused, %zu are stored already.\n",
+           nameForLog(described->getType()).c_str(), nameForLog(described->getProtocol()).c_str(),
+           kMaxTCPServers);
   }
   return true;
 }

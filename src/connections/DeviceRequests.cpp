@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <utility>
 
+#include "app/util/ErrnoText.h"
 #include "bus/RSPMessage.h"
 #include "connections/AbstractConnectionPointManager.h"
 
@@ -26,7 +27,9 @@ const cJSON* paramOf(const PellInternalMessage& message) {
 
 bool AbstractConnectionPointManager::handleMessage(const PellInternalMessage& message,
                                                    ResponseList& responses) {
-  if (elementsOfPath(message.getPath()).front() != kDevice) {
+  // Every message of the bus comes by here: nothing is copied to tell it is not for us.
+  const std::string_view path = message.header.path;
+  if (path.substr(0, path.find('.')) != kDevice) {
     return false;
   }
   switch (message.getKind()) {
@@ -45,8 +48,14 @@ bool AbstractConnectionPointManager::handleMessage(const PellInternalMessage& me
 
 std::optional<std::string> AbstractConnectionPointManager::addressedDevice(
     const PellInternalMessage& message) {
-  const std::vector<std::string> elements = elementsOfPath(message.getPath());
-  return elements.size() > 1 ? std::optional<std::string>(elements[1]) : std::nullopt;
+  // Not split as a whole: a path may be twenty million points.
+  const std::string& path = message.header.path;
+  const std::size_t first = path.find('.');
+  if (first == std::string::npos) {
+    return std::nullopt;
+  }
+  const std::size_t second = path.find('.', first + 1);
+  return path.substr(first + 1, second == std::string::npos ? second : second - first - 1);
 }
 
 std::string_view AbstractConnectionPointManager::textOf(const cJSON* item) {
@@ -63,13 +72,18 @@ void AbstractConnectionPointManager::answer(ResponseList& responses,
 }
 
 bool AbstractConnectionPointManager::hasRoomForAnswer(const PellInternalMessage& message,
-                                                      const ResponseList& responses) {
-  if (responses.size() < kMaxAnswers) {
+                                                      const ResponseList& responses) const {
+  std::size_t stored = 0;
+  {
+    const Locked lock(lock_);
+    stored = connectionPoints_.size();
+  }
+  if (responses.size() < kMaxAnswers && responses.size() * stored < kMaxAnswered) {
     return true;
   }
   syslog(LOG_WARNING,
-         "A request of connection %d names more than %zu objects, the rest is ignored.\n",
-         message.header.sourceConnID, kMaxAnswers);
+         "A request of connection %d asks for too much, what follows its answer %zu is ignored.\n",
+         message.header.sourceConnID, responses.size());
   return false;
 }
 
@@ -247,8 +261,8 @@ bool AbstractConnectionPointManager::deleteDeviceConnection(const std::string& u
   const Locked lock(lock_);
   for (const auto& entry : connectionPoints_) {
     if (entry.second->removeDeviceConnection(uniqueID)) {
-      syslog(LOG_INFO, "deviceConnection %s REMOVED from connectionPoint %s\n", uniqueID.c_str(),
-             entry.second->getUniqueID().c_str());
+      syslog(LOG_INFO, "deviceConnection %s REMOVED from connectionPoint %s\n",
+             nameForLog(uniqueID).c_str(), nameForLog(entry.second->getUniqueID()).c_str());
       changed = true;
     }
   }

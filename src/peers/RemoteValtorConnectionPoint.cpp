@@ -4,6 +4,7 @@
 #include <syslog.h>
 #include <utility>
 
+#include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
 #include "bus/IPellaMessageForwarder.h"
 #include "bus/RequestMessages.h"
@@ -31,10 +32,7 @@ int RemoteValtorConnectionPoint::connect() {
   }
   const std::string uniqueID = getUniqueID();
   if (!phy->isConnectable()) {
-    syslog(LOG_WARNING,
-           "RemoteValtorConnectionPoint %s (%s) stays down: its tcp phy names no place to connect "
-           "to (address \"%s\", port %d).\n",
-           getName().c_str(), uniqueID.c_str(), phy->getIPAddress().c_str(), phy->getPort());
+    warnOfPlace(*phy);
     return 0;
   }
   const auto peers = routerPeerManager();
@@ -48,6 +46,19 @@ int RemoteValtorConnectionPoint::connect() {
   }
   createPeer(*peers, uniqueID, *phy);
   return 1;
+}
+
+// Once per place: start-up and every reload connect again.
+void RemoteValtorConnectionPoint::warnOfPlace(const IPPhy& phy) {
+  const std::string place = phy.getIPAddress() + ":" + std::to_string(phy.getPort());
+  if (std::exchange(warnedPlace_, place) == place) {
+    return;
+  }
+  syslog(LOG_WARNING,
+         "RemoteValtorConnectionPoint %s (%s) stays down: its tcp phy names no place to connect to "
+         "(address \"%s\", port %d).\n",
+         nameForLog(getName()).c_str(), nameForLog(getUniqueID()).c_str(),
+         phy.getIPAddress().c_str(), phy.getPort());
 }
 
 void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,

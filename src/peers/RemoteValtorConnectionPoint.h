@@ -62,11 +62,13 @@ class RemoteValtorConnectionPoint : public ConnectionPoint {
   // False when the peer is being given up by the connection point that had it.
   bool reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy);
   void giveUpPeer();
+  void warnOfPlace(const IPPhy& phy);
   void createPeer(ValtorRouterPeerManager& peers, const std::string& uniqueID, const IPPhy& phy);
   // The sender, if it puts messages on the master bus as they are.
   IPellaMessageForwarder* forwarder() const;
 
   const bool rejectLoopback_;
+  std::string warnedPlace_;  // touched by connect() only, which one thread at a time calls
 };
 
 // Whether the phy leads to the controller itself.

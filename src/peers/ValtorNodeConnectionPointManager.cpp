@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string_view>
+#include <syslog.h>
 #include <utility>
 
 #include "app/util/OwnedJSON.h"
@@ -16,6 +17,8 @@ namespace {
 
 constexpr const char* kConnectionPoint = "connectionPoint";
 constexpr const char* kConnectionPointManager = "connectionPointManager";
+constexpr std::size_t kMaxAnswers =
+    1000;  // to one request: a frame can repeat a name a million times
 
 // What one element of "objectName" names in a delete request. An element "connectionPoint.<id>"
 // says itself that it names a connection point, and from then on so do plain elements; until then
@@ -162,6 +165,12 @@ bool ValtorNodeConnectionPointManager::answerRead(const PellInternalMessage& mes
   cJSON_ArrayForEach(element, arrayMember(message.viewBody(), "objectName")) {
     if (cJSON_IsString(element) == 0) {
       continue;
+    }
+    if (responses.size() >= kMaxAnswers) {
+      syslog(LOG_WARNING,
+             "A request of connection %d names more than %zu objects, the rest is ignored.\n",
+             message.header.sourceConnID, kMaxAnswers);
+      break;
     }
     JSONPtr array;
     const std::string_view name(element->valuestring);

@@ -40,10 +40,7 @@ bool ValtorRouterPeerConnection::setOwner(RemoteValtorConnectionPoint& owner) {
   if (abandoned_) {
     return false;
   }
-  if (owner_ == &owner) {
-    return true;
-  }
-  if (owner_ != nullptr) {
+  if (owner_ != nullptr && owner_ != &owner) {
     owner_->setConnected(false);
   }
   owner_ = &owner;

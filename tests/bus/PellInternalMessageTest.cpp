@@ -212,7 +212,7 @@ TEST(PellInternalMessage, EncodesToTheseBytes) {
   const PellInternalMessage taken(MessageKind::SET, "db", std::move(tree));
   EXPECT_EQ(taken.encode(), "[\"SET\", \"db\", 0, 0, 0]\n{\"param\":[1,\"x\"],\"id\":\"" +
                                 taken.getUniqueId() + "\"}");
-  EXPECT_EQ(printJSON(taken.parseBody().get(), false), printJSON(taken.viewBody(), false));
+  EXPECT_TRUE(cJSON_IsNull(taken.parseBody().get()));
 }
 
 TEST(PellInternalMessage, HeaderLineIsCutAt255CharactersWithAWarning) {

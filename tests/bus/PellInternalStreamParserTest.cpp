@@ -264,14 +264,18 @@ TEST(PellInternalStreamParser, LongestPayloadIsReadWhole) {
   EXPECT_TRUE(reader.payloads[0] == payload);
 }
 
-TEST(PellInternalStreamParser, HeaderArrayOfAMillionElementsCostsLittle) {
-  std::string payload = "[\"SET\",\"a\",1,2";
+TEST(PellInternalStreamParser, HeaderLineThatIsHugeOrHidesANulIsRefused) {
+  std::string huge = "[\"SET\",\"a\",1,2";
   for (int i = 0; i < 1'000'000; ++i) {
-    payload += ",0";
+    huge += ",0";
   }
-  Reader reader;
-  reader.feed(frame(payload + "]\n{}"));
-  EXPECT_EQ(reader.payloads, (std::vector<std::string>{"[\"SET\", \"a\", 1, 2, 0]\n{}"}));
+  for (const std::string& line : {huge + "]", std::string("[\"SET\",\"device\\u0000x\",1,2]")}) {
+    const test::LogCapture log;
+    Reader reader;
+    reader.feed(frame(line + "\n{}") + kGoodFrame);
+    EXPECT_EQ(reader.payloads, (std::vector<std::string>{kGood}));
+    EXPECT_EQ(log.countContaining("PellInternalMessage header decode error:"), 1);
+  }
 }
 
 TEST(PellInternalStreamParser, FrameWithoutMemoryIsSkippedWhole) {

@@ -45,13 +45,17 @@ TEST(PurgeTest, RemovesOnlyMarkedAndDisconnectedServerConnectionPoints) {
   EXPECT_NE(list.find("\"unmarked\""), std::string::npos);
 }
 
-TEST(PurgeTest, ThatRemovesNothingWritesNothing) {
+TEST(PurgeTest, LeavesAConnectionPointThatIsJustBeingUpdated) {
   Scene scene;
   FakeManager manager(scene.client);
   manager.setCleanupInterval(kNever);
-  manager.add(clientDescription("A"));
-  manager.purgeMarkedClients();
-  EXPECT_FALSE(std::filesystem::exists(incomingClientFile()));
+  const auto cp = addMarked(manager, "in");
+  cp->onDisconnect = [&manager] { manager.purgeMarkedClients(); };
+  std::string moved = serverDescription("in");
+  moved.replace(moved.find("700"), 3, "701");
+  manager.addOrUpdateConnectionPoint(manager.createConnectionPoint(parseJSON(moved).get()));
+  EXPECT_EQ(cp->disconnects, 1);
+  EXPECT_EQ(manager.get("in"), cp);
 }
 
 TEST(PurgeTest, GivesWayToWhoeverHoldsTheLockAndCountsThat) {
@@ -107,18 +111,6 @@ TEST(CleanupThreadTest, GoesOnWhenTheFileCannotBeWritten) {
   addMarked(manager, "second");
   EXPECT_TRUE(eventually([&] { return manager.ids().empty(); }));
   EXPECT_GE(log.countContaining("error while opening file: "), 2);
-}
-
-TEST(CleanupThreadTest, EndsWithoutWaitingForTheTimeout) {
-  Scene scene;
-  FakeManager manager(scene.client);
-  // Would outlast this test by far.
-  ConnectionPointCleanupThread thread(manager, kNever);
-  ASSERT_TRUE(thread.start());
-  thread.end();
-  EXPECT_EQ(thread.join(), 0);
-  EXPECT_FALSE(thread.isRunning());
-  thread.end();  // has nobody left to wake
 }
 
 TEST(CleanupThreadTest, EndAndThreadMayCloseThePipeAtTheSameTime) {

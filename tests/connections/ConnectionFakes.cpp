@@ -6,7 +6,7 @@
 namespace valtor::test {
 
 std::string bodyWithoutId(const PellInternalMessage& message) {
-  const JSONPtr body = message.parseBody();
+  const JSONPtr body(cJSON_Duplicate(message.viewBody(), 1));
   cJSON_DeleteItemFromObject(body.get(), "id");
   return printJSON(body.get(), false);
 }
@@ -84,6 +84,31 @@ void FakeConnectionPoint::disconnect() {
 std::unique_ptr<AbstractDeviceConnection> FakeConnectionPoint::createDeviceConnection(
     const DeviceConnectionDetails& details) {
   return details.getName() == "none" ? nullptr : std::make_unique<FakeDevice>(details);
+}
+
+bool FakeConnectionPoint::showInUI() const {
+  if (onRender) {
+    onRender();
+  }
+  return true;
+}
+
+SlowRendering::SlowRendering(FakeConnectionPoint& connectionPoint) {
+  connectionPoint.onRender = [state = state_] {
+    if (!state->armed.exchange(false)) {
+      return;
+    }
+    state->started = true;
+    for (int i = 0; i < 5000; ++i) {
+      std::this_thread::yield();
+    }
+  };
+}
+
+void SlowRendering::waitForStart() const {
+  while (!state_->started) {
+    std::this_thread::yield();
+  }
 }
 
 FakeManager::FakeManager(IPellInternalClient& client, const std::string& type,

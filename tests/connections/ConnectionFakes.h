@@ -6,29 +6,19 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app/util/Paths.h"
 #include "bus/IPellInternalClient.h"
 #include "connections/ConnectionPointManager.h"
 #include "router/DeviceParamList.h"
+#include "support/Repeat.h"
 #include "support/TemporaryFolder.h"
 
 namespace valtor::test {
 
-// Rounds of a test that looks for races: the full number where a race is reported even when it does
-// no harm.
-#if defined(__SANITIZE_THREAD__)
-inline constexpr int kRaceRounds = 400;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-inline constexpr int kRaceRounds = 400;
-#else
-inline constexpr int kRaceRounds = 40;
-#endif
-#else
-inline constexpr int kRaceRounds = 40;
-#endif
+inline constexpr int kRaceRounds = repetitions(400);
 
 // A message as the bus would see it; the body without its identifier.
 struct SentMessage {
@@ -79,11 +69,30 @@ class FakeConnectionPoint : public ConnectionPoint {
   void disconnect() override;
   std::unique_ptr<AbstractDeviceConnection> createDeviceConnection(
       const DeviceConnectionDetails& details) override;
+  bool showInUI() const override;
 
   std::atomic<int> connects{0};
   std::atomic<int> disconnects{0};
   // Runs in disconnect(), before the state is set.
   std::function<void()> onDisconnect;
+  // Runs while the object is rendered, after its state was read.
+  std::function<void()> onRender;
+};
+
+// Holds up the first rendering of a connection point for long enough that another thread gets in,
+// unless a lock keeps it out.
+class SlowRendering {
+ public:
+  explicit SlowRendering(FakeConnectionPoint& connectionPoint);
+  // Until the rendering has begun.
+  void waitForStart() const;
+
+ private:
+  struct State {
+    std::atomic<bool> armed{true};
+    std::atomic<bool> started{false};
+  };
+  std::shared_ptr<State> state_ = std::make_shared<State>();
 };
 
 // A manager of FakeConnectionPoints. One whose unique ID begins with "keep" is not deletable.

@@ -27,18 +27,8 @@ TEST(ConnectionPointTCPServer, LoadsUpToTheFirstMissingMember) {
            0,
            R"({"enabled":false,"port":0,"protocol":"p","type":"t","connectionLimit":0,"numConnections":3})"},
        Case{
-           R"({"enabled":false,"port":1,"protocol":2,"type":[],"connectionLimit":4,"numConnections":0})",
-           0,
-           R"({"enabled":false,"port":1,"protocol":"tcp","type":"","connectionLimit":4,"numConnections":0})"},
-       Case{
            R"({"enabled":false,"port":1,"protocol":"p","type":"t","connectionLimit":4})", -1,
            R"({"enabled":false,"port":1,"protocol":"p","type":"t","connectionLimit":4,"numConnections":0})"},
-       Case{
-           R"({"enabled":false,"port":1,"type":"t","numConnections":9})", -1,
-           R"({"enabled":false,"port":1,"protocol":"tcp","type":"t","connectionLimit":10,"numConnections":0})"},
-       Case{
-           R"({"enabled":false,"type":"t","connectionLimit":4,"numConnections":9})", -1,
-           R"({"enabled":false,"port":7,"protocol":"tcp","type":"","connectionLimit":10,"numConnections":0})"},
        Case{R"({"enabled":1,"port":1,"connectionLimit":4,"numConnections":0})", -1, untouched},
        Case{R"({"port":1,"connectionLimit":4,"numConnections":0})", -1, untouched},
        Case{"[1,2]", -1, untouched}, Case{"5", -1, untouched}}) {
@@ -79,15 +69,6 @@ TEST(ConnectionPointTCPServer, EveryFieldButEnabledMakesADifferenceUntilItIsAssi
     EXPECT_TRUE(updated.isEqual(&other)) << rendered(other);
     EXPECT_EQ(rendered(updated), rendered(other));
   }
-}
-
-TEST(ConnectionPointTCPServer, AssignKeepsTheType) {
-  ConnectionPointTCPServer stored;
-  ConnectionPointTCPServer received;
-  received.setType("valtor");
-  EXPECT_FALSE(stored.isEqual(&received));
-  stored.assign(&received);
-  EXPECT_EQ(stored.getType(), "");
 }
 
 }  // namespace

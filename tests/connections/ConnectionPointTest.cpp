@@ -26,15 +26,6 @@ class ConnectionPointTest : public testing::Test {
   int result = 0;
 };
 
-TEST_F(ConnectionPointTest, RendersWhatItLoadedWithItsState) {
-  const auto cp = load(clientDescription("A", 5000, R"(,"enabled":false,"connected":true)"));
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(rendered(*cp),
-            R"({"type":"valtor","name":"name of A","uniqueID":"A",)"
-            R"("phy":[{"type":"tcp","ipAddress":"10.1.2.3","port":5000,"server":true}],)"
-            R"("enabled":false,"connected":false,"showInUI":true})");
-}
-
 TEST_F(ConnectionPointTest, LeavesOutAnInvalidPhy) {
   const LogCapture log;
   const auto cp = load(R"({"type":"t","name":"n","uniqueID":"u",
@@ -172,37 +163,14 @@ TEST_F(ConnectionPointTest, AnUpdateWithOtherPhysDisconnectsWithoutTheDescriptio
   EXPECT_EQ(cp->firstTCPPhy()->getPort(), 5001);
 }
 
-TEST_F(ConnectionPointTest, OnlyADeletableOneCanBeMarked) {
-  const LogCapture log;
-  FakeConnectionPoint fixed(scene.client, manager, false);
-  fixed.markForDeletion(true);
-  EXPECT_FALSE(fixed.isMarkedForDeletion());
-  EXPECT_EQ(log.countContaining("marked for deletion"), 0);
-  const auto cp = load(clientDescription("A"));
-  cp->markForDeletion(true);
-  EXPECT_TRUE(cp->isMarkedForDeletion());
-  EXPECT_EQ(log.count(LOG_DEBUG, "A marked for deletion val=1.\n"), 1);
-  cp->markForDeletion(false);
-  EXPECT_FALSE(cp->isMarkedForDeletion());
-}
-
-TEST_F(ConnectionPointTest, LeavesATraceOfItsEnd) {
-  const ConsoleCapture console;
-  load(clientDescription("A"));
-  EXPECT_TRUE(console.contains("\t~ConnectionPoint - 0x"));
-}
-
-// Two threads report at once: what the bus hears last must be how it is, for the connection point
-// and for its devices.
-TEST_F(ConnectionPointTest, TheLastWordOnTheBusIsTrueWhenTwoThreadsReport) {
-  for (int round = 0; round < kRaceRounds; ++round) {
-    const auto cp = load(clientDescription("A"));
+class ReportRaceTest : public ConnectionPointTest {
+ protected:
+  ReportRaceTest() {
     cp->addDeviceConnection(cp->createDeviceConnection({"A", "d", "f", "valtor", "n"}), false);
     scene.client.clear();
-    std::thread up([&] { cp->setConnected(true); });
-    std::thread down([&] { cp->setConnected(false); });
-    up.join();
-    down.join();
+  }
+  // What the bus heard last must be how it is, for the connection point and for its device.
+  void expectTrueLastWords() {
     std::string lastSelf;
     std::string lastDevice;
     for (const std::string& body : scene.client.bodies()) {
@@ -211,6 +179,39 @@ TEST_F(ConnectionPointTest, TheLastWordOnTheBusIsTrueWhenTwoThreadsReport) {
     const std::string state = cp->isConnected() ? "true" : "false";
     ASSERT_NE(lastSelf.find("\"connected\":" + state), std::string::npos) << lastSelf;
     ASSERT_NE(lastDevice.find("\"online\":" + state), std::string::npos) << lastDevice;
+  }
+
+  std::unique_ptr<FakeConnectionPoint> cp = load(clientDescription("A"));
+};
+
+TEST_F(ReportRaceTest, AReportDuringAnotherOnesRenderingHasTheLastWord) {
+  for (int round = 0; round < kRaceRounds / 8; ++round) {
+    const SlowRendering slow(*cp);
+    std::thread up([&] { cp->setConnected(true); });
+    slow.waitForStart();
+    cp->setConnected(false);
+    up.join();
+    expectTrueLastWords();
+  }
+}
+
+TEST_F(ReportRaceTest, TheLastWordOnTheBusIsTrueWhenThreadsReportAtOnce) {
+  const auto report = [this](bool state) {
+    for (int i = 0; i < 10; ++i) {
+      cp->setConnected(state);
+    }
+  };
+  for (int round = 0; round < kRaceRounds; ++round) {
+    scene.client.clear();
+    cp->setConnected(round % 2 == 0);
+    std::vector<std::thread> threads;
+    for (const bool state : {true, false, true, false}) {
+      threads.emplace_back(report, state);
+    }
+    for (std::thread& thread : threads) {
+      thread.join();
+    }
+    expectTrueLastWords();
   }
 }
 
@@ -240,17 +241,6 @@ TEST_F(DeviceConnectionTest, ANewDeviceIsAttachedSubscribedSeenAndAnnouncedWhenA
   EXPECT_EQ(scene.client.subscriptions(), (std::vector<std::string>{"device.d1", "device.d2"}));
   cp->addDeviceConnection(nullptr, true);
   EXPECT_EQ(scene.client.sent().size(), 1U);
-}
-
-TEST_F(DeviceConnectionTest, ADeviceOfTheSameIDTakesTheOldOnesPlace) {
-  std::shared_ptr<FakeDevice> old = addDevice("d1");
-  const auto successor = addDevice("d1");
-  EXPECT_FALSE(old->isAttached());
-  EXPECT_EQ(old.use_count(), 1);
-  JSONPtr array(cJSON_CreateArray());
-  EXPECT_EQ(cp->addDeviceConnectionsTo(array.get(), true), 1);
-  EXPECT_EQ(printJSON(array.get(), false), R"([{"uniqueID":"d1","online":true,"gone":true}])");
-  EXPECT_TRUE(successor->isAttached());
 }
 
 TEST_F(DeviceConnectionTest, DevicesFollowTheConnectionInTheOrderOfTheirIDs) {

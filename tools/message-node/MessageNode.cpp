@@ -294,7 +294,7 @@ class MessageNode::Impl final : public NodeConnection::Owner {
                                                 message.getUniqueId());
       if (from != nullptr) {
         deliver(acknowledgement, acknowledgement.encodeFrom(kNodeConnID), kNodeName,
-                {from->shared_from_this()});
+                {from->shared_from_this()}, kNodeConnID);
       }
       return;
     }

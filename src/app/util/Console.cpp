@@ -25,10 +25,9 @@ class StreamLock {
 
 void initConsole() { setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); }
 
-std::string formatLogTimestamp(long seconds, long microseconds) {
-  const time_t time = seconds;
+std::string formatLogTimestamp(time_t seconds, long microseconds) {
   std::tm local{};
-  localtime_r(&time, &local);
+  localtime_r(&seconds, &local);
   char clock[64] = "";
   std::strftime(clock, sizeof clock, "%H:%M:%S", &local);
   char prefix[96] = "";
@@ -39,7 +38,7 @@ std::string formatLogTimestamp(long seconds, long microseconds) {
 void printLogTimestamp() {
   timeval now{};
   gettimeofday(&now, nullptr);
-  std::fputs(formatLogTimestamp(now.tv_sec, now.tv_usec).c_str(), stdout);
+  std::fputs(formatLogTimestamp(now.tv_sec, static_cast<long>(now.tv_usec)).c_str(), stdout);
 }
 
 void traceLine(const char* format, ...) {

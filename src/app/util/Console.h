@@ -1,5 +1,6 @@
 #pragma once
 
+#include <ctime>
 #include <string>
 
 namespace valtor {
@@ -19,6 +20,6 @@ void printLogTimestamp();
 void traceLine(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 // The prefix that printLogTimestamp writes, for a time given as seconds and microseconds.
-std::string formatLogTimestamp(long seconds, long microseconds);
+std::string formatLogTimestamp(time_t seconds, long microseconds);
 
 }  // namespace valtor

@@ -15,4 +15,6 @@ std::string quotedForLog(const char* text) {
   return std::string(text, strnlen(text, kLimit));
 }
 
+std::string nameForLog(const std::string& name) { return name.substr(0, 1024); }
+
 }  // namespace valtor

@@ -11,4 +11,7 @@ std::string errnoText(int error);
 // log socket and the whole line would be lost.
 std::string quotedForLog(const char* text);
 
+// At most 1 KiB of a name that came over the bus or from a file, for a line that holds several.
+std::string nameForLog(const std::string& name);
+
 }  // namespace valtor

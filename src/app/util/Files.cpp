@@ -47,7 +47,12 @@ void writeAll(int descriptor, const std::string& content, const std::string& pat
 }  // namespace
 
 std::string readTextFile(const std::string& path, bool keepNewlines) {
-  std::ifstream file(path);
+  // Looked at first: opening a pipe that nobody writes would wait for ever.
+  struct stat status {};
+  std::ifstream file;
+  if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+    file.open(path);
+  }
   if (!file.is_open()) {
     throw std::runtime_error("error while opening file: " + path);
   }

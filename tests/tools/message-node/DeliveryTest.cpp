@@ -1,151 +1,107 @@
-#include <algorithm>
-#include <map>
-#include <string>
-#include <vector>
-
 #include "bus/PellInternalStreamParser.h"
-#include "message-node/Subscriptions.h"
+#include "support/LogCapture.h"
 #include "tools/message-node/NodeFixture.h"
 
 namespace valtor::test {
 namespace {
 
-using Names = std::vector<std::string>;
-
-class DeliveryTest : public NodeFixture {
- protected:
-  // Who got the payload, once for every time.
-  Names recipients(const std::string& payload) {
-    Names names;
-    for (const auto& [name, client] : clients) {
-      for (const std::string& got : received(name)) {
-        EXPECT_EQ(got, payload);
-        names.push_back(name);
-      }
-    }
-    return names;
-  }
-};
+using DeliveryTest = NodeFixture;
 
 TEST_F(DeliveryTest, GoesWhereDestinationAndSubscriptionsSay) {
   startNode();
-  join({"daemon", 101, {"device", "db", "system", "route"}, true});
-  join({"panel", 490, {"device", "dev*", "route"}, false});
-  join({"peerA", 10000, {"controller*"}, false});
-  join({"peerB", 10000, {"controller"}, true});
-  join({"router", 100, {}, false});
-
-  struct Case {
+  join("daemon", 101, {"device", "db", "system", "route"}, true);
+  join("panel", 490, {"device", "dev*", "route"});
+  join("peerA", 10000, {"controller*"});
+  join("peerB", 10000, {"controller"}, true);
+  join("router", 100, {});
+  const struct {
     const char* what;
-    std::string from;
-    std::string path;
+    const char* from;
+    const char* path;
     int destination;
-    Names to;
+    std::string to;
+  } cases[] = {
+      {"a path with subscribers", "router", "db", 0, "daemon "},
+      {"two entries cover the path", "daemon", "device", 0, "panel "},
+      {"not back to its sender", "panel", "route", 0, "daemon "},
+      {"a star covers the bare word", "panel", "controller", 0, "peerA peerB "},
+      {"a star covers what follows", "panel", "controllerState.a", 0, "peerA "},
+      {"a literal covers nothing longer", "panel", "db.x", 0, ""},
+      {"an addressee, whatever the path", "panel", "nobody", 100, "router "},
+      {"an addressee and who receives all", "router", "device", 490, "daemon panel "},
+      {"all that share an id", "daemon", "tally", 10000, "peerA peerB "},
+      {"shared with the sender", "peerA", "tally", 10000, "peerB "},
+      {"nobody has the id", "panel", "route", 77, "daemon "},
+      {"the addressee receives all too", "panel", "route", 101, "daemon "},
+      {"addressed to its own sender", "panel", "device", 490, "daemon "},
   };
-  const std::vector<Case> cases = {
-      {"a path with subscribers", "router", "db", 0, {"daemon"}},
-      {"two entries cover the path", "daemon", "device", 0, {"panel"}},
-      {"not back to its sender", "panel", "route", 0, {"daemon"}},
-      {"a star covers the bare word", "panel", "controller", 0, {"peerA", "peerB"}},
-      {"a star covers what follows", "panel", "controllerState.a", 0, {"peerA"}},
-      {"a literal covers nothing longer", "panel", "db.x", 0, {}},
-      {"an addressee, whatever the path", "panel", "nobody", 100, {"router"}},
-      {"an addressee and who receives all", "router", "device", 490, {"daemon", "panel"}},
-      {"all that share an id", "daemon", "tally", 10000, {"peerA", "peerB"}},
-      {"shared with the sender", "peerA", "tally", 10000, {"peerB"}},
-      {"nobody has the id", "panel", "route", 77, {"daemon"}},
-      {"nobody has the id nor receives all", "daemon", "route", 77, {}},
-      {"the addressee receives all too", "panel", "route", 101, {"daemon"}},
-      {"addressed to its own sender", "panel", "device", 490, {"daemon"}},
-  };
-  for (const Case& one : cases) {
-    SCOPED_TRACE(one.what);
-    const std::string payload = "[\"NOT\", \"" + one.path + "\", 5, " +
-                                std::to_string(one.destination) + ", 0]\n{\"id\":\"" + one.what +
-                                "\"}";
-    sendAndWait(one.from, payload);
-    EXPECT_EQ(recipients(payload), one.to);
-    const auto passed = node->passed();
-    ASSERT_GE(passed.size(), 1U);
-    const auto record = std::find_if(passed.begin(), passed.end(), [&](const auto& message) {
-      return *message.payload == payload;
-    });
-    ASSERT_NE(record, passed.end());
-    Names to = record->to;
-    std::sort(to.begin(), to.end());
-    EXPECT_EQ(to, one.to);
-    EXPECT_EQ(record->from, one.from);
+  for (const auto& [what, from, path, destination, to] : cases) {
+    const std::string payload = std::string("[\"NOT\", \"") + path + "\", 5, " +
+                                std::to_string(destination) + ", 0]\n{\"id\":\"" + what + "\"}";
+    say(from, payload);
+    std::string recipients;  // each once for every time
+    for (const auto& [name, peer] : peers) {
+      for (const std::string& got : received(name)) {
+        EXPECT_EQ(got, payload);
+        recipients += name + " ";
+      }
+    }
+    EXPECT_EQ(recipients, to) << what;
   }
 }
 
 TEST_F(DeliveryTest, HandsOnTheBytesThatCame) {
   startNode();
-  join({"panel", 490, {}, false});
-  join({"router", 100, {"route"}, false});
-  const std::vector<std::string> payloads = {
-      "[\"CMD\",\"route\" , 490,0]\n{ \"id\" : \"1@p\",\n\t\"n\": 12345678901234567890, "
-      "\"x\":1.0e2 }",
-      "[\"CMD\", \"route\", \"490@panel\", 0, \"2030-01-01T00:00:00\"]\n{\"id\":\"2@p\"} ;:",
-      "[\"NOT\", \"route\", 490, 0, 0]\n",
-      "[\"NOT\", \"route\", 490, 0, 0]\nno JSON: \xff\xfe",
-  };
-  for (const std::string& payload : payloads) {
-    sendAndWait("panel", payload);
-    EXPECT_EQ(received("router"), Names{payload});
+  join("panel", 490, {});
+  join("router", 100, {"route"});
+  const std::string header = "[\"CMD\", \"route\", 490, 0, 0]\n";
+  for (const std::string& payload :
+       {std::string("[\"CMD\",\"route\" , 490,0]\n{ \"n\": 12345678901234567890,\n\t\"x\":1.0e2 }"),
+        header + "no JSON: \xff\xfe ;:",
+        header + std::string(PellInternalStreamParser::kMaxPayload - header.size(), 'a')}) {
+    say("panel", payload);
+    EXPECT_TRUE(received("router") == Payloads{payload}) << payload.substr(0, 100);
   }
 }
 
-TEST_F(DeliveryTest, KeepsTheLargestMessageWholeAndInOrder) {
+TEST_F(DeliveryTest, BrokenFramesAreReportedAndTheNextGoodOneIsRead) {
+  const LogCapture log;
   startNode();
-  NodeClient& panel = join({"panel", 490, {}, false});
-  join({"router", 100, {"route"}, false});
-  std::string large = "[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"";
-  large.resize(PellInternalStreamParser::kMaxPayload - 2, 'a');
-  large += "\"}";
-  const std::string small = "[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"small\"}";
-  ASSERT_TRUE(panel.send(large));
-  sendAndWait("panel", small);
-  EXPECT_TRUE(received("router") == (Names{large, small}));
-}
-
-TEST_F(DeliveryTest, AnInjectedMessageReachesEveryoneWhoWouldGetIt) {
-  startNode();
-  join({"panel", 490, {"device"}, false});
-  join({"daemon", 101, {"device"}, true});
-  EXPECT_TRUE((*node)->inject(490, "GET", "device", 0, "{\"id\":\"1@p\"}"));
-  const std::string expected = "[\"GET\", \"device\", 490, 0, 0]\n{\"id\":\"1@p\"}";
-  EXPECT_EQ(recipients(expected), (Names{"daemon", "panel"}));
-  EXPECT_FALSE((*node)->inject(490, "get", "device", 0, "{}"));
-  EXPECT_FALSE((*node)->inject(-1, "GET", "device", 0, "{}"));
-  EXPECT_FALSE((*node)->injectPayload("no header"));
-  EXPECT_EQ(recipients(expected), Names{});
-}
-
-TEST(SubscriptionsTest, AStarCoversEverythingThatBeginsLikeIt) {
-  Subscriptions list;
-  list.add({"device*", false});
-  list.add({"db", true});
-  const std::map<std::string, std::pair<bool, bool>> expected = {
-      {"device", {true, false}}, {"device.d1", {true, false}}, {"devices", {true, false}},
-      {"devic", {false, false}}, {"", {false, false}},         {"db", {true, true}},
-      {"db.x", {false, false}},  {"DB", {false, false}},       {"device*", {true, false}},
+  ScriptedPeer& sender = join("sender", 2, {});
+  join("reader", 3, {"db"});
+  const std::pair<std::string, const char*> cases[] = {
+      {"5:{}\nab;", "Bad Header"},
+      {"20:[\"get\", \"db\", 1, 0]\n;", "Bad Header"},
+      {std::string("4:\0\0\n\0;", 7), "Bad Header"},
+      {"0:;", "invalid header length"},
+      {"20000001:;", "length exceeds"},
+      {"2:ab,", "invalid message footer"},
   };
-  for (const auto& [path, covered] : expected) {
-    EXPECT_EQ(list.covers(path), covered.first) << path;
-    EXPECT_EQ(list.coversForOthers(path), covered.second) << path;
+  for (const auto& [bytes, report] : cases) {
+    const int before = log.countContaining(report);
+    sender.send(bytes);
+    const std::string good = "[\"NOT\", \"db\", 2, 0, 0]\n{}";
+    say("sender", good);
+    EXPECT_EQ(received("reader"), Payloads{good}) << bytes;
+    EXPECT_EQ(log.countContaining(report), before + 1) << bytes;
   }
-  list.add({"*", false});
-  EXPECT_TRUE(list.covers(""));
-  EXPECT_TRUE(list.covers("anything"));
-  EXPECT_FALSE(list.coversForOthers("anything"));
 }
 
-TEST(SubscriptionsTest, AListedPathTakesTheNewFlag) {
-  Subscriptions list;
-  list.add({"db", true});
-  list.add({"db", false});
-  EXPECT_EQ(list.entries().size(), 1U);
-  EXPECT_FALSE(list.coversForOthers("db"));
+TEST_F(DeliveryTest, AConnectionThatDoesNotReadIsClosedAtTheLimit) {
+  MessageNode::Options options;
+  options.unsentLimit = 100'000;
+  startNode(std::move(options));
+  ScriptedPeer& slow = join("slow", 2, {"db"});
+  join("quick", 3, {"route"});
+  // More than socket buffers hold; every message alone is below the limit.
+  const std::string body = "{\"id\":\"" + std::string(50'000, 'a') + "\"}";
+  for (int i = 0; i < 1000 && node->countEvents("CLOSE") == 0; ++i) {
+    ASSERT_TRUE((*node)->inject(100, "NOT", "db", 0, body));
+  }
+  EXPECT_EQ(node->countEvents(" unsent bytes pass the limit of 100000"), 1U);
+  EXPECT_TRUE(slow.waitForHangUp());
+  ASSERT_TRUE((*node)->inject(100, "NOT", "route", 0, "{}"));
+  EXPECT_EQ(received("quick"), Payloads{"[\"NOT\", \"route\", 100, 0, 0]\n{}"});
 }
 
 }  // namespace

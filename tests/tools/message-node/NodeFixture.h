@@ -1,87 +1,85 @@
 #pragma once
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <map>
 #include <memory>
 #include <string>
-#include <utility>
+#include <sys/socket.h>
 #include <vector>
 
 #include "message-node/RunningNode.h"
 #include "support/Eventually.h"
-#include "tools/NodeClient.h"
+#include "support/ScriptedNode.h"
 
 namespace valtor::test {
 
-// A node with participants. Every participant listens to "fence" besides its own paths, so that
-// what it received up to now ends at a message that the test sends there.
-class NodeFixture : public ::testing::Test {
- protected:
-  struct Participant {
-    std::string name;
-    int connID;
-    std::vector<std::string> paths;
-    bool receiveAll;
-  };
+using Payloads = std::vector<std::string>;
 
+// A connection to a port of 127.0.0.1, on a plain socket; null when nobody listens.
+inline std::unique_ptr<ScriptedPeer> connectTo(uint16_t port) {
+  UniqueDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  const auto* general = reinterpret_cast<const sockaddr*>(&address);
+  return connect(socket.get(), general, sizeof address) == 0
+             ? std::make_unique<ScriptedPeer>(std::move(socket))
+             : nullptr;
+}
+
+// What logs a participant in and subscribes it to the paths.
+inline std::string loginPayload(const std::string& name, int connID, const Payloads& paths = {},
+                                bool receiveAll = false) {
+  std::string list;
+  for (const std::string& path : paths) {
+    list += (list.empty() ? "{\"path\":\"" : ",{\"path\":\"") + path +
+            (receiveAll ? "\",\"receiveAll\":true}" : "\"}");
+  }
+  return "[\"SET\", \"system.connection\", " + std::to_string(connID) +
+         ", 0, 0]\n{\"param\":{\"login\":{\"name\":\"" + name +
+         "\",\"connID\":" + std::to_string(connID) + "},\"subscribeList\":[" + list + "]}}";
+}
+
+// A node with participants. Every participant listens to a fence of its own besides its paths, so
+// that what it received up to now ends at a message that the test sends there.
+class NodeFixture : public testing::Test {
+ protected:
   void startNode(MessageNode::Options options = {}) {
     node = std::make_unique<RunningNode>(std::move(options));
   }
 
-  NodeClient& join(const Participant& participant) {
-    const auto [entry, isNew] =
-        clients.emplace(participant.name, std::make_unique<NodeClient>(node->port()));
-    NodeClient& client = *entry->second;
-    EXPECT_TRUE(isNew && client.isOpen());
-    EXPECT_TRUE(client.login(participant.name, participant.connID));
-    EXPECT_TRUE(client.subscribe({"fence"}));
-    EXPECT_TRUE(client.subscribe(participant.paths, participant.receiveAll));
-    const std::size_t expected = participant.paths.size() + 1;
-    EXPECT_TRUE(eventually([&] { return subscriptionsOf(participant.name) == expected; }));
-    return client;
-  }
-
-  std::size_t subscriptionsOf(const std::string& name) {
-    for (const NodeParticipant& one : (*node)->participants()) {
-      if (one.name == name) {
-        return one.subscriptions.size();
-      }
-    }
-    return 0;
+  ScriptedPeer& join(const std::string& name, int connID, Payloads paths, bool receiveAll = false) {
+    ScriptedPeer& peer = *(peers[name] = connectTo(node->port()));
+    paths.push_back("fence." + name);
+    peer.sendPayload(loginPayload(name, connID, paths, receiveAll));
+    EXPECT_TRUE(eventually([&] { return node->countEvents("path=" + paths.back()) == 1; }));
+    return peer;
   }
 
   // Sends the payload and waits until the node has passed it on or taken it.
-  void sendAndWait(const std::string& from, const std::string& payload) {
+  void say(const std::string& from, const std::string& payload) {
     const auto isIt = [&](const PassedMessage& message) { return *message.payload == payload; };
     const std::size_t before = node->countPassed(isIt);
-    ASSERT_TRUE(clients.at(from)->send(payload));
+    peers.at(from)->sendPayload(payload);
     ASSERT_TRUE(eventually([&] { return node->countPassed(isIt) > before; }));
   }
 
   // What the participant has been sent up to now.
-  std::vector<std::string> received(const std::string& name) {
-    const std::string anyFence = "[\"NOT\", \"fence\", 9, 0, 0]\n";
-    const std::string fence = anyFence + std::to_string(++fences);
+  Payloads received(const std::string& name) {
+    const std::string fence = "[\"NOT\", \"fence." + name + "\", 9, 0, 0]\n";
     EXPECT_TRUE((*node)->injectPayload(fence));
-    std::vector<std::string> payloads;
-    while (true) {
-      const auto payload = clients.at(name)->receive();
-      if (!payload) {
-        ADD_FAILURE() << name << " was cut off";
-        return payloads;
-      }
-      if (*payload == fence) {
-        return payloads;
-      }
-      if (payload->rfind(anyFence, 0) != 0) {  // those of other participants come here too
-        payloads.push_back(*payload);
-      }
+    Payloads payloads;
+    for (std::string next = peers.at(name)->readFrame(); next != fence;
+         next = peers.at(name)->readFrame()) {
+      payloads.push_back(next);
     }
+    return payloads;
   }
 
   std::unique_ptr<RunningNode> node;
-  std::map<std::string, std::unique_ptr<NodeClient>> clients;
-  int fences = 0;
+  std::map<std::string, std::unique_ptr<ScriptedPeer>> peers;
 };
 
 }  // namespace valtor::test

@@ -1,0 +1,104 @@
+# What is installed, and the two Debian packages made of it: valtor-remote (component "daemon") and
+# valtor-remote-tools (component "tools").
+include(GNUInstallDirs)
+
+set(VALTOR_UNIT_DIR "lib/systemd/system" CACHE STRING
+    "Where the systemd unit goes; relative to the prefix, absolute in packages")
+set(packaging "${CMAKE_SOURCE_DIR}/packaging")
+
+# valtor_install_compressed(<component> <file> <folder> <name>): as <name>.gz, the way Debian has
+# manual pages and change logs.
+function(valtor_install_compressed component file folder name)
+  string(MAKE_C_IDENTIFIER "compressed_${folder}_${name}" target)
+  set(compressed "${CMAKE_BINARY_DIR}/compressed/${folder}/${name}.gz")
+  cmake_path(GET compressed PARENT_PATH parent)
+  add_custom_command(
+    OUTPUT "${compressed}"
+    COMMAND ${CMAKE_COMMAND} -E make_directory "${parent}"
+    COMMAND gzip -9nc "${file}" > "${compressed}"
+    DEPENDS "${file}")
+  add_custom_target(${target} ALL DEPENDS "${compressed}")
+  install(FILES "${compressed}" DESTINATION "${folder}" COMPONENT ${component})
+endfunction()
+
+# valtor_install_papers(<component> <package>): what every Debian package has.
+function(valtor_install_papers component package)
+  set(documents "${CMAKE_INSTALL_DATAROOTDIR}/doc/${package}")
+  install(FILES "${packaging}/copyright" DESTINATION "${documents}" COMPONENT ${component})
+  valtor_install_compressed(${component} "${packaging}/changelog" "${documents}" changelog.Debian)
+  install(FILES "${packaging}/lintian/${package}"
+          DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides" COMPONENT ${component})
+endfunction()
+
+# valtor_install_manual(<component> <page>): docs/man/<page>, into the section that its name ends in.
+function(valtor_install_manual component page)
+  string(REGEX MATCH "[0-9]$" section "${page}")
+  valtor_install_compressed(${component} "${CMAKE_SOURCE_DIR}/docs/man/${page}"
+                            "${CMAKE_INSTALL_DATAROOTDIR}/man/man${section}" "${page}")
+endfunction()
+
+install(TARGETS valtor-remote RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT daemon)
+install(FILES "${packaging}/valtor-remote.service" DESTINATION "${VALTOR_UNIT_DIR}"
+        COMPONENT daemon)
+install(DIRECTORY "${packaging}/examples"
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/valtor-remote" COMPONENT daemon)
+valtor_install_manual(daemon valtor-remote.8)
+valtor_install_papers(daemon valtor-remote)
+set(CPACK_COMPONENTS_ALL daemon)
+
+foreach(tool valtor-node valtor-bus)
+  if(TARGET ${tool})
+    install(TARGETS ${tool} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    valtor_install_manual(tools ${tool}.1)
+    set(completion "${CMAKE_SOURCE_DIR}/tools/${tool}/${tool}.bash-completion")
+    if(EXISTS "${completion}")
+      install(FILES "${completion}"
+              DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
+              RENAME ${tool} COMPONENT tools)
+    endif()
+    set(has_tools TRUE)
+  endif()
+endforeach()
+if(has_tools)
+  valtor_install_papers(tools valtor-remote-tools)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+
+set(CPACK_GENERATOR DEB)
+# Each package has a summary of its own.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
+set(CPACK_PACKAGE_DIRECTORY "${CMAKE_BINARY_DIR}/packages")
+set(CPACK_PACKAGING_INSTALL_PREFIX "/usr")
+set(CPACK_STRIP_FILES ON)
+# Whatever the mask of the one who builds.
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER
+    "Valtor Remote maintainers <maintainers@valtor-remote.example>")
+set(CPACK_DEBIAN_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME valtor-remote)
+set(CPACK_DEBIAN_DAEMON_DESCRIPTION "bridge between a router controller and remote routers
+The daemon is one client of the controller's message bus and one client of
+every remote router's bus, and carries messages both ways through named filter
+rules. It follows the controller's active or standby role, announces every
+change of a connection and comes back by itself after every outage.")
+set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS valtor-remote-tools)
+set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
+    "${packaging}/postinst;${packaging}/prerm;${packaging}/postrm")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME valtor-remote-tools)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SOURCE valtor-remote)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION "tools for the message bus of router controllers
+For those who run or integrate valtor-remote: a client that watches, asks,
+sends, records and replays on any message bus, and a stand-in message node to
+develop and test against.")
+
+include(CPack)

@@ -1,0 +1,104 @@
+#include <functional>
+#include <gtest/gtest.h>
+#include <syslog.h>
+
+#include "app/ActiveDatabase.h"
+#include "app/util/OwnedJSON.h"
+#include "bus/ValtorInterfaceClient.h"
+#include "peers/MasterBus.h"
+#include "support/BridgeSite.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryFolder.h"
+
+namespace valtor {
+namespace {
+
+namespace fs = std::filesystem;
+using Names = std::vector<std::string>;
+
+// An interface client that is not connected, and the folders of the fixed paths. Without a router
+// peer manager no connection point opens a link.
+class ActiveDatabaseTest : public testing::Test {
+ protected:
+  ActiveDatabaseTest() { folder_.becomePathPrefix(); }
+
+  // The connection points that the one new handler holds after loading.
+  Names load() {
+    ValtorInterfaceClient client("127.0.0.1", 1, "valtorRemote", false, paths().databaseDirectory);
+    log_.clear();
+    loadActiveDatabase(client);
+    EXPECT_FALSE(client.hasNoHandlers());
+    Names found;
+    client.forEachHandler([&](IPellaInternalProtocolHandler& handler) {
+      ResponseList responses;
+      handler.handleMessage(test::received("[\"GET\", \"device\", 490, 0, 0]\n"
+                                           R"({"id":"1","objectName":["connectionPoint"]})"),
+                            responses);
+      const cJSON* param = cJSON_GetObjectItem(responses.at(0)->getBody(), "param");
+      const cJSON* entry = nullptr;
+      cJSON_ArrayForEach(entry, arrayMember(param, "connectionPoint")) {
+        found.emplace_back(stringMember(entry, "uniqueID"));
+      }
+    });
+    return found;
+  }
+
+  test::LogCapture log_;
+  test::TemporaryFolder folder_;
+};
+
+TEST_F(ActiveDatabaseTest, WithoutANameTheFileIsLookedForDirectlyInTheDatabaseFolder) {
+  const std::string directory = paths().databaseDirectory;
+  EXPECT_EQ(load(), Names());
+  const std::string reason = "error while opening file: " + directory;
+  EXPECT_EQ(log_.count(LOG_ERR, "Error loading active database: " + reason + "activeDatabase.json"),
+            1);
+  EXPECT_EQ(log_.count(LOG_ERR,
+                       "Error loading DB connectionPoints: " + reason + "/connectionPoints.json\n"),
+            1);
+  std::ofstream(directory + "connectionPoints.json")
+      << "{\"connectionPoint\":[" << test::routerEntry("top", "127.0.0.2", 1) << "]}";
+  EXPECT_EQ(load(), Names{"top"});
+}
+
+TEST_F(ActiveDatabaseTest, ABrokenFileLeavesAManagerWithoutConnectionPoints) {
+  test::writeActiveDatabase(test::routerEntry("good", "127.0.0.2", 1));
+  ASSERT_EQ(load(), Names{"good"});
+  const std::string path = paths().databaseDirectory + "main/connectionPoints.json";
+  const auto text = [&](const std::string& content) {
+    return [&path, content] { std::ofstream(path, std::ios::binary) << content; };
+  };
+  struct Case {
+    const char* what;
+    std::function<void()> make;
+    std::string reason;
+  };
+  for (const Case& one :
+       {Case{"missing", [] {}, "error while opening file: "}, Case{"empty", text(""), "not JSON: "},
+        Case{"binary", text(std::string("\x7f\0\xff{}", 5)), "not JSON: "},
+        Case{"cut", text("{\"connectionPoint\":[{\"type\":"), "not JSON: "},
+        Case{"nested", text(std::string(1500, '[') + std::string(1500, ']')), "not JSON: "},
+        Case{"no object", text("[]"), "not a JSON object: "},
+        Case{"no list", text("{\"connectionPoint\":{}}"), "no array \"connectionPoint\": "},
+        Case{"folder", [&] { fs::create_directory(path); }, "error while opening file: "},
+        Case{"unreadable", [&] { fs::create_symlink(path, path); },
+             "error while opening file: "}}) {
+    fs::remove_all(path);
+    one.make();
+    EXPECT_EQ(load(), Names()) << one.what;
+    EXPECT_EQ(log_.count(LOG_ERR, "Error loading DB connectionPoints: " + one.reason + path + "\n"),
+              1)
+        << one.what;
+  }
+}
+
+TEST_F(ActiveDatabaseTest, ARouterOnTheLoopbackAddressAndBadEntriesAreLeftOut) {
+  test::writeActiveDatabase(test::routerEntry("own", "127.0.0.1", 15000) + ",17,null,{}," +
+                            test::routerEntry("portless", "127.0.0.2", 0) + "," +
+                            test::routerEntry("b", "127.0.0.3", 15000) + "," +
+                            test::routerEntry("a", "127.0.0.2", 15000));
+  EXPECT_EQ(load(), (Names{"a", "b"}));
+}
+
+}  // namespace
+}  // namespace valtor

@@ -1,0 +1,281 @@
+#include <arpa/inet.h>
+#include <atomic>
+#include <gtest/gtest.h>
+#include <numeric>
+#include <poll.h>
+#include <sys/socket.h>
+#include <thread>
+
+#include "app/Daemon.h"
+#include "app/util/UniqueDescriptor.h"
+#include "bus/ValtorInterfaceClient.h"
+#include "peers/ValtorRouterPeerManager.h"
+#include "support/BridgeSite.h"
+#include "support/ConsoleCapture.h"
+#include "support/LogCapture.h"
+#include "support/Repeat.h"
+#include "support/TemporaryFolder.h"
+
+namespace valtor::test {
+namespace {
+
+constexpr int kRounds = 200;
+
+// The daemon's objects in this process, between nodes on free ports. The database lists both
+// routers.
+class DaemonTest : public testing::Test {
+ protected:
+  DaemonTest() {
+    folder.becomePathPrefix();
+    listRouters();
+  }
+  void TearDown() override {
+    if (HasFailure()) {
+      std::fputs(console.text().c_str(), stderr);  // the report of the failure is in there
+    }
+  }
+
+  void listRouters() { writeActiveDatabase(site.alphaEntry() + "," + site.betaEntry()); }
+  void startDaemon(bool skipDatabase = false) {
+    daemon = std::make_unique<Daemon>(skipDatabase, "127.0.0.1", site.controller->port());
+    daemon->start();
+  }
+  void endDaemon() {
+    daemon.reset();
+    EXPECT_EQ(routerPeerManager(), nullptr);
+    for (RunningNode* node : {site.controller.get(), site.alpha.get(), site.beta.get()}) {
+      EXPECT_TRUE(BridgeSite::becomesLeft(*node));
+      node->forget();
+    }
+  }
+  bool holdsNothing() const {
+    return daemon->client().hasNoHandlers() && routerPeerManager()->peers().empty();
+  }
+  // A distance between two events that differs from round to round.
+  static void keepDistance(int round) {
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::microseconds(200 * (round % 40));
+    while (std::chrono::steady_clock::now() < end) {
+    }
+  }
+
+  static std::string numbered(int number, int padding = 0) {
+    return "{\"n\":" + std::to_string(number) + ",\"pad\":\"" +
+           std::string(static_cast<std::size_t>(padding), 'x') + "\"}";
+  }
+  // Whether the daemon, by the name it has there, brings the node these numbers in this order.
+  static bool becomes(const std::vector<int>& numbers, const RunningNode& node,
+                      const std::string& name) {
+    std::vector<int> found;
+    eventually([&] {
+      found.clear();
+      for (const PassedMessage& one : node.passed()) {
+        if (one.from == name && one.body().rfind("{\"n\":", 0) == 0) {
+          found.push_back(std::stoi(std::string(one.body().substr(5, 10))));
+        }
+      }
+      return found.size() >= numbers.size();
+    });
+    return found == numbers;
+  }
+
+  LogCapture log;
+  ConsoleCapture console;
+  TemporaryFolder folder;
+  BridgeSite site;
+  std::unique_ptr<Daemon> daemon;
+};
+
+TEST_F(DaemonTest, StartUpTriesTheBusInstallsThePeerManagerAndThenLoadsTheDatabase) {
+  std::filesystem::remove(paths().databaseDirectory + "activeDatabase.json");
+  (*site.controller)->stopListening();
+  startDaemon();
+  std::string order;
+  for (const LogLine& line : log.lines()) {
+    for (const char* part : {"connect error", "active database", "DB connectionPoints"}) {
+      order += line.text.find(part) != std::string::npos ? std::string(part) + "," : "";
+    }
+  }
+  EXPECT_EQ(order.rfind("connect error,", 0), 0U) << order;
+  EXPECT_LT(order.find("active database,"), order.find("DB connectionPoints,")) << order;
+  EXPECT_NE(order.find("DB connectionPoints,"), std::string::npos) << order;
+  EXPECT_NE(routerPeerManager(), nullptr);
+  EXPECT_FALSE(daemon->client().hasNoHandlers());
+  (*site.controller)->startListening();  // the client comes by itself, with what it offers by now
+  EXPECT_TRUE(BridgeSite::becomesLinked(*site.controller));
+  EXPECT_EQ(site.controller->countEvents("name=valtorRemote id=101 interface=[{"), 1U);
+}
+
+TEST_F(DaemonTest, BytesCrossTheBridgeUnchangedBothWays) {
+  startDaemon();
+  ASSERT_TRUE(site.becomesComplete());
+  int number = 0;
+  for (
+      const std::string& body : std::vector<std::string>{
+          "{ \"id\" :\t\"spaced\" ,\r\n \"list\":[ 1 ,2 ] }  ", "no JSON at all", "",
+          R"({"big":12345678901234567890123,"small":-0.0,"exp":1E+2,"long":0.1000000000000000001})",
+          R"({"text":"\u00e9\ud83d\ude00 \/ é","text":"twice","Text":null})",
+          "{\"tail\":1} and more", std::string(300000, ' ') + "[]"}) {
+    const std::string rest = std::to_string(++number) + ", 0]\n" + body;
+    EXPECT_TRUE(
+        BridgeSite::crosses(*site.controller, *site.alpha, R"(["CMD", "route", 490, )" + rest));
+    EXPECT_TRUE(
+        BridgeSite::crosses(*site.alpha, *site.controller, R"(["RSP", "route", 100, )" + rest));
+  }
+}
+
+TEST_F(DaemonTest, EverythingEndsWhileTrafficFlowsBothWays) {
+  const std::string command = "[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"c\"}";
+  const std::string answer = "[\"RSP\", \"route\", 100, 490, 0]\n{\"id\":\"a\"}";
+  for (int round = 0; round < repetitions(50); ++round) {
+    startDaemon();
+    EXPECT_TRUE(site.becomesComplete());
+    std::atomic<bool> stop{false};
+    std::thread traffic([&] {
+      while (!stop) {
+        (*site.controller)->injectPayload(command);
+        (*site.alpha)->injectPayload(answer);
+        (*site.beta)->injectPayload(answer);
+      }
+    });
+    EXPECT_TRUE(eventually([&] { return BridgeSite::count(*site.beta, command) > 9; }));
+    daemon.reset();
+    stop = true;
+    traffic.join();
+    endDaemon();
+  }
+}
+
+TEST_F(DaemonTest, BuiltStartedAndDestroyedManyTimesItLeavesNothing) {
+  for (int round = 0; round < 20; ++round) {
+    startDaemon(round % 4 == 3);
+    EXPECT_TRUE(round % 2 == 1 || site.becomesComplete());
+    endDaemon();
+  }
+}
+
+// A port whose listener's queue is full: attempts to connect to it hang.
+class HangingPort {
+ public:
+  explicit HangingPort(const char* address) : listener_(socket(AF_INET, kKind, 0)) {
+    name_.sin_family = AF_INET;
+    inet_pton(AF_INET, address, &name_.sin_addr);
+    socklen_t size = sizeof name_;
+    EXPECT_EQ(bind(listener_.get(), general(), size), 0);
+    EXPECT_EQ(listen(listener_.get(), 0), 0);
+    EXPECT_EQ(getsockname(listener_.get(), general(), &size), 0);
+    pollfd entry{-1, POLLOUT, 0};
+    do {
+      entry.fd = fillers_.emplace_back(socket(AF_INET, kKind, 0)).get();
+      connect(entry.fd, general(), size);
+    } while (poll(&entry, 1, 100) > 0);
+  }
+  int port() const { return ntohs(name_.sin_port); }
+
+ private:
+  static constexpr int kKind = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
+  sockaddr* general() { return static_cast<sockaddr*>(static_cast<void*>(&name_)); }
+
+  UniqueDescriptor listener_;
+  sockaddr_in name_{};
+  std::vector<UniqueDescriptor> fillers_;
+};
+
+TEST_F(DaemonTest, StandbyWhileLinksAreStillConnecting) {
+  HangingPort hanging("127.0.0.4");
+  writeActiveDatabase(site.alphaEntry() + "," + routerEntry("hangs", "127.0.0.4", hanging.port()) +
+                      "," + routerEntry("refused", "127.0.0.5", 1));
+  site.startController("standby");
+  startDaemon(true);
+  ASSERT_TRUE(eventually([&] { return site.answeredRoles() == 1; }));
+  EXPECT_EQ(log.countContaining("Add ConnectionPoint"), 0);
+  EXPECT_TRUE(holdsNothing());
+  for (int round = 0; round < repetitions(kRounds); ++round) {
+    site.controller->forget();
+    (*site.controller)->setRole("active");
+    keepDistance(round);
+    (*site.controller)->setRole("standby");
+    ASSERT_TRUE(eventually([&] { return site.answeredRoles() == 2; }));
+    ASSERT_TRUE(holdsNothing());
+    ASSERT_TRUE(BridgeSite::becomesLeft(*site.alpha));
+  }
+  EXPECT_GT(site.alpha->countEvents("LOGIN"), 0U);
+  EXPECT_GT(log.countContaining("connect error: Connection timed out 127.0.0.4"), 0);
+}
+
+TEST_F(DaemonTest, StandbyActiveStandbyDuringStartUpEndsInStandby) {
+  std::atomic<int> round{0};
+  MessageNode::Options options;
+  options.onEvent = [&](const std::string& event) {
+    if (event.find("path=mv ") != std::string::npos) {  // the last subscription of a login
+      for (const char* role : {"standby", "active", "standby"}) {
+        (*site.controller)->setRole(role);
+        keepDistance(round);
+      }
+    }
+  };
+  site.startController(std::move(options));
+  site.controller->forget();
+  for (; round < repetitions(kRounds); ++round) {
+    startDaemon();
+    if (round % 3 != 2) {
+      // Three announcements, and the answer to the daemon's own question.
+      ASSERT_TRUE(eventually([&] { return site.answeredRoles() == 4; }));
+      ASSERT_TRUE(holdsNothing());
+    }
+    endDaemon();
+    (*site.controller)->setRole("active");
+  }
+}
+
+TEST_F(DaemonTest, ThousandsOfMessagesCrossCompleteAndInOrderBothWays) {
+  constexpr int kCount = 2000;
+  startDaemon();
+  ASSERT_TRUE(site.becomesComplete());
+  std::thread answers([this] {
+    for (int i = 0; i < kCount; ++i) {
+      (*site.alpha)->inject(100, "RSP", "route", 490, numbered(i));
+    }
+  });
+  for (int i = 0; i < kCount; ++i) {
+    (*site.controller)->inject(490, "CMD", "route", 0, numbered(i, i));
+  }
+  answers.join();
+  std::vector<int> all(kCount);
+  std::iota(all.begin(), all.end(), 0);
+  EXPECT_TRUE(becomes(all, *site.alpha, "alpha"));
+  EXPECT_TRUE(becomes(all, *site.beta, "beta"));
+  EXPECT_TRUE(becomes(all, *site.controller, "valtorRemote"));
+}
+
+TEST_F(DaemonTest, ARouterThatStopsReadingCostsTheOtherNothingAndKeepsItsFraming) {
+  constexpr int kMoreThanSocketsHold = 12'000'000;
+  startDaemon();
+  ASSERT_TRUE(site.becomesComplete());
+  (*site.alpha)->setReadingPaused(MessageNode::kEveryone, true);
+  std::atomic<bool> stop{false};
+  std::thread signsOfLife([&] {  // else the router counts as dead
+    while (!stop) {
+      (*site.alpha)->inject(100, "RSP", "route", 490, "{}");
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+  });
+  const auto command = [this](int number, int padding = 0) {
+    (*site.controller)->inject(490, "CMD", "route", 0, numbered(number, padding));
+  };
+  command(0);
+  command(1, kMoreThanSocketsHold);
+  command(2);
+  EXPECT_TRUE(becomes({0, 1, 2}, *site.beta, "beta"));
+  EXPECT_TRUE(becomes({}, *site.alpha, "alpha"));
+  EXPECT_EQ(log.countContaining("FAILED after 100 retries (sent 0/"), 1);
+  (*site.alpha)->setReadingPaused(MessageNode::kEveryone, false);
+  // The message that had begun to go out is finished first; only the one after it is lost.
+  command(3);
+  EXPECT_TRUE(becomes({0, 1, 3}, *site.alpha, "alpha"));
+  stop = true;
+  signsOfLife.join();
+}
+
+}  // namespace
+}  // namespace valtor::test

@@ -1,0 +1,110 @@
+#include <gtest/gtest.h>
+
+#include "e2e/EndToEnd.h"
+
+namespace valtor::test {
+namespace {
+
+std::string framed(const std::string& payload) {
+  return std::to_string(payload.size()) + ":" + payload + ";";
+}
+
+std::string millionElements() {
+  std::string text = R"({"objectName":[1)";
+  for (int i = 1; i < 1'000'000; ++i) {
+    text += ",1";
+  }
+  return text + "]}";
+}
+
+class BrokenInputTest : public EndToEndTest {
+ protected:
+  // The bytes arrive on the controller's bus and on a router's; whatever follows is served.
+  void expectServiceAfter(const std::string& bytes) {
+    (*site.controller)->writeRaw("valtorRemote", bytes);
+    (*site.alpha)->writeRaw("alpha", bytes);
+    EXPECT_TRUE(isServed()) << bytes.substr(0, 100);
+    EXPECT_TRUE(statusArrivesFrom(*site.alpha)) << bytes.substr(0, 100);
+  }
+  void expectLinksStand() const {
+    EXPECT_EQ(site.controller->countEvents("ACCEPT"), 1U);
+    EXPECT_EQ(site.alpha->countEvents("ACCEPT"), 1U);
+  }
+};
+
+TEST_F(BrokenInputTest, BrokenFramesAndHeadersAreSkipped) {
+  startComplete();
+  for (const std::string& bytes : std::vector<std::string>{
+           "0:;", "-2:{};", "4294967290:", ":;:::;;",
+           "2000000000:", "99999999999999999999:", "4294967297:x;", "2:{}?", "1:{};",
+           std::string(100000, 'x'), std::string("\x00\xff\x80:\x01;\n\x00", 8),
+           framed(std::string("[\"GET\", \"dev\0ice\", 1, 0, 0]\n{}", 30)),
+           framed(std::string("[\"SET\", \"device\", 1, 0, 0]\n{\0}", 30)),
+           framed("[\"GET\", \"" + std::string(70000, 'p') + "\", 1, 0, 0]\n{}")}) {
+    expectServiceAfter(bytes);
+  }
+  for (const std::string header :
+       {"", "{}", "[]", "nothing", "null", "[1,2,3,4,5]", R"(["GET"])", R"(["GET", "device", 4, 0)",
+        R"(["FOO", "device", 4, 0, 0])", R"([7, "device", 4, 0, 0])", R"(["GET", 5, 4, 0, 0])",
+        R"(["GET", "device", "4", 0, 0])", R"(["GET", "device", -1, 0, 0])",
+        R"(["GET", "device", 1e300, null, 0])", R"(["GET", "dev\u0001ice", 4, 0, 0])",
+        R"(["GET", "device", 4, 0, {"x":[]}])", R"(["GET", "device", 4, 0, "99:99:99"])"}) {
+    expectServiceAfter(framed(header) + framed(header + "\n{\"id\":\"1\"}"));
+  }
+  expectLinksStand();
+}
+
+TEST_F(BrokenInputTest, BodiesThatAreNoJSONOrOfWrongTypesHarmNothing) {
+  startComplete();
+  std::vector<std::string> bodies = {
+      "",
+      "no JSON",
+      "{\"param\":",
+      "[1,2]",
+      "{\"param\":[1,{}],\"objectName\":7}",
+      R"({"param":{"mdxMasterState":5},"objectName":[null,{},[],1e400]})",
+      R"({"param":7,"param":{"a":1},"objectBase":3,"objectName":{"a":"b"}})",
+      std::string(1200, '[') + std::string(1200, ']'),
+      "{\"a\":" + std::string(200000, '[')};
+  for (const char* phy :
+       {"", "7", R"({"type":"tcp"})", R"({"type":"tcp","ipAddress":"127.0.0.6","port":-5})",
+        R"({"type":"tcp","ipAddress":"127.0.0.6","port":65536})", R"({"type":"tcp","port":1e300})",
+        R"({"type":"serial","dev":7,"speed":"fast"})"}) {
+    bodies.push_back(R"({"param":{"connectionPoint":[null,{"type":"valtor","name":"odd",)"
+                     R"("uniqueID":"odd","phy":[)" +
+                     std::string(phy) + "]}]}}");
+  }
+  for (const std::string& body : bodies) {
+    for (const std::string start :
+         {"[\"GET\", \"", "[\"UPDATE\", \"", "[\"DEL\", \"", "[\"RSP\", \""}) {
+      std::string all;
+      for (const std::string path : {"device", "system", "db", "device.x.y", ""}) {
+        all += framed(start + path + "\", 100, 0, 0]\n" + body);
+      }
+      expectServiceAfter(all);
+    }
+  }
+  for (const std::string start :
+       {"[\"GET\", \"device\"", "[\"DEL\", \"device\"", "[\"RSP\", \"db\""}) {
+    expectServiceAfter(framed(start + ", 100, 0, 0]\n" + millionElements()));
+  }
+  expectLinksStand();
+}
+
+TEST_F(BrokenInputTest, AFrameThatTheEndOfItsLinkCutsSpoilsNothingOnTheNext) {
+  startComplete();
+  const std::string whole =
+      framed("[\"GET\", \"device\", 490, 0, 0]\n{" + std::string(100000, ' ') + "}");
+  for (const std::size_t length : {std::size_t{1}, std::size_t{9}, std::size_t{60000}}) {
+    for (RunningNode* bus : {site.controller.get(), site.alpha.get()}) {
+      (*bus)->writeRaw(MessageNode::kEveryone, whole.substr(0, length));
+      (*bus)->closeConnections(MessageNode::kEveryone);
+      ASSERT_TRUE(BridgeSite::becomesLeft(*bus) && BridgeSite::becomesLinked(*bus));
+    }
+    EXPECT_TRUE(isServed());
+    EXPECT_TRUE(statusArrivesFrom(*site.alpha));
+  }
+}
+
+}  // namespace
+}  // namespace valtor::test

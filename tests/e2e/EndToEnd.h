@@ -1,0 +1,88 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include "e2e/DaemonProcess.h"
+#include "support/BridgeSite.h"
+
+namespace valtor::test {
+
+// The daemon's executable between nodes on port 15000. Its fixed paths lie below the build's own
+// folder, which every test starts anew. The database lists both routers.
+class EndToEndTest : public testing::Test {
+ protected:
+  static constexpr uint16_t kPort = 15000;
+
+  EndToEndTest() {
+    namespace fs = std::filesystem;
+    fs::remove_all(VALTOR_TEST_ROOT);
+    for (const fs::path path : {paths().databaseDirectory, paths().containerDirectory,
+                                paths().incomingClientDirectory, paths().hostAddressFile}) {
+      fs::create_directories(path.parent_path());
+    }
+    fs::remove(paths().incomingClientDirectory);
+    std::ofstream(paths().hostAddressFile) << "00:11:a2:b3:c4:d5\n";
+    writeActiveDatabase(site.alphaEntry() + "," + site.betaEntry());
+  }
+  void TearDown() override {
+    if (daemon != nullptr) {
+      daemon->stop();
+      if (HasFailure()) {
+        std::fputs(daemon->console().c_str(), stderr);
+      }
+    }
+  }
+
+  void startDaemon(const std::string& options = "",
+                   DaemonProcess::Streams streams = DaemonProcess::Streams::Captured) {
+    daemon = std::make_unique<DaemonProcess>(options, streams);
+    ASSERT_TRUE(BridgeSite::becomesLinked(*site.controller));
+  }
+  // With both links up, and start-up over: until then requests wait.
+  void startComplete() {
+    startDaemon();
+    ASSERT_TRUE(site.becomesComplete());
+    ASSERT_TRUE(isServed());
+  }
+
+  // A route command from a panel, different at every call, reaches the router unchanged.
+  bool commandReaches(const RunningNode& router) {
+    return BridgeSite::crosses(*site.controller, router,
+                               "[\"CMD\", \"route\", 490, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
+  }
+  // A status notification of the router reaches the controller's bus unchanged.
+  bool statusArrivesFrom(RunningNode& router) {
+    return BridgeSite::crosses(router, *site.controller,
+                               "[\"NOT\", \"route\", 100, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
+  }
+
+  // The body of the daemon's answer, without the identifier, to a request on "device" that
+  // connection 490 makes on the controller's bus; "" when none comes.
+  std::string ask(const std::string& kind, const std::string& members) {
+    const std::string id = "{\"id\":\"ask" + nextNumber() + "\",";
+    (*site.controller)->inject(490, kind, "device", 0, id + members + "}");
+    std::string answer;
+    EXPECT_TRUE(eventually([&] {
+      for (const PassedMessage& one : site.controller->passed()) {
+        if (one.source == 101 && one.destination == 490 && one.body().rfind(id, 0) == 0) {
+          answer = one.body().substr(id.size());
+        }
+      }
+      return !answer.empty();
+    })) << kind
+        << " " << members;
+    return answer;
+  }
+  std::string list() { return ask("GET", R"("objectName":["connectionPoint"])"); }
+  bool isServed() { return list().find(R"("uniqueID":"beta")") != std::string::npos; }
+
+  BridgeSite site{kPort};
+  std::unique_ptr<DaemonProcess> daemon;
+
+ private:
+  std::string nextNumber() { return std::to_string(++number_); }
+
+  int number_ = 0;
+};
+
+}  // namespace valtor::test
