@@ -98,6 +98,12 @@ class BusConnection::Impl {
       throw LinkFailure("not connected to " + where());
     }
     const auto bytes = std::make_shared<const std::string>(frame(payload));
+    if (payload.size() > static_cast<std::size_t>(PellInternalStreamParser::kMaxPayload)) {
+      throw CommandFailure(
+          ExitCode::Refused,
+          "a message of " + std::to_string(payload.size()) + " bytes is longer than the " +
+              std::to_string(PellInternalStreamParser::kMaxPayload) + " that nodes take");
+    }
     // An interrupt waits for the rest of the frame.
     const asio::error_code error =
         await(Clock::now() + kSendTime, Interrupt::Ignored, [&](auto done) {

@@ -24,7 +24,7 @@ bool setsUpConnection(const std::string& payload) {
   const OwnedJSON header = parseJSON(payload.substr(0, payload.find('\n')));
   const cJSON* kind = cJSON_IsArray(header.get()) ? header.get()->child : nullptr;
   const cJSON* path = kind != nullptr ? kind->next : nullptr;
-  if (!cJSON_IsString(kind) || !cJSON_IsString(path) ||
+  if (path == nullptr || !cJSON_IsString(kind) || !cJSON_IsString(path) ||
       kindFromName(kind->valuestring) != MessageKind::SET) {
     return false;
   }

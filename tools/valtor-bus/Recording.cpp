@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cinttypes>
+#include <cmath>
 #include <filesystem>
 
 #include "app/util/ErrnoText.h"
@@ -54,14 +55,14 @@ std::optional<std::string> payloadOfLine(const cJSON* line) {
 }  // namespace
 
 RecordingWriter::RecordingWriter(const std::string& path, Existing existing)
-    : path_(path), file_(std::fopen(path.c_str(), existing == Existing::Keep ? "wxe" : "we")) {
-  if (file_ == nullptr) {
+    : file_(std::fopen(path.c_str(), existing == Existing::Keep ? "wxe" : "we"), path) {
+  if (!file_.isOpen()) {
     throw CommandFailure(
         ExitCode::Refused, "cannot create " + path + ": " + errnoText(errno),
         errno == EEXIST ? "Choose another name, or replace it with --overwrite." : "");
   }
-  writeLine(std::string("{\"") + kFormatKey + "\":1,\"started\":\"" +
-            fullTime(std::chrono::system_clock::now()) + "\"}\n");
+  file_.write(std::string("{\"") + kFormatKey + "\":1,\"started\":\"" +
+              fullTime(std::chrono::system_clock::now()) + "\"}\n");
 }
 
 void RecordingWriter::add(const RecordedMessage& message) {
@@ -70,17 +71,10 @@ void RecordingWriter::add(const RecordedMessage& message) {
   std::snprintf(offset.data(), offset.size(), "%" PRId64 ".%06" PRId64, microseconds / 1000000,
                 microseconds % 1000000);
   const bool isText = withoutBrokenUtf8(message.payload) == message.payload;
-  writeLine(std::string("{\"offset\":") + offset.data() +
-            (isText ? ",\"payload\":" + quotedJSON(message.payload)
-                    : ",\"hex\":\"" + hexText(message.payload) + "\"") +
-            "}\n");
-}
-
-void RecordingWriter::writeLine(const std::string& line) {
-  if (std::fwrite(line.data(), 1, line.size(), file_.get()) != line.size() ||
-      std::fflush(file_.get()) != 0) {
-    throw CommandFailure(ExitCode::Refused, "cannot write " + path_ + ": " + errnoText(errno));
-  }
+  file_.write(std::string("{\"offset\":") + offset.data() +
+              (isText ? ",\"payload\":" + quotedJSON(message.payload)
+                      : ",\"hex\":\"" + hexText(message.payload) + "\"") +
+              "}\n");
 }
 
 RecordingReader::RecordingReader(const std::string& path)
@@ -113,8 +107,7 @@ std::optional<RecordedMessage> RecordingReader::next() {
     refuse("is no recorded message");
   }
   RecordedMessage message;
-  message.offset =
-      std::chrono::microseconds(static_cast<int64_t>(offset->valuedouble * kMicroseconds + 0.5));
+  message.offset = std::chrono::microseconds(std::llround(offset->valuedouble * kMicroseconds));
   message.payload = std::move(*payload);
   return message;
 }

@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <fstream>
-#include <memory>
 #include <optional>
 #include <string>
+
+#include "valtor-bus/Output.h"
 
 namespace valtor {
 
@@ -34,14 +34,7 @@ class RecordingWriter {
   void add(const RecordedMessage& message);
 
  private:
-  struct Closer {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-  };
-
-  void writeLine(const std::string& line);
-
-  std::string path_;
-  std::unique_ptr<std::FILE, Closer> file_;
+  DataFile file_;
 };
 
 class RecordingReader {

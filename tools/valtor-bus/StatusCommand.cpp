@@ -17,6 +17,8 @@ using Clock = BusConnection::Clock;
 constexpr std::chrono::milliseconds kTimeForOthers{300};
 // How often --watch asks again, so that it notices what nobody announces.
 constexpr std::chrono::seconds kAskAgain{10};
+// How long a link that was opened again may wait to be noticed.
+constexpr std::chrono::seconds kLongestWait{1};
 constexpr const char* kHint =
     "Is the daemon running and its controller active? On a standby controller it does not answer.";
 constexpr const char* kClearScreen = "\x1b[H\x1b[2J";
@@ -86,46 +88,68 @@ class Listing {
   bool running_ = false;
 };
 
-void watchStatus(BusConnection& connection, const StatusSettings& settings, Output& output) {
-  Listing listing(settings.timeout);
-  std::string shown;
-  bool silenceReported = false;
-  Clock::time_point askAt;
-  const auto show = [&] {
-    output.write((output.isTerminal() ? kClearScreen
-                  : shown.empty()     ? ""
-                                      : "\n") +
-                 (shown = listing.table.text(output.hasColour())));
-  };
-  connection.setSubscriptions({"device"});
-  PersistentLink link(connection);
-  link.open();
-  unsigned asked = 0;  // the opening after which the last questions were asked
-  while (!connection.interrupted()) {
-    if (connection.isOpen() && (asked != link.openings() || Clock::now() >= askAt)) {
-      asked = link.openings();
-      askAt = Clock::now() + kAskAgain;
-      for (const BusRequest& request : listing.begin()) {
-        link.send(request);
-      }
-    }
-    const auto message = link.receive(listing.isRunning() ? listing.due() : askAt);
-    if (message && listing.take(*message)) {
-      show();
-    }
-    if (listing.endWhenDue()) {
-      if (listing.isAnswered() && shown != listing.table.text(output.hasColour())) {
+// Shows the table again whenever it changes.
+class StatusWatch {
+ public:
+  StatusWatch(BusConnection& connection, double timeout, Output& output)
+      : connection_(connection), output_(output), link_(connection), listing_(timeout) {}
+
+  // Until interrupted.
+  void run() {
+    connection_.setSubscriptions({"device"});
+    link_.open();
+    while (!connection_.interrupted()) {
+      askWhenDue();
+      const auto due = listing_.isRunning() ? listing_.due() : askAt_;
+      const auto message = link_.receive(std::min(due, Clock::now() + kLongestWait));
+      if (message && listing_.take(*message)) {
         show();
-      } else if (!listing.isAnswered() && connection.isOpen() && !silenceReported) {
-        say("nobody answers about connection points any more. " + std::string(kHint));
       }
-      silenceReported = !listing.isAnswered();
-    }
-    if (!connection.isOpen() && !listing.isRunning()) {
-      askAt = Clock::now() + kAskAgain;
+      if (listing_.endWhenDue()) {
+        reportListing();
+      }
     }
   }
-}
+
+ private:
+  // After every opening, and again and again.
+  void askWhenDue() {
+    if (askedAfter_ == link_.openings() && Clock::now() < askAt_) {
+      return;
+    }
+    askAt_ = Clock::now() + kAskAgain;
+    if (connection_.isOpen()) {
+      askedAfter_ = link_.openings();
+      for (const BusRequest& request : listing_.begin()) {
+        link_.send(request);
+      }
+    }
+  }
+
+  void reportListing() {
+    if (listing_.isAnswered() && shown_ != listing_.table.text(output_.hasColour())) {
+      show();
+    } else if (!listing_.isAnswered() && connection_.isOpen() && !silenceReported_) {
+      say("nobody answers about connection points. " + std::string(kHint));
+    }
+    silenceReported_ = !listing_.isAnswered();
+  }
+
+  void show() {
+    const char* before = output_.isTerminal() ? kClearScreen : shown_.empty() ? "" : "\n";
+    shown_ = listing_.table.text(output_.hasColour());
+    output_.write(before + shown_);
+  }
+
+  BusConnection& connection_;
+  Output& output_;
+  PersistentLink link_;
+  Listing listing_;
+  Clock::time_point askAt_;
+  unsigned askedAfter_ = 0;  // how often the link was opened when the last questions went out
+  std::string shown_;
+  bool silenceReported_ = false;
+};
 
 void listOnce(BusConnection& connection, Listing& listing, double timeout) {
   connection.open();
@@ -147,7 +171,7 @@ void listOnce(BusConnection& connection, Listing& listing, double timeout) {
 
 void status(BusConnection& connection, const StatusSettings& settings, Output& output) {
   if (settings.watch) {
-    watchStatus(connection, settings, output);
+    StatusWatch(connection, settings.timeout, output).run();
     return;
   }
   Listing listing(settings.timeout);

@@ -20,6 +20,7 @@ class ToolProcess {
     const std::string script = "cd " + folder_.path() + " && exec \"$0\" \"$@\" <in >out 2>err";
     arguments.insert(arguments.begin(), {"sh", "-c", script});
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
       argv.push_back(argument.data());
     }
