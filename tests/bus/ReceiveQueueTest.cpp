@@ -6,63 +6,27 @@
 namespace valtor {
 namespace {
 
-void pushChunks(ReceiveQueue& queue, int count, uint32_t link, int32_t length = 10) {
-  for (int i = 0; i < count; ++i) {
+TEST(ReceiveQueue, BatchesEndAtTheirLimitsAndMakeRoomForAWaitingWriter) {
+  ReceiveQueue queue;
+  for (uint32_t i = 0; i < 320; ++i) {
     auto chunk = std::make_unique<ReceivedChunk>();
-    chunk->length = length;
-    chunk->link = link;
-    chunk->data.fill(static_cast<char>('a' + i % 26));
-    ASSERT_TRUE(queue.push(std::move(chunk), SIZE_MAX));
+    chunk->length = 10;
+    chunk->link = i / 250;
+    ASSERT_TRUE(queue.push(std::move(chunk), 320));
   }
-}
-
-// Takes batches until the queue is empty; the chunks in each, negative when the limit ended it.
-std::vector<int> batches(ReceiveQueue& queue, uint32_t& drained) {
-  std::vector<int> sizes;
-  for (;;) {
-    std::vector<char> buffer;
-    const ReceiveQueue::Batch batch = queue.take(buffer, 10485760, drained, 100);
-    if (batch.chunks == 0) {
-      return sizes;
+  EXPECT_FALSE(queue.push(std::make_unique<ReceivedChunk>(), 320));
+  std::vector<std::size_t> sizes;
+  std::thread reader([&] {
+    uint32_t drained = 0;
+    for (const std::size_t byteBound : {5000U, 5000U, 5000U, 5000U, 150U}) {
+      std::vector<char> buffer;
+      sizes.push_back(queue.take(buffer, byteBound, drained, 100).chunks);
     }
-    const int size = static_cast<int>(batch.chunks);
-    EXPECT_EQ(buffer.size(), 10U * batch.chunks);
-    sizes.push_back(batch.limitReached ? -size : size);
-  }
-}
-
-TEST(ReceiveQueue, TheDrainedCountGoesOnFromBatchToBatch) {
-  ReceiveQueue queue;
-  uint32_t drained = 0;
-  pushChunks(queue, 250, 1);
-  EXPECT_EQ(batches(queue, drained), (std::vector<int>{-100, -100, 50}));
-  pushChunks(queue, 80, 1);
-  EXPECT_EQ(batches(queue, drained), (std::vector<int>{-50, 30}));
-}
-
-TEST(ReceiveQueue, ABatchHoldsOneLinkAndAtMostOneChunkBeyondItsBound) {
-  ReceiveQueue queue;
-  uint32_t drained = 0;
-  pushChunks(queue, 3, 1);
-  pushChunks(queue, 2, 2);
-  EXPECT_EQ(batches(queue, drained), (std::vector<int>{3, 2}));
-  pushChunks(queue, 5, 2, ReceivedChunk::kCapacity);
-  std::vector<char> buffer;
-  EXPECT_EQ(queue.take(buffer, 2 * ReceivedChunk::kCapacity, drained, 1000).chunks, 3U);
-}
-
-TEST(ReceiveQueue, AFullQueueRefusesOrMakesItsWriterWait) {
-  ReceiveQueue queue;
-  uint32_t drained = 0;
-  pushChunks(queue, 5, 1);
-  EXPECT_FALSE(queue.push(std::make_unique<ReceivedChunk>(), 5));
-  std::thread reader([&] { batches(queue, drained); });
+  });
   queue.waitForRoom(5, [] { return false; });
   reader.join();
-  EXPECT_TRUE(queue.hasRoom(1));
-  pushChunks(queue, 5, 1);
-  queue.waitForRoom(5, [] { return true; });  // told to give up
-  EXPECT_FALSE(queue.hasRoom(5));
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{100, 100, 50, 50, 16}));
+  queue.waitForRoom(1, [] { return true; });  // told to give up
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdio>
+#include <memory>
+#include <stdexcept>
 #include <string>
+#include <unistd.h>
 
 namespace valtor::test {
 
@@ -9,19 +12,35 @@ namespace valtor::test {
 // object lives, and lets a test read it.
 class ConsoleCapture {
  public:
-  explicit ConsoleCapture(FILE* stream = stdout);
-  ~ConsoleCapture();
+  explicit ConsoleCapture(FILE* stream = stdout) : stream_(stream), saved_(dup(fileno(stream))) {
+    std::fflush(stream_);
+    if (!file_ || saved_ < 0 || dup2(fileno(file_.get()), fileno(stream_)) < 0) {
+      throw std::runtime_error("cannot redirect the stream");
+    }
+  }
+  ~ConsoleCapture() {
+    std::fflush(stream_);
+    dup2(saved_, fileno(stream_));
+    ::close(saved_);
+  }
   ConsoleCapture(const ConsoleCapture&) = delete;
   ConsoleCapture& operator=(const ConsoleCapture&) = delete;
 
   // Everything written so far.
-  std::string text() const;
+  std::string text() const {
+    std::fflush(stream_);
+    const int file = fileno(file_.get());
+    std::string content(static_cast<std::size_t>(lseek(file, 0, SEEK_END)), '\0');
+    const ssize_t count = pread(file, content.data(), content.size(), 0);
+    content.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return content;
+  }
   bool contains(const std::string& part) const { return text().find(part) != std::string::npos; }
 
  private:
   FILE* stream_;
   int saved_;
-  int file_;
+  std::unique_ptr<FILE, int (*)(FILE*)> file_{std::tmpfile(), std::fclose};
 };
 
 }  // namespace valtor::test

@@ -15,28 +15,20 @@ struct Store {
 };
 
 // Never destroyed: threads may log until the process ends.
-Store& store() {
-  static Store& instance = *new Store;
-  return instance;
-}
+Store& store = *new Store;
 
 void record(int priority, const char* format, va_list arguments) {
-  va_list copy;
-  va_copy(copy, arguments);
-  const int length = std::vsnprintf(nullptr, 0, format, copy);
-  va_end(copy);
-  std::string text(static_cast<std::size_t>(std::max(length, 0)) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  text.pop_back();
-  const std::lock_guard<std::mutex> lock(store().mutex);
-  if (store().recording) {
-    store().lines.push_back({priority, text});
+  char text[131072];  // more than any line quotes
+  std::vsnprintf(text, sizeof text, format, arguments);
+  const std::lock_guard<std::mutex> lock(store.mutex);
+  if (store.recording) {
+    store.lines.push_back({priority, text});
   }
 }
 
 }  // namespace
 
-// A fortified build calls the __ forms. Both take the C library's place in this executable.
+// A fortified build calls the __ form. Both take the C library's place in this executable.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 extern "C" {
@@ -53,53 +45,42 @@ void __syslog_chk(int priority, int, const char* format, ...) {
   record(priority, format, arguments);
   va_end(arguments);
 }
-void vsyslog(int priority, const char* format, va_list arguments) {
-  record(priority, format, arguments);
-}
-void __vsyslog_chk(int priority, int, const char* format, va_list arguments);
-void __vsyslog_chk(int priority, int, const char* format, va_list arguments) {
-  record(priority, format, arguments);
-}
 }
 #pragma GCC diagnostic pop
 
 namespace valtor::test {
 
 LogCapture::LogCapture() {
-  const std::lock_guard<std::mutex> lock(store().mutex);
-  store().lines.clear();
-  store().recording = true;
+  const std::lock_guard<std::mutex> lock(store.mutex);
+  store.lines.clear();
+  store.recording = true;
 }
 
 LogCapture::~LogCapture() {
-  const std::lock_guard<std::mutex> lock(store().mutex);
-  store().recording = false;
+  const std::lock_guard<std::mutex> lock(store.mutex);
+  store.recording = false;
 }
 
 std::vector<LogLine> LogCapture::lines() const {
-  const std::lock_guard<std::mutex> lock(store().mutex);
-  return store().lines;
+  const std::lock_guard<std::mutex> lock(store.mutex);
+  return store.lines;
 }
 
 int LogCapture::count(int priority, const std::string& text) const {
-  int found = 0;
-  for (const LogLine& line : lines()) {
-    found += line.priority == priority && line.text == text ? 1 : 0;
-  }
-  return found;
+  const std::vector<LogLine> all = lines();
+  return static_cast<int>(std::count(all.begin(), all.end(), LogLine{priority, text}));
 }
 
 int LogCapture::countContaining(const std::string& part) const {
-  int found = 0;
-  for (const LogLine& line : lines()) {
-    found += line.text.find(part) != std::string::npos ? 1 : 0;
-  }
-  return found;
+  const std::vector<LogLine> all = lines();
+  return static_cast<int>(std::count_if(all.begin(), all.end(), [&](const LogLine& line) {
+    return line.text.find(part) != std::string::npos;
+  }));
 }
 
 void LogCapture::clear() {
-  const std::lock_guard<std::mutex> lock(store().mutex);
-  store().lines.clear();
+  const std::lock_guard<std::mutex> lock(store.mutex);
+  store.lines.clear();
 }
 
 }  // namespace valtor::test

@@ -8,6 +8,7 @@ namespace valtor::test {
 struct LogLine {
   int priority = 0;
   std::string text;
+  bool operator==(const LogLine&) const = default;
 };
 
 // Records what the process logs with syslog while the object lives; one at a time. Any thread may

@@ -2,20 +2,14 @@
 
 namespace valtor::test {
 
-#if defined(__SANITIZE_THREAD__)
-inline constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-inline constexpr bool kThreadSanitizer = true;
-#else
-inline constexpr bool kThreadSanitizer = false;
-#endif
-#else
-inline constexpr bool kThreadSanitizer = false;
-#endif
-
-// How often a race is provoked: the full number where the thread sanitizer watches, a tenth
+// How often a race is provoked: the full number where gcc's thread sanitizer watches, a tenth
 // elsewhere.
-inline constexpr int repetitions(int full) { return kThreadSanitizer ? full : full / 10; }
+inline constexpr int repetitions(int full) {
+#ifdef __SANITIZE_THREAD__
+  return full;
+#else
+  return full / 10;
+#endif
+}
 
 }  // namespace valtor::test
