@@ -92,6 +92,8 @@ bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, co
 }
 
 void RemoteValtorConnectionPoint::disconnect() {
+  // Whoever asks for the end hears of it even when no link stands; the peer's own report, which
+  // comes last, then finds nothing changed.
   setConnected(false);
   if (const auto peers = routerPeerManager()) {
     if (const auto peer = ownPeer(*peers)) {
