@@ -6,7 +6,7 @@
 
 #include "bus/IPellInternalClient.h"
 #include "bus/IPellaMessageForwarder.h"
-#include "bus/ReceivedMessage.h"
+#include "bus/BusSupport.h"
 
 namespace valtor::test {
 
