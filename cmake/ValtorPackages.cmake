@@ -42,6 +42,8 @@ install(FILES "${packaging}/valtor-remote.service" DESTINATION "${VALTOR_UNIT_DI
         COMPONENT daemon)
 install(DIRECTORY "${packaging}/examples"
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/valtor-remote" COMPONENT daemon)
+install(FILES docs/operating.md docs/bridging.md docs/bus-protocol.md
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/valtor-remote" COMPONENT daemon)
 valtor_install_manual(daemon valtor-remote.8)
 valtor_install_papers(daemon valtor-remote)
 set(CPACK_COMPONENTS_ALL daemon)
