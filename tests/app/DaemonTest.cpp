@@ -167,7 +167,7 @@ class HangingPort {
     pollfd entry{-1, POLLOUT, 0};
     do {
       entry.fd = fillers_.emplace_back(socket(AF_INET, kKind, 0)).get();
-      connect(entry.fd, general(), size);
+      static_cast<void>(connect(entry.fd, general(), size));  // whether it hangs is the question
     } while (poll(&entry, 1, 100) > 0);
   }
   int port() const { return ntohs(name_.sin_port); }

@@ -2,7 +2,7 @@
 #include <string>
 #include <utility>
 
-#include "bus/ReceivedMessage.h"
+#include "bus/BusSupport.h"
 #include "peers/DatabaseIdHandler.h"
 #include "peers/ForwardingFilters.h"
 #include "support/ConsoleCapture.h"

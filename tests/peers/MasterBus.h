@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "bus/BusSupport.h"
 #include "bus/IPellInternalClient.h"
 #include "bus/IPellaMessageForwarder.h"
-#include "bus/ReceivedMessage.h"
 
 namespace valtor::test {
 
