@@ -87,19 +87,6 @@ TEST(PurgeTest, GivesWayToWhoeverHoldsTheLockAndCountsThat) {
   EXPECT_EQ(console.text(), line(1)) << "a pass that gets the lock starts the count again";
 }
 
-TEST(CleanupThreadTest, PurgesAfterEveryTimeout) {
-  Scene scene;
-  FakeManager manager(scene.client);
-  manager.setCleanupInterval(milliseconds(5));
-  for (const char* id : {"first", "second"}) {
-    addMarked(manager, id);
-    EXPECT_TRUE(eventually([&] { return manager.ids().empty(); }));
-  }
-  EXPECT_TRUE(eventually([] {
-    return fileContent(incomingClientFile()) == R"({"serverConnectionPoint":[],"type":"valtor"})";
-  }));
-}
-
 TEST(CleanupThreadTest, GoesOnWhenTheFileCannotBeWritten) {
   Scene scene;
   std::filesystem::create_directories(incomingClientFile());

@@ -125,31 +125,6 @@ TEST_F(ConnectionPointTest, AnnouncesEachChangeOfItsStateOnce) {
   EXPECT_EQ(log.count(LOG_DEBUG, "virtual void ConnectionPoint::setConnected(bool), A = 1\n"), 2);
 }
 
-TEST_F(ConnectionPointTest, WithoutAUniqueIDOnlyItsEndIsAnnounced) {
-  FakeConnectionPoint cp(scene.client, manager);
-  cp.notifyParam(true);
-  EXPECT_TRUE(scene.client.sent().empty());
-  cp.notifyDeleted();
-  EXPECT_EQ(
-      scene.client.bodies(),
-      std::vector<std::string>{R"({"paramDelete":{"connectionPoint":[)" + rendered(cp) + "]}}"});
-}
-
-TEST_F(ConnectionPointTest, AnUpdateWithTheSamePhysKeepsTheConnection) {
-  const auto cp = load(clientDescription("A"));
-  cp->setConnected(true);
-  const auto from = load(R"({"type":"other","name":"new","uniqueID":"A","enabled":false,
-      "phy":[{"type":"tcp","ipAddress":"10.1.2.3","port":5000,"server":false}]})");
-  cp->update(*from);
-  EXPECT_EQ(cp->disconnects, 0);
-  EXPECT_TRUE(cp->isConnected());
-  EXPECT_EQ(cp->getName(), "new");
-  EXPECT_EQ(cp->getType(), "other");
-  EXPECT_FALSE(cp->isEnabled());
-  EXPECT_FALSE(cp->isServerConnectionPoint()) << "the old phy stays";
-  EXPECT_EQ(from->getUniqueID(), "");
-}
-
 TEST_F(ConnectionPointTest, AnUpdateWithOtherPhysDisconnectsWithoutTheDescriptionLock) {
   const auto cp = load(clientDescription("A"));
   cp->setConnected(true);
@@ -277,19 +252,6 @@ TEST_F(DeviceConnectionTest, AnUpdateAnnouncesOnlyADeviceThatWasOffline) {
   EXPECT_FALSE(cp->updateDeviceConnection({"A", "unknown", "", "valtor", "x"}));
 }
 
-TEST_F(DeviceConnectionTest, ARemovedDeviceIsAnnouncedAndLetGo) {
-  std::shared_ptr<FakeDevice> device = addDevice("d1");
-  EXPECT_TRUE(cp->removeDeviceConnection("d1"));
-  EXPECT_EQ(scene.client.bodies(),
-            std::vector<std::string>{
-                R"({"paramDelete":{"deviceConnection":[{"uniqueID":"d1","online":false,)"
-                R"("gone":true}]}})"});
-  EXPECT_EQ(device.use_count(), 1);
-  EXPECT_FALSE(device->isAttached());
-  EXPECT_FALSE(cp->removeDeviceConnection("d1"));
-  EXPECT_EQ(scene.client.sent().size(), 1U);
-}
-
 TEST_F(DeviceConnectionTest, RemovingAllReportsThemInOneNotification) {
   addDevice("d1");
   addDevice("d2");
@@ -315,20 +277,6 @@ TEST_F(DeviceConnectionTest, RemovingAllDestroysOnlyWhatItReported) {
     ASSERT_NE(cp->hasDeviceConnection("late"), reported);
     cp->removeAllDeviceConnections();
   }
-}
-
-TEST_F(DeviceConnectionTest, ParametersReachTheDeviceByASetOnly) {
-  const auto device = addDevice("d1");
-  const auto offer = [&](MessageKind kind, const std::string& uniqueID, const char* body) {
-    return cp->handleDeviceParam(
-        uniqueID, PellInternalMessage(kind, "device." + uniqueID, JSONPtr(cJSON_Parse(body))));
-  };
-  EXPECT_FALSE(offer(MessageKind::UPDATE, "d1", R"({"param":{"gain":"3"}})"));
-  EXPECT_FALSE(offer(MessageKind::SET, "d2", R"({"param":{"gain":"3"}})"));
-  EXPECT_FALSE(offer(MessageKind::SET, "d1", R"({"other":1})"));
-  EXPECT_EQ(device->params, "");
-  EXPECT_TRUE(offer(MessageKind::SET, "d1", R"({"param":{"gain":"3","mute":1}})"));
-  EXPECT_EQ(device->params, R"({"gain":"3","mute":0})");
 }
 
 }  // namespace

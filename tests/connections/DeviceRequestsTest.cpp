@@ -38,16 +38,6 @@ class DeviceRequestsTest : public testing::Test {
   FakeManager manager{scene.client};
 };
 
-TEST_F(DeviceRequestsTest, OnlyRequestsOnDeviceAreTaken) {
-  const std::string body = R"({"objectName":["connectionPoint"]})";
-  for (const char* path : {"", "devices", "system.device", ".device"}) {
-    EXPECT_FALSE(get(body, path)) << path;
-  }
-  for (const MessageKind kind : {MessageKind::CMD, MessageKind::NOT, MessageKind::RSP}) {
-    EXPECT_FALSE(manager.handle(kind, "device", body));
-  }
-}
-
 TEST_F(DeviceRequestsTest, GetAnswersEachKnownNameInOrder) {
   manager.add(clientDescription("B"));
   manager.add(clientDescription("A"));

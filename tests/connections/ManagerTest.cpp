@@ -32,17 +32,6 @@ class ManagerTest : public testing::Test {
   FakeManager manager{scene.client};
 };
 
-TEST_F(ManagerTest, DescribesItselfWithoutItsConnectionPoints) {
-  manager.add(clientDescription("A"));
-  EXPECT_EQ(printJSON(manager.toJSON().get(), false), R"({"type":"valtor","phy":[]})");
-  const FakeManager other(scene.client, "mixer", "desk");
-  EXPECT_EQ(printJSON(other.toJSON().get(), false),
-            R"({"type":"mixer","subtype":["desk"],"phy":[]})");
-  EXPECT_TRUE(other.isTypeSupported("desk"));
-  EXPECT_FALSE(other.isTypeSupported("valtor"));
-  EXPECT_EQ(manager.containerFile(), paths().containerDirectory + "/valtorConnectionPointMgr.json");
-}
-
 TEST_F(ManagerTest, AnAddedConnectionPointReplacesOneOfItsIDOutsideTheLock) {
   std::weak_ptr<ConnectionPoint> old = manager.add(clientDescription("A"));
   manager.add(clientDescription("A", 6000));
@@ -215,19 +204,6 @@ TEST(IncomingClientDirectoryTest, WhatIsNotOursKeepsItsMode) {
 }
 
 // --- The database file ---------------------------------------------------------------------------
-
-TEST_F(ManagerTest, LoadsTheDatabaseFileInItsOrder) {
-  const std::string path =
-      scene.folder.write("db.json", "{\n\"connectionPoint\": [" + clientDescription("Z") + ",\n" +
-                                        R"({"type":"other","uniqueID":"X"},{"type":"valtor"},)" +
-                                        clientDescription("A") + "]}");
-  auto loaded = loadConnectionPointsFromFile(manager, path);
-  ASSERT_EQ(loaded.size(), 2U);
-  EXPECT_EQ(loaded[0]->getUniqueID(), "Z");
-  EXPECT_EQ(loaded[1]->getUniqueID(), "A");
-  manager.addConnectionPoints(std::move(loaded));
-  EXPECT_EQ(manager.ids(), "A Z");
-}
 
 }  // namespace
 }  // namespace valtor::test

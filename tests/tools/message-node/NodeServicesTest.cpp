@@ -36,22 +36,6 @@ TEST_F(NodeServicesTest, TheRoleIsAnsweredToWhoeverAsksAndAnnounced) {
   EXPECT_EQ(stranger->readFrame(), "[\"RSP\", \"system\", 1, 0, 0]\n" + answer);
 }
 
-TEST_F(NodeServicesTest, AParticipantMayAnnounceTheRole) {
-  startNode();
-  join("panel", 490, {});
-  const std::pair<const char*, const char*> cases[] = {
-      {"\"SET\", \"system\", 490, 0", "standby"},
-      {"\"SET\", \"system\", 490, 100", "active"},
-      {"\"NOT\", \"system\", 490, 0", "active"},
-      {"\"SET\", \"device\", 490, 0", "active"},
-  };
-  for (const auto& [header, role] : cases) {
-    (*node)->setRole("active");
-    say("panel", std::string("[") + header + "]\n{\"param\":{\"mdxMasterState\":\"standby\"}}");
-    EXPECT_EQ((*node)->role(), role) << header;
-  }
-}
-
 TEST_F(NodeServicesTest, CannedAnswersStandForParticipants) {
   MessageNode::Options options;
   options.answers = R"({"db":{"dests":[1],"sources":[]},"route":{"stat":{"all":true}}})";
