@@ -59,6 +59,8 @@ int fclose(FILE* file) { return pass("fclose", EOF, file); }
 int fsync(int descriptor) { return pass("fsync", -1, descriptor); }
 int rename(const char* from, const char* to) noexcept { return pass("rename", -1, from, to); }
 int unlink(const char* path) noexcept { return pass("unlink", -1, path); }
+int mkdir(const char* path, mode_t mode) noexcept { return pass("mkdir", -1, path, mode); }
+int stat(const char* path, struct stat* status) noexcept { return pass("stat", -1, path, status); }
 }
 
 namespace valtor::test {
@@ -201,6 +203,28 @@ TEST_F(ContainerTest, CallThatFailsIsLoggedAndLeavesTheNewestCompleteCopy) {
         << line;
     EXPECT_EQ(loadedFrom(directory_), loaded) << line;
   }
+}
+
+// A folder that seems to be missing is made anew; a file that seems to be missing is replaced as a
+// first save would; a folder that cannot be made is found out when the new copy is opened.
+TEST_F(ContainerTest, CallThatLooksOrMakesAndFailsLosesNothing) {
+  for (int nth = 1; nth <= 2; ++nth) {
+    Settings(&directory_, 1).save(false);
+    fault = {"stat", nth, EACCES};
+    Settings(&directory_, 2).save(false);
+    fault = {};
+    EXPECT_EQ(loadedFrom(directory_), 2) << "stat " << nth;
+  }
+  log_.clear();
+  const std::string missing = directory_ + "/missing";
+  fault = {"mkdir", 1, EACCES};
+  Settings(&missing, 3).save(false);
+  fault = {};
+  EXPECT_EQ(
+      log_.count(LOG_ERR, "Error - couldn't open file " + missing + "/settings.json for writing\n"),
+      1);
+  Settings(&missing, 4).save(false);
+  EXPECT_EQ(loadedFrom(missing), 4);
 }
 
 // Saves 2 in a child process that stops after so many calls; whether it stopped, rather than

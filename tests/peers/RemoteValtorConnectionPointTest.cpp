@@ -71,6 +71,23 @@ TEST_F(RemoteValtorConnectionPointTest, RefusedAndMergedTemporariesLeaveTheLinkA
   EXPECT_TRUE(bus_.payloads().empty());
 }
 
+TEST_F(RemoteValtorConnectionPointTest, ARefusedDescriptionSweepsInASetAndLeavesTheLinkInAnUpdate) {
+  const std::string refused =
+      R"({"param":{"connectionPoint":[{"type":"valtor","name":"router","uniqueID":"r","phy":[)" +
+      phyText(ScriptedNode("127.0.0.1")) + "]}]}}";
+  const auto request = [&](const std::string& kind) {
+    ResponseList responses;
+    return manager_->handleMessage(
+        received("[\"" + kind + "\", \"device\", 490, 0, 0]\n" + refused), responses);
+  };
+  EXPECT_FALSE(request("UPDATE"));
+  EXPECT_TRUE(point_->isConnected());
+  EXPECT_TRUE(peer()->isConnected());
+  EXPECT_TRUE(request("SET"));
+  EXPECT_EQ(manager_->findConnectionPoint("r"), nullptr);
+  EXPECT_FALSE(point_->isConnected());
+}
+
 TEST_F(RemoteValtorConnectionPointTest, FollowsARouterThatMoves) {
   ScriptedNode away("127.0.0.3");
   bus_.clear();
