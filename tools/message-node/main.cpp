@@ -155,6 +155,8 @@ int serve(Settings settings) {
 int main(int argc, char** argv) {
   valtor::initConsole();
   std::signal(SIGPIPE, SIG_IGN);
+  // In the background of a terminal it goes without commands, instead of being stopped.
+  std::signal(SIGTTIN, SIG_IGN);
   // What the stream parser has to say about broken frames is seen where the trace is.
   openlog("valtor-node", LOG_PERROR, LOG_USER);
   try {
