@@ -63,6 +63,8 @@ foreach(tool valtor-node valtor-bus)
 endforeach()
 if(has_tools)
   valtor_install_papers(tools valtor-remote-tools)
+  install(DIRECTORY tools/message-node/examples
+          DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/valtor-remote-tools" COMPONENT tools)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 

@@ -152,6 +152,17 @@ class MessageNode::Impl final : public NodeConnection::Owner {
   }
   const std::string& role() const { return role_; }
 
+  void setAnswers(CannedAnswers answers) { answers_ = std::move(answers); }
+
+  void runAfter(std::chrono::milliseconds time, std::function<void()> function) {
+    const auto timer = std::make_shared<asio::steady_timer>(loop_, time);
+    timer->async_wait([timer, function = std::move(function)](const asio::error_code& error) {
+      if (!error) {
+        function();
+      }
+    });
+  }
+
   bool injectPayload(const std::string& payload) {
     std::vector<char> bytes(payload.begin(), payload.end());
     bytes.push_back('\0');
@@ -520,6 +531,15 @@ std::string MessageNode::role() {
   std::string result;
   impl_->perform([&] { result = impl_->role(); });
   return result;
+}
+
+void MessageNode::setAnswers(const std::string& jsonText) {
+  CannedAnswers answers(jsonText);
+  impl_->perform([&] { impl_->setAnswers(std::move(answers)); });
+}
+
+void MessageNode::runAfter(std::chrono::milliseconds time, std::function<void()> function) {
+  impl_->perform([&] { impl_->runAfter(time, std::move(function)); });
 }
 
 bool MessageNode::inject(int32_t source, const std::string& kind, const std::string& path,

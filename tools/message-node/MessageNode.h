@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -102,6 +103,12 @@ class MessageNode {
   // Stores the role and announces it, also when it is the same.
   void setRole(const std::string& role);
   std::string role();
+
+  // Replaces the canned answers. Throws std::runtime_error when the text is no JSON object.
+  void setAnswers(const std::string& jsonText);
+
+  // Calls the function on the loop when the time has passed; never when the node is gone before.
+  void runAfter(std::chrono::milliseconds time, std::function<void()> function);
 
   // Hands a message on as if a participant had sent it that logged in with the source id on a
   // connection of its own. The body travels as it is. False when the header is none that a reader

@@ -2,6 +2,8 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <memory>
+#include <stdexcept>
 #include <string>
 #include <syslog.h>
 #include <thread>
@@ -13,6 +15,7 @@
 #include "message-node/MessageNode.h"
 #include "message-node/NodeCommands.h"
 #include "message-node/NodeTrace.h"
+#include "message-node/Scenario.h"
 
 namespace {
 
@@ -21,6 +24,7 @@ constexpr std::size_t kDefaultBodyLimit = 160;  // bytes of a body in a trace li
 struct Settings {
   valtor::MessageNode::Options node;
   std::string answersFile;
+  std::string scenarioFile;
   bool trace = true;
   std::size_t bodyLimit = kDefaultBodyLimit;
 };
@@ -32,13 +36,33 @@ std::string footer() {
          "  answers a GET on \"db\" that lists OBJECT in \"objectName\", and a CMD on \"route\"\n"
          "  with a member COMMAND.\n"
          "\n"
+         "The scenario file: a list of steps, each with a time and an action\n"
+         "  time:    \"at\": SECONDS after the start, or\n"
+         "           \"after\": TEXT in a line of the trace, with \"delay\": SECONDS, \"each\": "
+         "true\n"
+         "           \"every\": SECONDS it is done again, \"repeat\": N times in all\n"
+         "  action:  \"role\": ROLE, \"answers\": {as in the answers file}, \"listen\": true or "
+         "false,\n"
+         "           \"send\": {\"from\": ID, \"kind\": KIND, \"path\": PATH, \"to\": ID, "
+         "\"body\": BODY},\n"
+         "           \"close\", \"reset\", \"pauseReading\", \"resumeReading\", \"pauseWriting\",\n"
+         "           \"resumeWriting\": NAME of connections, \"*\" for all,\n"
+         "           \"raw\": {\"to\": NAME, \"bytes\": TEXT or \"hex\": DIGITS}\n"
+         "  \"note\": TEXT, shown when the step is done\n"
+         "\n"
          "Examples:\n"
          "  valtor-node --answers controller.json         a controller on 127.0.0.1:15000\n"
          "  valtor-node --listen 127.0.0.2                a router beside it\n"
          "  valtor-node --port 0 --role standby           a free port, which is printed\n"
+         "  valtor-node --scenario failing-router.json    faults at their times\n"
          "  valtor-node --no-trace                        only connections and roles\n"
          "A message typed in:\n"
-         "  send 490 CMD route 0 {\"id\":\"1@panel\",\"take\":[{\"destination\":[4]}]}\n";
+         "  send 490 CMD route 0 {\"id\":\"1@panel\",\"take\":[{\"destination\":[4]}]}\n"
+         "A scenario: a panel takes a route every 5 seconds, the first login is cut after 20\n"
+         "  [{\"at\": 5, \"every\": 5, \"send\": {\"from\": 490, \"kind\": \"CMD\", \"path\": "
+         "\"route\",\n"
+         "    \"body\": {\"id\": \"1@panel\", \"take\": []}}},\n"
+         "   {\"after\": \"LOGIN #1 \", \"delay\": 20, \"reset\": \"*\"}]\n";
 }
 
 void addOptions(CLI::App& app, Settings& settings) {
@@ -51,18 +75,42 @@ void addOptions(CLI::App& app, Settings& settings) {
       ->capture_default_str();
   app.add_option("-a,--answers", settings.answersFile, "JSON file with canned answers")
       ->check(CLI::ExistingFile);
+  app.add_option("-s,--scenario", settings.scenarioFile, "JSON file with steps that are done")
+      ->check(CLI::ExistingFile);
   app.add_flag("--trace,!--no-trace", settings.trace, "print a line for each message (default)");
   app.add_option("--trace-body", settings.bodyLimit, "bytes of a body that a trace line shows")
       ->capture_default_str();
+  app.set_version_flag("--version", "valtor-node " VALTOR_VERSION);
   app.footer(footer());
 }
 
-void setCallbacks(Settings& settings) {
-  settings.node.onEvent = [](const std::string& line) { valtor::traceLine("%s\n", line.c_str()); };
-  if (settings.trace) {
-    settings.node.onMessage = [limit = settings.bodyLimit](const valtor::PassedMessage& message) {
-      valtor::traceLine("%s\n", valtor::traceText(message, limit).c_str());
+// A scenario whose steps wait for texts in the trace sees each line whole, printed or not.
+void setCallbacks(Settings& settings, valtor::Scenario& scenario) {
+  settings.node.onEvent = [&scenario](const std::string& line) {
+    valtor::traceLine("%s\n", line.c_str());
+    scenario.observe(line);
+  };
+  if (settings.trace || !scenario.empty()) {
+    settings.node.onMessage = [&scenario, trace = settings.trace,
+                               limit = settings.bodyLimit](const valtor::PassedMessage& message) {
+      if (trace) {
+        valtor::traceLine("%s\n", valtor::traceText(message, limit).c_str());
+      }
+      if (!scenario.empty()) {
+        scenario.observe(valtor::traceText(message, std::string::npos));
+      }
     };
+  }
+}
+
+std::unique_ptr<valtor::Scenario> loadScenario(const std::string& file) {
+  if (file.empty()) {
+    return std::make_unique<valtor::Scenario>();
+  }
+  try {
+    return std::make_unique<valtor::Scenario>(valtor::readTextFile(file, true));
+  } catch (const std::runtime_error& error) {
+    throw std::runtime_error(file + ": " + error.what());
   }
 }
 
@@ -83,9 +131,12 @@ int serve(Settings settings) {
   if (!settings.answersFile.empty()) {
     settings.node.answers = valtor::readTextFile(settings.answersFile, true);
   }
-  setCallbacks(settings);
+  const std::unique_ptr<valtor::Scenario> scenario = loadScenario(settings.scenarioFile);
+  setCallbacks(settings, *scenario);
   const std::string address = settings.node.address + ":" + std::to_string(settings.node.port);
+  const auto report = settings.node.onEvent;
   valtor::MessageNode node(std::move(settings.node));
+  scenario->start(node, report);
   if (const std::error_code error = node.startListening()) {
     std::fprintf(stderr, "valtor-node: cannot listen on %s: %s\n", address.c_str(),
                  error.message().c_str());
@@ -104,6 +155,8 @@ int serve(Settings settings) {
 int main(int argc, char** argv) {
   valtor::initConsole();
   std::signal(SIGPIPE, SIG_IGN);
+  // In the background of a terminal it goes without commands, instead of being stopped.
+  std::signal(SIGTTIN, SIG_IGN);
   // What the stream parser has to say about broken frames is seen where the trace is.
   openlog("valtor-node", LOG_PERROR, LOG_USER);
   try {
