@@ -118,13 +118,13 @@ TEST(ScenarioTest, TheExampleRouterTakesARouteAndAnnouncesEachTake) {
     peer->sendPayload("[\"CMD\", \"route\", 101, 0, 0]\n{\"id\":\"1\",\"" + member + "\":[{}]}");
     return peer->readFrame();
   };
-  EXPECT_NE(ask("stat").find("\"source\":[1]"), std::string::npos);
+  EXPECT_NE(ask("stat").find("[4,[1]]"), std::string::npos);
   for (int i = 0; i < 2; ++i) {
     EXPECT_NE(ask("take").find("\"statusCode\":200"), std::string::npos);
     EXPECT_EQ(peer->readFrame().rfind("[\"NOT\", \"route\", 100, 0, 0]\n{\"id\":\"1@router\"", 0),
               0U);
   }
-  EXPECT_NE(ask("stat").find("\"source\":[12]"), std::string::npos);
+  EXPECT_NE(ask("stat").find("[4,[12]]"), std::string::npos);
 }
 
 TEST(ScenarioTest, TheExampleRouterFailsInEveryWayAndComesBack) {
