@@ -19,7 +19,7 @@ constexpr time_t kNoon2037 = 2130062400;  // 1 July 2037, 12:00 UTC
 
 // Zones and their offsets east of Greenwich; daylight saving is never taken into account.
 const std::pair<const char*, int> kZones[] = {
-    {"UTC0", 0}, {"XXX-5:30", 19800}, {"YYY11", -39600}, {"CET-1CEST,M3.5.0,M10.5.0/3", 3600}};
+    {"UTC0", 0}, {"IST-5:30", 19800}, {"YYY11", -39600}, {"CET-1CEST,M3.5.0,M10.5.0/3", 3600}};
 
 void setZone(const char* rule) {
   setenv("TZ", rule, 1);
