@@ -53,7 +53,14 @@ bool AbstractConnectionPointManagerPELClient::handleMasterState(
   if (role == nullptr) {
     return false;
   }
-  const std::error_code error = setSkipDatabase(std::string_view(role) == "standby");
+  std::error_code error;
+  try {
+    error = setSkipDatabase(std::string_view(role) == "standby");
+  } catch (...) {
+    // Whoever announced the role learns that it was not taken on; the log says why.
+    sendMessage(RSPMessage(message, 400));
+    throw;
+  }
   sendMessage(RSPMessage(message, error ? 400 : 200));
   return true;
 }

@@ -10,11 +10,12 @@
 
 namespace valtor {
 
-bool BusLink::open(UniqueDescriptor socket, int retryBudget,
-                   const std::function<std::vector<std::string>()>& firstFrames) {
+std::optional<std::vector<BusLink::SendResult>> BusLink::open(
+    UniqueDescriptor socket, int retryBudget,
+    const std::function<std::vector<std::string>()>& firstFrames) {
   const Locked lock(sendLock_);
   if (closing_) {
-    return false;
+    return std::nullopt;
   }
   socket_ = std::move(socket);
   descriptor_ = socket_.get();
@@ -22,17 +23,17 @@ bool BusLink::open(UniqueDescriptor socket, int retryBudget,
   ++number_;
   tail_.clear();
   state_ = 1;
+  std::vector<SendResult> results;
   for (const std::string& first : firstFrames()) {
-    // A failure here is a dead link, which the reader finds out at once.
-    write(first, retryBudget);
+    results.push_back(write(first, retryBudget));
   }
-  return true;
+  return results;
 }
 
 BusLink::SendResult BusLink::send(const std::string& frame, uint32_t link, int retryBudget) {
   const Locked lock(sendLock_);
   if (closing_ || state_ != 1 || number_ != link || !socket_.valid()) {
-    return {Send::NotConnected, 0, 0};
+    return {Send::NotConnected, 0, 0, 0};
   }
   return write(frame, retryBudget);
 }
@@ -45,6 +46,7 @@ BusLink::SendResult BusLink::write(const std::string& frame, int retryBudget) {
     tail_.erase(0, rest.sent);
     if (rest.outcome != Send::Sent) {
       rest.sent = 0;
+      rest.size = frame.size();
       return rest;
     }
   }
@@ -63,6 +65,7 @@ BusLink::SendResult BusLink::write(const std::string& frame, int retryBudget) {
 BusLink::SendResult BusLink::writeBytes(const char* data, std::size_t size, int& budget,
                                         int& fullCount) {
   SendResult result;
+  result.size = size;
   while (result.sent < size && budget > 0) {
     if (closing_) {
       result.outcome = Send::NotConnected;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,7 @@ class BusLink {
     Send outcome = Send::Sent;
     int error = 0;         // errno of a failed send
     std::size_t sent = 0;  // bytes of this frame that went out
+    std::size_t size = 0;  // bytes of this frame; 0 when none was tried
   };
 
   // The pause after every successful send, which paces a client to about a thousand frames a
@@ -43,10 +45,12 @@ class BusLink {
   BusLink() = default;
 
   // Takes the socket as the next link: number, state 1, no rest of an old frame, and then, still
-  // under the send lock, the frames that firstFrames returns, before anybody else's. False, and the
-  // socket is closed, while closing. firstFrames may take leaf locks only.
-  bool open(UniqueDescriptor socket, int retryBudget,
-            const std::function<std::vector<std::string>()>& firstFrames);
+  // under the send lock, the frames that firstFrames returns, before anybody else's. What became of
+  // each of these; nothing, and the socket is closed, while closing. firstFrames may take leaf
+  // locks only.
+  std::optional<std::vector<SendResult>> open(
+      UniqueDescriptor socket, int retryBudget,
+      const std::function<std::vector<std::string>()>& firstFrames);
 
   // Writes one frame if the given link still stands.
   SendResult send(const std::string& frame, uint32_t link, int retryBudget);

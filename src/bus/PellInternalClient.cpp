@@ -95,23 +95,20 @@ int PellInternalClient::sendConstMessage(const PellInternalMessage& message) {
 }
 
 int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourceConnID) {
-  BusLink::SendResult result{BusLink::Send::NotConnected, 0, 0};
-  std::size_t size = 0;
+  BusLink::SendResult result{BusLink::Send::NotConnected, 0, 0, 0};
   const uint32_t link = link_.number();
   if (isConnected()) {
-    const std::string framed = frame(message.encodeFrom(sourceConnID));
-    size = framed.size();
-    result = link_.send(framed, link, sendRetryBudget_);
+    result = link_.send(frame(message.encodeFrom(sourceConnID)), link, sendRetryBudget_);
   }
   if (result.outcome == BusLink::Send::NotConnected) {
     syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
     return 0;
   }
-  reportSendFailure(result, size);
+  reportSendFailure(result);
   return result.outcome == BusLink::Send::Sent ? 0 : -1;
 }
 
-void PellInternalClient::reportSendFailure(const BusLink::SendResult& result, std::size_t size) {
+void PellInternalClient::reportSendFailure(const BusLink::SendResult& result) {
   if (result.outcome == BusLink::Send::Failed) {
     syslog(LOG_ERR, "%s send error (fd=%d, %s) : %s\n",
            "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
@@ -119,9 +116,9 @@ void PellInternalClient::reportSendFailure(const BusLink::SendResult& result, st
   } else if (result.outcome == BusLink::Send::BudgetExhausted) {
     syslog(LOG_ERR,
            "const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zd)\n",
-           static_cast<int>(result.sent), static_cast<ssize_t>(size));
+           static_cast<int>(result.sent), static_cast<ssize_t>(result.size));
     std::printf("const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zu)\n",
-                static_cast<int>(result.sent), size);
+                static_cast<int>(result.sent), result.size);
   }
 }
 
@@ -250,16 +247,27 @@ int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
 bool PellInternalClient::openLink(UniqueDescriptor socket) {
   const int on = 1;
   setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  // Built before the send lock is taken: derived classes take locks of their own for it.
+  // Built before the send lock is taken: derived classes take locks of their own for it. The id is
+  // asked for each message, as in sendMessage.
+  const SETMessage loginMessage("system.connection", buildLoginParameters());
+  const std::string login = frame(loginMessage.encodeFrom(getConnID()));
   const int connID = getConnID();
-  const std::string login =
-      frame(SETMessage("system.connection", buildLoginParameters()).encodeFrom(connID));
   subscriptionsUnsent_ = false;
-  return link_.open(std::move(socket), sendRetryBudget_, [&] {
+  const auto results = link_.open(std::move(socket), sendRetryBudget_, [&] {
     // Read under the send lock: whoever adds a path later finds the link standing and sends it.
     const SETMessage list("system.connection", subscribeObject(subscriptions()));
     return std::vector<std::string>{login, frame(list.encodeFrom(connID))};
   });
+  if (!results) {
+    return false;
+  }
+  for (const BusLink::SendResult& result : *results) {
+    reportSendFailure(result);
+  }
+  if (results->back().outcome != BusLink::Send::Sent) {
+    subscriptionsUnsent_ = true;
+  }
+  return true;
 }
 
 bool PellInternalClient::startThreads() {

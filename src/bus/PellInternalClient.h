@@ -165,7 +165,7 @@ class PellInternalClient : public IPellInternalClient {
   JSONPtr subscribeObject(const std::vector<std::string>& paths) const;
   JSONPtr moduleReadyObject();
   int sendAs(const PellInternalMessage& message, int32_t sourceConnID);
-  void reportSendFailure(const BusLink::SendResult& result, std::size_t size);
+  void reportSendFailure(const BusLink::SendResult& result);
   bool startThreads() VALTOR_REQUIRES(lifecycle_);
   void stopThreads(const char* reason) VALTOR_REQUIRES(lifecycle_);
   void beginClosing();

@@ -181,6 +181,9 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::findAndUnmark(
 
 std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::addOrUpdateConnectionPoint(
     std::unique_ptr<ConnectionPoint> connectionPoint) {
+  if (!isTypeSupported(connectionPoint->getType())) {
+    return nullptr;
+  }
   std::shared_ptr<ConnectionPoint> existing = merge(std::move(connectionPoint));
   if (!existing) {
     writeIncomingClientConnections(false);
@@ -190,9 +193,6 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::addOrUpdateConn
 
 std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::merge(
     std::unique_ptr<ConnectionPoint> connectionPoint) {
-  if (!isTypeSupported(connectionPoint->getType())) {
-    return nullptr;
-  }
   // Found and unmarked in one step: between two the cleanup thread could purge it.
   std::shared_ptr<ConnectionPoint> existing = findAndUnmark(connectionPoint->getUniqueID());
   if (!existing) {
@@ -211,22 +211,26 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::merge(
 }
 
 void AbstractConnectionPointManager::addConnectionPoints(ConnectionPointList connectionPoints) {
+  bool added = false;
   for (auto& connectionPoint : connectionPoints) {
-    merge(std::move(connectionPoint));
+    added = merge(std::move(connectionPoint)) == nullptr || added;
   }
   // Once for all: a list may be long, and the file holds the whole set.
-  writeIncomingClientConnections(false);
+  if (added) {
+    writeIncomingClientConnections(false);
+  }
 }
 
 void AbstractConnectionPointManager::mergeConnectionPoints(const cJSON* array) {
+  bool added = false;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, array) {
     std::unique_ptr<ConnectionPoint> connectionPoint = createSupported(element);
     if (connectionPoint) {
-      merge(std::move(connectionPoint));
+      added = merge(std::move(connectionPoint)) == nullptr || added;
     }
   }
-  if (array != nullptr) {
+  if (added) {
     writeIncomingClientConnections(false);
   }
 }

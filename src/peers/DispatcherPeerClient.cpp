@@ -78,6 +78,11 @@ void DispatcherPeerClient::noteDatabaseRequest(const PellInternalMessage& messag
   dbRequestHost_ = std::move(host);
 }
 
+void DispatcherPeerClient::forgetDatabaseRequest() {
+  const Locked lock(dbRequestHostLock_);
+  dbRequestHost_.clear();
+}
+
 std::string DispatcherPeerClient::dbRequestHost() const {
   const Locked lock(dbRequestHostLock_);
   return dbRequestHost_;

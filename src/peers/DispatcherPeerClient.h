@@ -74,6 +74,8 @@ class DispatcherPeerClient : public PellInternalClient, public AbstractJSONBacke
 
   // The host whose database request was forwarded last, "" when there was none.
   std::string dbRequestHost() const;
+  // For whoever leads the client to another place, where nobody has asked yet.
+  void forgetDatabaseRequest();
 
  private:
   using PhyList = std::vector<std::unique_ptr<ConnectionPointPhy>>;

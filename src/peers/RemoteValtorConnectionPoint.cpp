@@ -85,6 +85,7 @@ bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, co
     // Its threads may still be trying the old place.
     peer.disconnect();
     peer.setEndpoint(phy.getIPAddress(), phy.getPort());
+    peer.forgetDatabaseRequest();
   }
   peer.setForwarder(forwarder());
   peer.connect();

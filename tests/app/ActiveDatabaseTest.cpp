@@ -80,7 +80,7 @@ TEST_F(ActiveDatabaseTest, ABrokenFileLeavesAManagerWithoutConnectionPoints) {
         Case{"nested", text(std::string(1500, '[') + std::string(1500, ']')), "not JSON: "},
         Case{"no object", text("[]"), "not a JSON object: "},
         Case{"no list", text("{\"connectionPoint\":{}}"), "no array \"connectionPoint\": "},
-        Case{"folder", [&] { fs::create_directory(path); }, "error while opening file: "},
+        Case{"folder", [&] { fs::create_directory(path); }, "error while reading file: "},
         Case{"unreadable", [&] { fs::create_symlink(path, path); },
              "error while opening file: "}}) {
     fs::remove_all(path);

@@ -75,6 +75,14 @@ TEST(BusLink, FirstFramesPrecedeEverythingAndOldLinksAreRefused) {
   EXPECT_EQ(link.send("new", 2, 100).outcome, BusLink::Send::Sent);
   EXPECT_EQ(drain(two.far), "loginlistnew");
   EXPECT_EQ(drain(one.far), "");
+
+  Pair dead;
+  dead.far.reset();
+  const auto results =
+      link.open(std::move(dead.near), 100, [] { return std::vector<std::string>{"login"}; });
+  ASSERT_TRUE(results && results->size() == 1);
+  EXPECT_EQ(results->front().outcome, BusLink::Send::Failed);
+  EXPECT_EQ(results->front().error, EPIPE);
 }
 
 }  // namespace

@@ -58,7 +58,9 @@ class InterfaceClientTest : public testing::Test {
     timing.reconnectDelay = std::chrono::milliseconds(20);
     client->setTiming(timing);
     client->setDatabaseLoader([this](ValtorInterfaceClient& owner) {
-      ++loads_;
+      if (++loads_ == failingLoad_) {
+        throw std::runtime_error("no database");
+      }
       owner.addHandler(std::make_unique<RecordingHandler>(record_, "device"));
     });
     return client;
@@ -82,6 +84,7 @@ class InterfaceClientTest : public testing::Test {
   test::ScriptedNode node_;
   HandlerRecord record_;
   std::atomic<int> loads_{0};
+  int failingLoad_ = 0;
   std::string first_[3];
 };
 
@@ -149,6 +152,15 @@ TEST_F(InterfaceClientTest, StandbyDropsTheHandlersAndAnyOtherRoleLoadsTheDataba
     EXPECT_EQ(record_.alive, step.alive) << step.role;
     EXPECT_EQ(loads_, step.loads) << step.role;
   }
+  // What could not be loaded is refused, and tried again with the next announcement.
+  failingLoad_ = 3;
+  const std::pair<const char*, const char*> answers[] = {
+      {"standby", "200"}, {"active", "400"}, {"active", "200"}};
+  for (const auto& [role, status] : answers) {
+    announceRole(*peer, role);
+    EXPECT_NE(peer->readFrame().find(std::string("\"statusCode\":") + status), std::string::npos);
+  }
+  EXPECT_EQ(record_.alive, 1);
   // A message without the state, or with one that is no string, goes to the handlers.
   peer->sendPayload("[\"SET\", \"system\", 2, 0, 0]\n{\"param\":{\"mdxMasterState\":1}}");
   peer->sendPayload("[\"RSP\", \"system\", 2, 0, 0]\nno json");

@@ -1,6 +1,7 @@
 #include <string>
 
 #include "peers/RemoteRouters.h"
+#include "support/ConsoleCapture.h"
 
 namespace valtor::test {
 namespace {
@@ -90,12 +91,20 @@ TEST_F(RemoteValtorConnectionPointTest, ARefusedDescriptionSweepsInASetAndLeaves
 
 TEST_F(RemoteValtorConnectionPointTest, FollowsARouterThatMoves) {
   ScriptedNode away("127.0.0.3");
+  peer()->onMessage(received("[\"GET\", \"db\", 100, 0, 0]\n{\"id\":\"1@2.there\"}"));
+  ASSERT_EQ(peer()->dbRequestHost(), "there");
   bus_.clear();
+  const ConsoleCapture console;
   EXPECT_EQ(put(away), point_);
   EXPECT_TRUE(comesUp(*point_));
   EXPECT_TRUE(link_->waitForHangUp());
   EXPECT_NE(away.accept()->readFrame().find("login"), std::string::npos);
   EXPECT_EQ(peerCount(), 1U);
+  // For the login's body, the login and the subscriptions.
+  const std::string line = "DispatcherPeerClient needs ID\n";
+  EXPECT_TRUE(console.contains(line + line + line));
+  EXPECT_FALSE(console.contains(line + line + line + line));
+  EXPECT_EQ(peer()->dbRequestHost(), "");
 }
 
 TEST_F(RemoteValtorConnectionPointTest, EveryMessageGoesToTheRoutersWhoseFilterPassesIt) {

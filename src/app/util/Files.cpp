@@ -47,10 +47,11 @@ void writeAll(int descriptor, const std::string& content, const std::string& pat
 }  // namespace
 
 std::string readTextFile(const std::string& path, bool keepNewlines) {
-  // Looked at first: opening a pipe that nobody writes would wait for ever.
+  // Looked at first: opening a pipe that nobody writes would wait for ever. A folder opens, and
+  // then cannot be read.
   struct stat status {};
   std::ifstream file;
-  if (stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode)) {
+  if (stat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
     file.open(path);
   }
   if (!file.is_open()) {
