@@ -38,8 +38,12 @@ function(valtor_install_manual component page)
 endfunction()
 
 install(TARGETS valtor-remote RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT daemon)
-install(FILES "${packaging}/valtor-remote.service" DESTINATION "${VALTOR_UNIT_DIR}"
+configure_file("${packaging}/valtor-remote.service.in" "${CMAKE_BINARY_DIR}/valtor-remote.service"
+               @ONLY)
+install(FILES "${CMAKE_BINARY_DIR}/valtor-remote.service" DESTINATION "${VALTOR_UNIT_DIR}"
         COMPONENT daemon)
+install(FILES "${packaging}/valtor-remote.tmpfiles" DESTINATION lib/tmpfiles.d
+        RENAME valtor-remote.conf COMPONENT daemon)
 install(DIRECTORY "${packaging}/examples"
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/valtor-remote" COMPONENT daemon)
 install(FILES docs/operating.md docs/bridging.md docs/bus-protocol.md
@@ -86,6 +90,10 @@ set(CPACK_DEBIAN_PACKAGE_MAINTAINER
 set(CPACK_DEBIAN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# That of the compiler, not of the machine that builds.
+execute_process(
+  COMMAND dpkg-architecture -t "${CMAKE_LIBRARY_ARCHITECTURE}" -qDEB_HOST_ARCH
+  OUTPUT_VARIABLE CPACK_DEBIAN_PACKAGE_ARCHITECTURE OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME valtor-remote)
