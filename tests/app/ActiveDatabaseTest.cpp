@@ -4,8 +4,8 @@
 
 #include "app/ActiveDatabase.h"
 #include "app/util/OwnedJSON.h"
+#include "bus/BusSupport.h"
 #include "bus/ValtorInterfaceClient.h"
-#include "peers/MasterBus.h"
 #include "support/BridgeSite.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryFolder.h"
