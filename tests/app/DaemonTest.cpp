@@ -90,38 +90,19 @@ TEST_F(DaemonTest, StartUpTriesTheBusInstallsThePeerManagerAndThenLoadsTheDataba
   std::filesystem::remove(paths().databaseDirectory + "activeDatabase.json");
   (*site.controller)->stopListening();
   startDaemon();
-  std::string order;
+  std::string all;
   for (const LogLine& line : log.lines()) {
-    for (const char* part : {"connect error", "active database", "DB connectionPoints"}) {
-      order += line.text.find(part) != std::string::npos ? std::string(part) + "," : "";
-    }
+    all += line.text;
   }
-  EXPECT_EQ(order.rfind("connect error,", 0), 0U) << order;
-  EXPECT_LT(order.find("active database,"), order.find("DB connectionPoints,")) << order;
-  EXPECT_NE(order.find("DB connectionPoints,"), std::string::npos) << order;
+  const std::size_t database = all.find("active database");
+  EXPECT_LT(all.find("connect error"), database) << all;
+  EXPECT_LT(database, all.find("DB connectionPoints")) << all;
+  EXPECT_EQ(log.countContaining("DB connectionPoints"), 1);
   EXPECT_NE(routerPeerManager(), nullptr);
   EXPECT_FALSE(daemon->client().hasNoHandlers());
   (*site.controller)->startListening();  // the client comes by itself, with what it offers by now
   EXPECT_TRUE(BridgeSite::becomesLinked(*site.controller));
   EXPECT_EQ(site.controller->countEvents("name=valtorRemote id=101 interface=[{"), 1U);
-}
-
-TEST_F(DaemonTest, BytesCrossTheBridgeUnchangedBothWays) {
-  startDaemon();
-  ASSERT_TRUE(site.becomesComplete());
-  int number = 0;
-  for (
-      const std::string& body : std::vector<std::string>{
-          "{ \"id\" :\t\"spaced\" ,\r\n \"list\":[ 1 ,2 ] }  ", "no JSON at all", "",
-          R"({"big":12345678901234567890123,"small":-0.0,"exp":1E+2,"long":0.1000000000000000001})",
-          R"({"text":"\u00e9\ud83d\ude00 \/ é","text":"twice","Text":null})",
-          "{\"tail\":1} and more", std::string(300000, ' ') + "[]"}) {
-    const std::string rest = std::to_string(++number) + ", 0]\n" + body;
-    EXPECT_TRUE(
-        BridgeSite::crosses(*site.controller, *site.alpha, R"(["CMD", "route", 490, )" + rest));
-    EXPECT_TRUE(
-        BridgeSite::crosses(*site.alpha, *site.controller, R"(["RSP", "route", 100, )" + rest));
-  }
 }
 
 TEST_F(DaemonTest, EverythingEndsWhileTrafficFlowsBothWays) {
@@ -142,14 +123,6 @@ TEST_F(DaemonTest, EverythingEndsWhileTrafficFlowsBothWays) {
     daemon.reset();
     stop = true;
     traffic.join();
-    endDaemon();
-  }
-}
-
-TEST_F(DaemonTest, BuiltStartedAndDestroyedManyTimesItLeavesNothing) {
-  for (int round = 0; round < 20; ++round) {
-    startDaemon(round % 4 == 3);
-    EXPECT_TRUE(round % 2 == 1 || site.becomesComplete());
     endDaemon();
   }
 }
@@ -188,7 +161,6 @@ TEST_F(DaemonTest, StandbyWhileLinksAreStillConnecting) {
   site.startController("standby");
   startDaemon(true);
   ASSERT_TRUE(eventually([&] { return site.answeredRoles() == 1; }));
-  EXPECT_EQ(log.countContaining("Add ConnectionPoint"), 0);
   EXPECT_TRUE(holdsNothing());
   for (int round = 0; round < repetitions(kRounds); ++round) {
     site.controller->forget();
