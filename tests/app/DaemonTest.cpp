@@ -27,7 +27,7 @@ class DaemonTest : public testing::Test {
  protected:
   DaemonTest() {
     folder.becomePathPrefix();
-    listRouters();
+    writeActiveDatabase(site.alphaEntry() + "," + site.betaEntry());
   }
   void TearDown() override {
     if (HasFailure()) {
@@ -35,7 +35,6 @@ class DaemonTest : public testing::Test {
     }
   }
 
-  void listRouters() { writeActiveDatabase(site.alphaEntry() + "," + site.betaEntry()); }
   void startDaemon(bool skipDatabase = false) {
     daemon = std::make_unique<Daemon>(skipDatabase, "127.0.0.1", site.controller->port());
     daemon->start();

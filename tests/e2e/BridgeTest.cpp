@@ -5,17 +5,15 @@
 namespace valtor::test {
 namespace {
 
-class BridgeTest : public EndToEndTest {
- protected:
-  static std::size_t countHolding(const RunningNode& node, const std::string& part) {
-    return node.countPassed(
-        [&](const PassedMessage& one) { return one.payload->find(part) != std::string::npos; });
-  }
-};
+using BridgeTest = EndToEndTest;
 
 TEST_F(BridgeTest, LinkUpRequestsGoToTheControllerAndTheirAnswersToTheRouter) {
   writeActiveDatabase(site.alphaEntry());
   startDaemon();
+  const auto countHolding = [](const RunningNode& node, const std::string& part) {
+    return node.countPassed(
+        [&](const PassedMessage& one) { return one.payload->find(part) != std::string::npos; });
+  };
   for (const char* answer :
        {R"("param":{"logicalSources":[11],"logicalDests":[12]})", R"("param":{"stat":[13]})"}) {
     EXPECT_TRUE(eventually([&] { return countHolding(*site.alpha, answer) > 0; })) << answer;
@@ -66,32 +64,11 @@ TEST_F(BridgeTest, WithoutStandardStreamsOrAReaderOfTheConsoleItServesAllTheSame
 }
 
 TEST_F(BridgeTest, WhatARuleBlocksIsPrintedWithTheRulesName) {
-  const auto prints = [this](const std::string& text) {
-    return eventually([&] { return daemon->out().find(text) != std::string::npos; });
-  };
   startComplete();
-  // From now on alpha expects database answers for this host only.
-  EXPECT_TRUE(BridgeSite::crosses(*site.alpha, *site.controller,
-                                  "[\"GET\", \"db\", 100, 0, 0]\n{\"id\":\"7@1.001122\"}"));
-  const struct {
-    RunningNode& bus;
-    std::string direction, header, body, rule;
-  } cases[] = {
-      {*site.controller, "master->peer", R"(["NOT", "system", 489, 100, 0])", "{}",
-       "isSystemMessage"},
-      {*site.controller, "master->peer", R"(["RSP", "db", 100, 0, 0])", R"({"id":"7@1.334455"})",
-       "isDatabaseRSPForMe"},
-      {*site.alpha, "peer->master", R"(["GET", "route", 2, 0, 0])", "{}", "reqIDSupported"}};
-  for (const auto& [bus, direction, header, body, rule] : cases) {
-    bus->injectPayload(header + "\n" + body);
-    EXPECT_TRUE(prints("\t" + direction + " filter blocked " + header + " (rule:" + rule + ")\n"))
-        << header;
-  }
-  EXPECT_TRUE(BridgeSite::crosses(*site.controller, *site.alpha,
-                                  "[\"RSP\", \"db\", 100, 0, 0]\n{\"id\":\"7@1.001122\"}"));
-  EXPECT_TRUE(BridgeSite::crosses(*site.controller, *site.alpha,
-                                  "[\"SET\", \"system\", 490, 100, 0]\n{ \"a\": 1 }"));
-  EXPECT_TRUE(prints("\tPassed System Message: {\"a\":1}\n"));
+  const std::string header = R"(["GET", "route", 2, 0, 0])";
+  (*site.alpha)->injectPayload(header + "\n{}");
+  const std::string line = "\tpeer->master filter blocked " + header + " (rule:reqIDSupported)\n";
+  EXPECT_TRUE(eventually([&] { return daemon->out().find(line) != std::string::npos; }));
 }
 
 }  // namespace

@@ -30,31 +30,30 @@ class ValtorBusTest : public ::testing::Test {
     ASSERT_TRUE(eventually([&] { return node.countEvents("SUBSCRIBE") >= count; }));
   }
 
-  // The next message of the kind that a tool sent.
-  PassedMessage nextSent(MessageKind kind) {
-    const auto isNext = [&] {
+  // The next message that a tool sent after its login.
+  PassedMessage nextSent() {
+    EXPECT_TRUE(eventually([&] {
       const auto all = node.passed();
       while (looked < all.size()) {
-        const PassedMessage& one = all[looked++];
-        if (one.kind == kind && one.path != "system.connection") {
-          last = one;
+        last = all[looked++];
+        if (last.from == "valtor-bus" && last.path != "system.connection") {
           return true;
         }
       }
       return false;
-    };
-    EXPECT_TRUE(eventually(isNext));
+    }));
     return last;
   }
 
-  // The body behind its identifier.
-  static std::string members(const PassedMessage& message) {
-    return std::string(message.body().substr(message.body().find(',') + 1));
+  // The kind of the last message, and its body behind its identifier.
+  std::string sent() const {
+    const auto body = last.body();
+    return kindName(last.kind) + std::string(" ").append(body.substr(body.find(',') + 1));
   }
 
   // Answers a tool's next message as connection 101; the text stands behind the identifier.
-  void answerNext(MessageKind kind, const std::string& text) {
-    const PassedMessage sent = nextSent(kind);
+  void answerNext(const std::string& text) {
+    const PassedMessage sent = nextSent();
     const std::string identifier(sent.body().substr(0, sent.body().find(',')));
     node->inject(101, "RSP", sent.path, sent.source, identifier + "," + text + "}");
   }
@@ -100,66 +99,60 @@ TEST_F(ValtorBusTest, WatchPrintsForScriptsAndFailsWhenTooLittleCame) {
 
 TEST_F(ValtorBusTest, GetCollectsTheAnswersAndReportsARefusal) {
   const auto get = start({"get", "a", "b", "--timeout", "60"});
-  answerNext(MessageKind::GET, "\"param\":{\"b\":[1]}");
-  EXPECT_EQ(members(last), R"("param":{"objectName":["a","b"]},"objectName":["a","b"]})");
+  answerNext("\"param\":{\"b\":[1]}");
+  EXPECT_EQ(sent(), R"(GET "param":{"objectName":["a","b"]},"objectName":["a","b"]})");
   node->inject(101, "RSP", "device", last.source, R"({"id":"other","param":{"a":0}})");
   node->inject(101, "RSP", "device", last.source,
                std::string(last.body().substr(0, last.body().find(','))) + ",\"param\":{\"a\":2}}");
   EXPECT_EQ(get->wait(), 0);
   EXPECT_EQ(get->out(), "{\n\t\"b\":\t[1],\n\t\"a\":\t2\n}\n");
   const auto refused = start({"get", "a", "--timeout", "60"});
-  answerNext(MessageKind::GET, "\"statusCode\":404,\"statusMsg\":\"Not Found\"");
+  answerNext("\"statusCode\":404,\"statusMsg\":\"Not Found\"");
   EXPECT_EQ(refused->wait(), 1);
   EXPECT_EQ(refused->err(),
             "valtor-bus: GET on \"device\" was refused by connection 101: 404 Not Found\n");
 }
 
 TEST_F(ValtorBusTest, ChangesAndRoutesCarryTheirBodiesAndPrintTheAnswer) {
+  const std::string ok = R"("statusCode":200)";
   const struct {
     Texts arguments;
-    MessageKind kind;
-    std::string members;
-    std::string answer;
-    std::string out;
+    std::string sent, answer, out;
   } cases[] = {
-      {{"set", "{\"a\": 12345678901234567890}"},
-       MessageKind::SET,
-       R"("param":{"a":12345678901234567890}})",
-       R"("statusCode":200)",
+      {{"set", R"({"a": 12345678901234567890})"},
+       R"(SET "param":{"a":12345678901234567890}})",
+       ok,
        "200\n"},
       {{"update", "a=1", "b=x y"},
-       MessageKind::UPDATE,
-       R"("param":{"a":1,"b":"x y"}})",
+       R"(UPDATE "param":{"a":1,"b":"x y"}})",
        R"("statusCode":201,"statusMsg":"Created")",
        "201 Created\n"},
-      {{"set", "-"}, MessageKind::SET, R"("param":{"from":"input"}})", R"("x":1)", "RSP\n"},
+      {{"set", "-"}, R"(SET "param":{"from":"input"}})", R"("x":1)", "RSP\n"},
       {{"del", "--base", "point", "a", "b"},
-       MessageKind::DEL,
-       R"("objectBase":"point","objectName":["a","b"]})",
-       R"("statusCode":200)",
+       R"(DEL "objectBase":"point","objectName":["a","b"]})",
+       ok,
        "200\n"},
       {{"route", "take", "--dest", "1-2", "--level", "0,2-3", "--source", "7,8,9"},
-       MessageKind::CMD,
-       R"("take":[{"level":[0,2,3],"status":[[1,[7,8,9]],[2,[7,8,9]]]}],"userID":0})",
-       R"("statusCode":200)",
+       R"(CMD "take":[{"level":[0,2,3],"status":[[1,[7,8,9]],[2,[7,8,9]]]}],"userID":0})",
+       ok,
        "200\n"},
       {{"route", "query", "--dest", "2,5,1", "--level", "0-1"},
-       MessageKind::CMD,
-       R"("stat":[{"level":[0,1],"destRange":[1,2]},{"level":[0,1],"destRange":[5,5]}],"userID":0})",
+       R"(CMD "stat":[{"level":[0,1],"destRange":[1,2]},{"level":[0,1],"destRange":[5,5]}],"userID":0})",
        R"("param":{"stat":[{"level":[0,1],"status":[[1,[7]],[2,[8,9]]]}]})",
        "destination 1 level 0 source 7\ndestination 1 level 1 source 7\n"
        "destination 2 level 0 source 8\ndestination 2 level 1 source 9\n"},
   };
-  for (auto one : cases) {
-    one.arguments.insert(one.arguments.end(), {"--timeout", "60"});
-    const auto tool = start(one.arguments, "{\"from\":\"input\"}");
-    answerNext(one.kind, one.answer);
-    EXPECT_EQ(members(last), one.members);
+  for (const auto& one : cases) {
+    Texts arguments = one.arguments;
+    arguments.insert(arguments.end(), {"--timeout", "60"});
+    const auto tool = start(arguments, R"({"from":"input"})");
+    answerNext(one.answer);
+    EXPECT_EQ(sent(), one.sent);
     EXPECT_EQ(tool->wait(), 0);
     EXPECT_EQ(tool->out(), one.out);
   }
   EXPECT_EQ(start({"send", "NOT", "device", "{\"id\":\"mine\"}", "--dest", "5"})->wait(), 0);
-  EXPECT_EQ(nextSent(MessageKind::NOT).destination, 5);
+  EXPECT_EQ(nextSent().destination, 5);
   EXPECT_EQ(last.body(), "{\"id\":\"mine\"}");
 }
 
@@ -171,8 +164,8 @@ std::string point(const std::string& uniqueID, bool connected) {
 
 TEST_F(ValtorBusTest, StatusChecksAndFollowsTheConnectionPoints) {
   const auto check = start({"status", "--check", "--timeout", "60"});
-  answerNext(MessageKind::GET, "\"param\":{\"serverConnectionPoint\":[" + point("r1", true) + "]}");
-  answerNext(MessageKind::GET, "\"param\":{\"connectionPoint\":[" + point("r2", false) + "]}");
+  answerNext(R"("param":{"serverConnectionPoint":[)" + point("r1", true) + "]}");
+  answerNext(R"("param":{"connectionPoint":[)" + point("r2", false) + "]}");
   EXPECT_EQ(check->wait(), 1);
   EXPECT_EQ(check->out(),
             "CRITICAL: 1 of 2 enabled connection points connected; "
@@ -180,12 +173,12 @@ TEST_F(ValtorBusTest, StatusChecksAndFollowsTheConnectionPoints) {
   const auto silent = start({"status", "--check", "--timeout", "0.1"});
   EXPECT_EQ(silent->wait(), 1);
   EXPECT_EQ(silent->out().rfind("UNKNOWN: no answer to GET on \"device\"", 0), 0U);
-  nextSent(MessageKind::GET);
-  nextSent(MessageKind::GET);
+  nextSent();
+  nextSent();
 
   const auto watch = start({"status", "--watch", "--timeout", "60"});
-  nextSent(MessageKind::GET);  // who has no server connection points does not answer this one
-  answerNext(MessageKind::GET, "\"param\":{\"connectionPoint\":[" + point("r1", true) + "]}");
+  nextSent();  // who has no server connection points does not answer this one
+  answerNext(R"("param":{"connectionPoint":[)" + point("r1", true) + "]}");
   const auto shows = [&](const std::string& text) {
     return eventually([&] { return watch->out().find(text) != std::string::npos; });
   };
