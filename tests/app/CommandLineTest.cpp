@@ -17,21 +17,18 @@ namespace {
 constexpr int kQuiet = LOG_UPTO(LOG_INFO);
 constexpr int kVerbose = LOG_UPTO(LOG_DEBUG);
 
-bool follow(std::vector<std::string> arguments) {
+bool follow(std::vector<const char*> arguments) {
   arguments.insert(arguments.begin(), "valtor-remote");
-  std::vector<char*> argv;
-  for (std::string& argument : arguments) {
-    argv.push_back(argument.data());
-  }
-  argv.push_back(nullptr);
+  arguments.push_back(nullptr);
   optind = 0;  // a new command line for getopt
   setlogmask(kQuiet);
-  return followCommandLine(static_cast<int>(arguments.size()), argv.data());
+  return followCommandLine(static_cast<int>(arguments.size()) - 1,
+                           const_cast<char* const*>(arguments.data()));
 }
 
 TEST(CommandLine, OptionsCountInAnyOrderAndWhatIsUnknownIsIgnored) {
   const struct {
-    std::vector<std::string> arguments;
+    std::vector<const char*> arguments;
     bool skipsDatabase;
     int mask;
   } cases[] = {{{}, false, kQuiet},

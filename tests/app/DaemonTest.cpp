@@ -1,19 +1,16 @@
-#include <arpa/inet.h>
 #include <atomic>
 #include <gtest/gtest.h>
 #include <numeric>
-#include <poll.h>
-#include <sys/socket.h>
 #include <thread>
 
 #include "app/Daemon.h"
-#include "app/util/UniqueDescriptor.h"
 #include "bus/ValtorInterfaceClient.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "support/BridgeSite.h"
 #include "support/ConsoleCapture.h"
 #include "support/LogCapture.h"
 #include "support/Repeat.h"
+#include "support/ScriptedNode.h"
 #include "support/TemporaryFolder.h"
 
 namespace valtor::test {
@@ -126,35 +123,26 @@ TEST_F(DaemonTest, EverythingEndsWhileTrafficFlowsBothWays) {
   }
 }
 
-// A port whose listener's queue is full: attempts to connect to it hang.
-class HangingPort {
- public:
-  explicit HangingPort(const char* address) : listener_(socket(AF_INET, kKind, 0)) {
-    name_.sin_family = AF_INET;
-    inet_pton(AF_INET, address, &name_.sin_addr);
-    socklen_t size = sizeof name_;
-    EXPECT_EQ(bind(listener_.get(), general(), size), 0);
-    EXPECT_EQ(listen(listener_.get(), 0), 0);
-    EXPECT_EQ(getsockname(listener_.get(), general(), &size), 0);
-    pollfd entry{-1, POLLOUT, 0};
-    do {
-      entry.fd = fillers_.emplace_back(socket(AF_INET, kKind, 0)).get();
-      static_cast<void>(connect(entry.fd, general(), size));  // whether it hangs is the question
-    } while (poll(&entry, 1, 100) > 0);
-  }
-  int port() const { return ntohs(name_.sin_port); }
-
- private:
-  static constexpr int kKind = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
-  sockaddr* general() { return static_cast<sockaddr*>(static_cast<void*>(&name_)); }
-
-  UniqueDescriptor listener_;
-  sockaddr_in name_{};
-  std::vector<UniqueDescriptor> fillers_;
-};
+// Fills the queue of a node that never accepts: further attempts to connect to it hang.
+std::vector<UniqueDescriptor> fillQueue(const ScriptedNode& node) {
+  sockaddr_in name{};
+  name.sin_family = AF_INET;
+  name.sin_port = htons(static_cast<uint16_t>(node.port()));
+  name.sin_addr.s_addr = inet_addr(node.address().c_str());
+  std::vector<UniqueDescriptor> fillers;
+  pollfd entry{-1, POLLOUT, 0};
+  do {
+    fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    entry.fd = fillers.back().get();
+    // Whether it hangs is the question.
+    static_cast<void>(connect(entry.fd, reinterpret_cast<sockaddr*>(&name), sizeof name));
+  } while (poll(&entry, 1, 100) > 0);
+  return fillers;
+}
 
 TEST_F(DaemonTest, StandbyWhileLinksAreStillConnecting) {
-  HangingPort hanging("127.0.0.4");
+  const ScriptedNode hanging("127.0.0.4");
+  const auto fillers = fillQueue(hanging);
   writeActiveDatabase(site.alphaEntry() + "," + routerEntry("hangs", "127.0.0.4", hanging.port()) +
                       "," + routerEntry("refused", "127.0.0.5", 1));
   site.startController("standby");

@@ -1,13 +1,10 @@
 #include <gtest/gtest.h>
 
+#include "bus/PellInternalStreamParser.h"
 #include "e2e/EndToEnd.h"
 
 namespace valtor::test {
 namespace {
-
-std::string framed(const std::string& payload) {
-  return std::to_string(payload.size()) + ":" + payload + ";";
-}
 
 class BrokenInputTest : public EndToEndTest {
  protected:
@@ -26,19 +23,18 @@ class BrokenInputTest : public EndToEndTest {
 
 TEST_F(BrokenInputTest, BrokenFramesAndHeadersAreSkipped) {
   startComplete();
-  const std::string cases[] = {
-      ":;:::;;2:{}?1:{};",
-      "4294967290:",
-      "99999999999999999999:",
-      std::string(100000, 'x'),
-      std::string("\x00\xff\x80:\x01;\n\x00", 8),
-      framed(std::string("[\"GET\", \"dev\0ice\", 1, 0, 0]\n{}", 30)),
-      framed(std::string("[\"SET\", \"device\", 1, 0, 0]\n{\0}", 30)),
-      framed("[\"GET\", \"" + std::string(70000, 'p') + "\", 1, 0, 0]\n{}"),
-      framed("") + framed("null\n{}") + framed(R"(["GET", "device", 4, 0)"),
-      framed("[\"GET\", \"device\", 1e300, null, 0]\n{\"id\":\"1\"}"),
-      framed("[\"GET\", \"device\", 4, 0, {\"x\":[]}]\n{\"id\":\"1\"}"),
-      framed("[\"GET\", \"device\", 4, 0, \"99:99:99\"]\n{\"id\":\"1\"}")};
+  const std::string cases[] = {":;:::;;2:{}?1:{};",
+                               "4294967290:",
+                               "99999999999999999999:",
+                               std::string(100000, 'x'),
+                               std::string("\x00\xff\x80:\x01;\n\x00", 8),
+                               frame(std::string("[\"GET\", \"dev\0ice\", 1, 0, 0]\n{}", 30)),
+                               frame(std::string("[\"SET\", \"device\", 1, 0, 0]\n{\0}", 30)),
+                               frame("[\"GET\", \"" + std::string(70000, 'p') + "\", 1, 0, 0]\n{}"),
+                               frame("") + frame("null\n{}") + frame(R"(["GET", "device", 4, 0)"),
+                               frame("[\"GET\", \"device\", 1e300, null, 0]\n{\"id\":\"1\"}"),
+                               frame("[\"GET\", \"device\", 4, 0, {\"x\":[]}]\n{\"id\":\"1\"}"),
+                               frame("[\"GET\", \"device\", 4, 0, \"99:99:99\"]\n{\"id\":\"1\"}")};
   for (const std::string& bytes : cases) {
     expectServiceAfter(bytes);
   }
@@ -68,7 +64,7 @@ TEST_F(BrokenInputTest, BodiesThatAreNoJSONOrOfWrongTypesHarmNothing) {
          {"[\"GET\", \"", "[\"UPDATE\", \"", "[\"DEL\", \"", "[\"RSP\", \""}) {
       std::string all;
       for (const std::string path : {"device", "system", "db", "device.x.y", ""}) {
-        all += framed(start + path + "\", 100, 0, 0]\n" + body);
+        all += frame(start + path + "\", 100, 0, 0]\n" + body);
       }
       expectServiceAfter(all);
     }
@@ -79,7 +75,7 @@ TEST_F(BrokenInputTest, BodiesThatAreNoJSONOrOfWrongTypesHarmNothing) {
   }
   for (const std::string start :
        {"[\"GET\", \"device\"", "[\"DEL\", \"device\"", "[\"RSP\", \"db\""}) {
-    expectServiceAfter(framed(start + ", 100, 0, 0]\n" + million + "]}"));
+    expectServiceAfter(frame(start + ", 100, 0, 0]\n" + million + "]}"));
   }
   expectLinksStand();
 }
@@ -87,7 +83,7 @@ TEST_F(BrokenInputTest, BodiesThatAreNoJSONOrOfWrongTypesHarmNothing) {
 TEST_F(BrokenInputTest, AFrameThatTheEndOfItsLinkCutsSpoilsNothingOnTheNext) {
   startComplete();
   const std::string whole =
-      framed("[\"GET\", \"device\", 490, 0, 0]\n{" + std::string(100000, ' ') + "}");
+      frame("[\"GET\", \"device\", 490, 0, 0]\n{" + std::string(100000, ' ') + "}");
   for (const std::size_t length : {std::size_t{1}, std::size_t{9}, std::size_t{60000}}) {
     for (RunningNode* bus : {site.controller.get(), site.alpha.get()}) {
       (*bus)->writeRaw(MessageNode::kEveryone, whole.substr(0, length));
