@@ -47,7 +47,7 @@ TEST_F(MessageIdentifierTest, UnreadableAddressGivesAStarAndOneWarning) {
 
 TEST_F(MessageIdentifierTest, ThreadsNeverGetTheSameIdentifier) {
   std::vector<std::string> made(2000);
-  const auto makeFrom = [&](std::size_t first) {
+  const auto makeFrom = [&](std::ptrdiff_t first) {
     std::generate_n(made.begin() + first, 1000, nextMessageIdentifier);
   };
   std::thread other(makeFrom, 0);
