@@ -1,5 +1,7 @@
 #include <atomic>
+#include <cerrno>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <stdexcept>
 #include <syslog.h>
 #include <thread>
@@ -7,6 +9,7 @@
 
 #include "BusSupport.h"
 #include "bus/PellInternalClient.h"
+#include "bus/SocketConnect.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/Repeat.h"
@@ -44,8 +47,12 @@ class TestBusClient : public PellInternalClient {
   }
   void onConnectionStateChanged(int state, const std::string& reason) override {
     states.add(std::to_string(state) + " " + reason);
+    if (hookFails.exchange(false)) {
+      throw std::runtime_error("cannot");
+    }
   }
 
+  std::atomic<bool> hookFails{false};
   test::Record paths;
   test::Record states;
 };
@@ -111,6 +118,39 @@ TEST_F(PellInternalClientTest, ASilentPeerGetsFiveKeepAlivesAndIsThenGivenUp) {
   EXPECT_THROW(peer->readFrame(), std::runtime_error);
   acceptLogin();
   EXPECT_EQ(client_.states.lines()[1], "0 no resp timeout");
+}
+
+TEST_F(PellInternalClientTest, APeerThatTakesNothingIsGivenUp) {
+  auto timing = client_.timing();
+  timing.stall = 1ms;
+  client_.setTiming(timing);
+  auto peer = connect();
+  const auto large = test::received(note("large") + std::string(1'000'000, ' '));
+  EXPECT_TRUE(eventually([&] {
+    client_.sendConstMessage(large);
+    return log_.countContaining("takes nothing. Closing.") == 1;
+  }));
+  acceptLogin();
+}
+
+TEST_F(PellInternalClientTest, AHookThatFailsInConnectLeavesNoLinkBehind) {
+  client_.hookFails = true;
+  EXPECT_THROW(client_.connect(), std::runtime_error);
+  EXPECT_FALSE(client_.isConnected());
+  EXPECT_TRUE(node_.accept()->waitForHangUp());
+  connect();
+}
+
+TEST(SocketConnect, ASocketThatMeetsItselfIsRefused) {
+  const UniqueDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in own{};
+  own.sin_family = AF_INET;
+  own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t size = sizeof own;
+  auto* const address = reinterpret_cast<sockaddr*>(&own);
+  ASSERT_EQ(bind(socket.get(), address, size), 0);
+  ASSERT_EQ(getsockname(socket.get(), address, &size), 0);
+  EXPECT_EQ(connectWithin(socket.get(), address, size, 3s, [] { return false; }), ECONNREFUSED);
 }
 
 TEST_F(PellInternalClientTest, AHandlerThatFailsCostsNoOtherMessage) {

@@ -63,6 +63,29 @@ TEST_F(BridgeTest, WithoutStandardStreamsOrAReaderOfTheConsoleItServesAllTheSame
   EXPECT_EQ(site.alpha->countEvents("ACCEPT"), 2U);
 }
 
+TEST_F(BridgeTest, ATraceThatNobodyReadsHoldsNothingUpAndSaysWhatIsMissing) {
+  startDaemon("", "3<>\"$(mkfifo trace; echo trace)\" >&3 2>&1");
+  ASSERT_TRUE(site.becomesComplete() && isServed());
+  const std::string path = daemon->folder().at("trace");
+  const UniqueDescriptor trace(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  std::filesystem::remove(path);
+  // Such a message is traced whole.
+  const std::string moreThanAPipeHolds(200'000, 'x');
+  EXPECT_TRUE(BridgeSite::crosses(
+      *site.controller, *site.alpha,
+      "[\"SET\", \"system\", 490, 100, 0]\n{\"pad\":\"" + moreThanAPipeHolds + "\"}"));
+  EXPECT_TRUE(commandReaches(*site.alpha));
+  std::string text;
+  EXPECT_TRUE(eventually([&] {
+    char bytes[4096];
+    for (ssize_t count = 1; (count = read(trace.get(), bytes, sizeof bytes)) > 0;) {
+      text.append(bytes, static_cast<std::size_t>(count));
+    }
+    return commandReaches(*site.beta) &&
+           text.find(" bytes of the trace are missing: nobody read them.\n") != std::string::npos;
+  }));
+}
+
 TEST_F(BridgeTest, WhatARuleBlocksIsPrintedWithTheRulesName) {
   startComplete();
   const std::string header = R"(["GET", "route", 2, 0, 0])";
