@@ -12,6 +12,7 @@
 
 #include "app/util/Console.h"
 #include "app/util/Files.h"
+#include "message-node/CannedAnswers.h"
 #include "message-node/MessageNode.h"
 #include "message-node/NodeCommands.h"
 #include "message-node/NodeTrace.h"
@@ -51,11 +52,13 @@ std::string footer() {
          "  \"note\": TEXT, shown when the step is done\n"
          "\n"
          "Examples:\n"
-         "  valtor-node --answers controller.json         a controller on 127.0.0.1:15000\n"
+         "  valtor-node --answers answers.json            a controller on 127.0.0.1:15000\n"
          "  valtor-node --listen 127.0.0.2                a router beside it\n"
          "  valtor-node --port 0 --role standby           a free port, which is printed\n"
          "  valtor-node --scenario failing-router.json    faults at their times\n"
          "  valtor-node --no-trace                        only connections and roles\n"
+         "What answers.json may hold:\n"
+         "  {\"db\": {\"logicalDests\": [{\"id\": 4, \"name\": \"Monitor 4\"}]}}\n"
          "A message typed in:\n"
          "  send 490 CMD route 0 {\"id\":\"1@panel\",\"take\":[{\"destination\":[4]}]}\n"
          "A scenario: a panel takes a route every 5 seconds, the first login is cut after 20\n"
@@ -72,6 +75,7 @@ void addOptions(CLI::App& app, Settings& settings) {
   app.add_option("-p,--port", settings.node.port, "TCP port to listen on; 0 takes any free one")
       ->capture_default_str();
   app.add_option("-r,--role", settings.node.role, "what \"mdxMasterState\" is at the start")
+      ->check([](const std::string& role) { return role.empty() ? "empty" : ""; })
       ->capture_default_str();
   app.add_option("-a,--answers", settings.answersFile, "JSON file with canned answers")
       ->check(CLI::ExistingFile);
@@ -103,12 +107,15 @@ void setCallbacks(Settings& settings, valtor::Scenario& scenario) {
   }
 }
 
-std::unique_ptr<valtor::Scenario> loadScenario(const std::string& file) {
+// What a JSON file describes; without a file nothing. What is wrong with it is told with its name.
+template <class Described>
+std::unique_ptr<Described> load(const std::string& file, std::string& text) {
   if (file.empty()) {
-    return std::make_unique<valtor::Scenario>();
+    return std::make_unique<Described>();
   }
+  text = valtor::readTextFile(file, true);
   try {
-    return std::make_unique<valtor::Scenario>(valtor::readTextFile(file, true));
+    return std::make_unique<Described>(text);
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(file + ": " + error.what());
   }
@@ -128,10 +135,9 @@ bool readCommands(valtor::MessageNode& node) {
 }
 
 int serve(Settings settings) {
-  if (!settings.answersFile.empty()) {
-    settings.node.answers = valtor::readTextFile(settings.answersFile, true);
-  }
-  const std::unique_ptr<valtor::Scenario> scenario = loadScenario(settings.scenarioFile);
+  load<valtor::CannedAnswers>(settings.answersFile, settings.node.answers);
+  std::string steps;
+  const auto scenario = load<valtor::Scenario>(settings.scenarioFile, steps);
   setCallbacks(settings, *scenario);
   const std::string address = settings.node.address + ":" + std::to_string(settings.node.port);
   const auto report = settings.node.onEvent;
