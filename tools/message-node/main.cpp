@@ -39,13 +39,15 @@ std::string footer() {
          "\n"
          "The scenario file: a list of steps, each with a time and an action\n"
          "  time:    \"at\": SECONDS after the start, or\n"
-         "           \"after\": TEXT in a line of the trace, with \"delay\": SECONDS, \"each\": "
-         "true\n"
+         "           \"after\": TEXT in a line of the trace, or [TEXT, ...] for several in one,\n"
+         "           with \"delay\": SECONDS, \"each\": true\n"
          "           \"every\": SECONDS it is done again, \"repeat\": N times in all\n"
          "  action:  \"role\": ROLE, \"answers\": {as in the answers file}, \"listen\": true or "
          "false,\n"
          "           \"send\": {\"from\": ID, \"kind\": KIND, \"path\": PATH, \"to\": ID, "
          "\"body\": BODY},\n"
+         "           \"reply\": {\"from\": ID, \"kind\": KIND, \"body\": BODY} to the message "
+         "of the line,\n"
          "           \"close\", \"reset\", \"pauseReading\", \"resumeReading\", \"pauseWriting\",\n"
          "           \"resumeWriting\": NAME of connections, \"*\" for all,\n"
          "           \"raw\": {\"to\": NAME, \"bytes\": TEXT or \"hex\": DIGITS}\n"
@@ -100,9 +102,7 @@ void setCallbacks(Settings& settings, valtor::Scenario& scenario) {
       if (trace) {
         valtor::traceLine("%s\n", valtor::traceText(message, limit).c_str());
       }
-      if (!scenario.empty()) {
-        scenario.observe(valtor::traceText(message, std::string::npos));
-      }
+      scenario.observe(message);
     };
   }
 }
@@ -142,8 +142,8 @@ int serve(Settings settings) {
   const std::string address = settings.node.address + ":" + std::to_string(settings.node.port);
   const auto report = settings.node.onEvent;
   valtor::MessageNode node(std::move(settings.node));
-  scenario->start(node, report);
-  if (const std::error_code error = node.startListening()) {
+  const bool listens = scenario->start(node, report);
+  if (const std::error_code error = listens ? node.startListening() : std::error_code()) {
     std::fprintf(stderr, "valtor-node: cannot listen on %s: %s\n", address.c_str(),
                  error.message().c_str());
     return 1;
