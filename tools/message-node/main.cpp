@@ -1,12 +1,16 @@
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <syslog.h>
 #include <thread>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
@@ -121,6 +125,18 @@ std::unique_ptr<Described> load(const std::string& file, std::string& text) {
   }
 }
 
+// Ends the process once standard output has no reader any more, which would leave a node that
+// nobody sees on its port. A file always counts as read.
+void watchOutput() {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  while (poll(&output, 1, -1) < 0 && errno == EINTR) {
+  }
+  if (output.revents != 0) {
+    std::fputs("valtor-node: nobody reads standard output any more\n", stderr);
+    std::_Exit(1);
+  }
+}
+
 // Carries out what standard input says until it ends or says quit; whether it said so.
 bool readCommands(valtor::MessageNode& node) {
   std::string line;
@@ -148,6 +164,7 @@ int serve(Settings settings) {
                  error.message().c_str());
     return 1;
   }
+  std::thread(watchOutput).detach();
   std::thread loop([&node] { node.run(); });
   if (readCommands(node)) {
     node.stop();
@@ -165,6 +182,7 @@ int main(int argc, char** argv) {
   std::signal(SIGTTIN, SIG_IGN);
   // What the stream parser has to say about broken frames is seen where the trace is.
   openlog("valtor-node", LOG_PERROR, LOG_USER);
+  setlogmask(LOG_UPTO(LOG_INFO));
   try {
     Settings settings;
     settings.node.port = 15000;

@@ -58,6 +58,8 @@ class NodeProcess {
   // The exit status.
   int quit() {
     say("quit");
+    while (!lineWith("\n").empty()) {
+    }
     return WEXITSTATUS(pclose(std::exchange(output_, nullptr)));
   }
 

@@ -264,6 +264,14 @@ TEST(NodeCommandTest, ListensLateWhenAScenarioSaysSoAndLogsNothingBesideItsTrace
   EXPECT_EQ(command.file("err"), "");
 }
 
+TEST(NodeCommandTest, EndsWithTheReaderOfItsOutput) {
+  NodeCommand command("{ timeout 60 $node --port 0 2>err; echo $? >status; } | head -1 >out");
+  EXPECT_EQ(command.end(), 0);
+  EXPECT_NE(command.file("out").find("LISTEN "), std::string::npos);
+  EXPECT_EQ(command.file("status"), "1\n");
+  EXPECT_EQ(command.file("err"), "valtor-node: nobody reads standard output any more\n");
+}
+
 TEST(NodeCommandTest, NamesTheFileAtFaultAndRefusesAnEmptyRole) {
   NodeCommand command("printf '{}\\n}' >bad.json; exec $node --port 0 -a bad.json 2>err");
   EXPECT_EQ(command.end(), 1);
