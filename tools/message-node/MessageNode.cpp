@@ -120,9 +120,10 @@ class MessageNode::Impl final : public NodeConnection::Owner {
     }
     const auto work = asio::make_work_guard(loop_);
     loop_.run();
+    // One by one: a timer that is due again each time would make poll() endless.
     do {
       loop_.restart();
-      loop_.poll();
+      loop_.poll_one();
     } while (!becomeIdle());
   }
 

@@ -40,8 +40,9 @@ class ScenarioStepTest : public NodeFixture {
     return reports_;
   }
   int countOf(const std::string& text) {
+    const Locked<Mutex> lock(lock_);
     int count = 0;
-    for (const std::string& line : reports()) {
+    for (const std::string& line : reports_) {
       count += line.find(text) != std::string::npos ? 1 : 0;
     }
     return count;
