@@ -27,7 +27,8 @@ class StreamLock {
 };
 
 // What stands behind the standard output stream: it writes to descriptor 1, and leaves out what
-// would have to wait for a reader, whole lines as far as it can. Called with the stream's lock held.
+// would have to wait for a reader, whole lines as far as it can. Called with the stream's lock
+// held.
 class ConsoleWriter {
  public:
   static ssize_t write(void* self, const char* data, std::size_t size) {
