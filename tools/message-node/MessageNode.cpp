@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <map>
 #include <optional>
 #include <set>
@@ -525,6 +526,13 @@ MessageNode::MessageNode(Options options) : impl_(std::make_unique<Impl>(std::mo
 MessageNode::~MessageNode() = default;
 
 void MessageNode::run() { impl_->run(); }
+std::thread MessageNode::runOnThread() {
+  const auto begun = std::make_shared<std::promise<void>>();
+  runAfter(std::chrono::milliseconds(0), [begun] { begun->set_value(); });
+  std::thread thread([this] { run(); });
+  begun->get_future().wait();
+  return thread;
+}
 void MessageNode::stop() { impl_->stop(); }
 
 std::error_code MessageNode::startListening() {

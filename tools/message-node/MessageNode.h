@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "bus/PellInternalMessage.h"
@@ -89,6 +90,9 @@ class MessageNode {
   // Serves until stop(). Connections stay open when it returns, and are served on when it is called
   // again.
   void run();
+  // Starts a thread that does so, and returns once it does: an operation that is called before
+  // run() has begun would be carried out beside it.
+  std::thread runOnThread();
   // Makes run() return. Any thread, any time.
   void stop();
 

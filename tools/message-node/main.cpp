@@ -165,7 +165,7 @@ int serve(Settings settings) {
     return 1;
   }
   std::thread(watchOutput).detach();
-  std::thread loop([&node] { node.run(); });
+  std::thread loop = node.runOnThread();
   if (readCommands(node)) {
     node.stop();
   }

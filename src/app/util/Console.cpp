@@ -94,7 +94,9 @@ class ConsoleWriter {
 
 }  // namespace
 
-void initConsole() {
+void initConsole() { setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); }
+
+void keepConsoleFromBlocking() {
   // The C library's streams are variables (glibc manual, "Standard Streams"), so that everything
   // that prints goes through this one. Without memory for it the old one stays.
   static ConsoleWriter& writer = *new ConsoleWriter;  // NOLINT(*-owning-memory): threads may print
@@ -102,8 +104,8 @@ void initConsole() {
   if (FILE* const stream = fopencookie(&writer, "w", operations); stream != nullptr) {
     std::fflush(stdout);
     stdout = stream;
+    initConsole();
   }
-  setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 }
 
 std::string formatLogTimestamp(time_t seconds, long microseconds) {

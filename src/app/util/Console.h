@@ -10,10 +10,13 @@ namespace valtor {
 // print. They take only the lock of the stream itself and call nothing else under it.
 
 // Makes standard output line-buffered, so that a trace is complete up to its last line however the
-// process ends, and keeps it from ever blocking: what a stopped terminal or the reader of a pipe
-// does not take is left out, with a line that says how much. Called once, before anything is
-// printed; afterwards fileno(stdout) is -1.
+// process ends. Called once, before anything is printed.
 void initConsole();
+
+// Keeps standard output from ever blocking: what a stopped terminal or the reader of a pipe does
+// not take is left out, with a line that says how much. Called once, before anything is printed;
+// afterwards fileno(stdout) is -1.
+void keepConsoleFromBlocking();
 
 // Writes the local time as "HH:MM:SS.mmm" and a tab, without a newline.
 void printLogTimestamp();
