@@ -1,7 +1,9 @@
+#include <algorithm>
+#include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <exception>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -13,6 +15,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/util/ErrnoText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/NumberRanges.h"
@@ -427,9 +430,32 @@ int fail(ExitCode code, const std::string& text, const std::string& hint) {
   return static_cast<int>(code);
 }
 
+// Started without the standard streams, a socket would get their numbers. Read-only, so that
+// writing to one still fails.
+void occupyStandardDescriptors() {
+  int descriptor = 0;
+  do {
+    descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  close(descriptor);
+}
+
+// Prints what was asked for, such as help, or what is wrong with the command line; the exit code.
+int answer(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) {
+    app.exit(error);
+    std::cout.flush();
+    return std::cout ? 0
+                     : fail(ExitCode::Refused,
+                            "cannot write to standard output: " + valtor::errnoText(errno), "");
+  }
+  return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::Usage);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  occupyStandardDescriptors();
   // What the stream parser says about broken frames is for the person; they need no debug lines.
   openlog("valtor-bus", LOG_PERROR, LOG_USER);
   setlogmask(LOG_UPTO(LOG_INFO));
@@ -441,10 +467,11 @@ int main(int argc, char** argv) {
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-      return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::Usage);
+      return answer(app, error);
     }
     Output output;
-    BusConnection connection(request.bus);
+    // Never destroyed: a name server that does not answer would hold up the end.
+    static BusConnection& connection = *new BusConnection(request.bus);  // NOLINT(*-owning-memory)
     request.command(connection, output);
     return 0;
   } catch (const CommandFailure& failure) {
