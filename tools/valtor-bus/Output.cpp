@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/UniqueDescriptor.h"
 #include "valtor-bus/CommandFailure.h"
 
 namespace valtor {
@@ -49,7 +50,8 @@ Output::Output()
             "standard output"),
       terminal_(valtor::isTerminal(STDOUT_FILENO)),
       colour_(terminal_ && std::getenv("NO_COLOR") == nullptr) {
-  dup2(STDERR_FILENO, STDOUT_FILENO);
+  const UniqueDescriptor nowhere(open("/dev/null", O_WRONLY | O_CLOEXEC));
+  dup2(nowhere.get(), STDOUT_FILENO);
 }
 
 void Output::endWithoutReader() {

@@ -35,7 +35,7 @@ class DataFile {
 class Output {
  public:
   // Takes standard output over: what anything else in the process prints there, the stream parser
-  // about broken frames for one, lands on standard error from now on. Call once.
+  // about broken frames for one, goes nowhere from now on. Call once.
   Output();
 
   // Throws CommandFailure when the bytes cannot be written.

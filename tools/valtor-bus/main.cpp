@@ -16,8 +16,10 @@
 #include <CLI/CLI.hpp>
 
 #include "app/util/ErrnoText.h"
+#include "support/LogSink.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
+#include "valtor-bus/JSONText.h"
 #include "valtor-bus/NumberRanges.h"
 
 namespace {
@@ -440,6 +442,13 @@ void occupyStandardDescriptors() {
   close(descriptor);
 }
 
+// What the stream parser says about broken frames is for the person.
+void takeLogLine(int priority, const std::string& line) {
+  if (priority <= LOG_WARNING) {
+    valtor::say(valtor::printable(line));
+  }
+}
+
 // Prints what was asked for, such as help, or what is wrong with the command line; the exit code.
 int answer(const CLI::App& app, const CLI::ParseError& error) {
   if (error.get_exit_code() == 0) {
@@ -456,9 +465,7 @@ int answer(const CLI::App& app, const CLI::ParseError& error) {
 
 int main(int argc, char** argv) {
   occupyStandardDescriptors();
-  // What the stream parser says about broken frames is for the person; they need no debug lines.
-  openlog("valtor-bus", LOG_PERROR, LOG_USER);
-  setlogmask(LOG_UPTO(LOG_INFO));
+  valtor::setLogSink(takeLogLine);
   try {
     Request request;
     request.bus.connID = ownConnID();
