@@ -458,7 +458,28 @@ int answer(const CLI::App& app, const CLI::ParseError& error) {
                      : fail(ExitCode::Refused,
                             "cannot write to standard output: " + valtor::errnoText(errno), "");
   }
-  return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::Usage);
+  const CLI::App* at = &app;  // the command that was understood last
+  while (!at->get_subcommands().empty()) {
+    at = at->get_subcommands().front();
+  }
+  std::string commands;
+  for (const CLI::App* command : at->get_subcommands([](const CLI::App*) { return true; })) {
+    commands += (commands.empty() ? "Commands: " : ", ") + command->get_name();
+  }
+  const std::vector<std::string> words = app.remaining(true);
+  if (error.get_name() != "RequiredError" || commands.empty()) {
+    return fail(ExitCode::Usage, valtor::printable(error.what()),
+                "Run with --help for more information.");
+  }
+  if (words.empty()) {
+    std::fputs(app.help().c_str(), stderr);
+    return static_cast<int>(ExitCode::Usage);
+  }
+  const bool isOption = words.front().rfind('-', 0) == 0;
+  return fail(
+      ExitCode::Usage,
+      "\"" + valtor::printable(words.front()) + "\" is no " + (isOption ? "option" : "command"),
+      commands);
 }
 
 }  // namespace
