@@ -4,6 +4,8 @@
 #include <array>
 #include <csignal>
 #include <deque>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <utility>
 
 #include <asio.hpp>
@@ -18,17 +20,16 @@ namespace {
 using Clock = BusConnection::Clock;
 using Tcp = asio::ip::tcp;
 
-constexpr std::chrono::seconds kOpenTime{5};
-constexpr std::chrono::seconds kSendTime{10};
-constexpr std::chrono::seconds kFinishTime{2};
-constexpr std::chrono::seconds kSilenceBeforeProbe{5};
-constexpr std::chrono::seconds kSilenceBeforeLoss{20};
-constexpr std::chrono::seconds kLongestWait{1};  // between two looks at the silence
+constexpr std::chrono::seconds kLongestWait{1};  // between two looks at what the node has taken
 constexpr std::size_t kReadSize = 65536;
 
 std::string loginBody(const BusSettings& settings) {
   return R"({"param":{"login":{"name":)" + quotedJSON(settings.name) +
          ",\"connID\":" + std::to_string(settings.connID) + ",\"version\":1}}}";
+}
+
+std::string secondsText(BusTimes::Time time) {
+  return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) + " s";
 }
 
 std::string subscriptionBody(const std::vector<std::string>& paths) {
@@ -43,20 +44,18 @@ std::string subscriptionBody(const std::vector<std::string>& paths) {
 
 class BusConnection::Impl {
  public:
-  explicit Impl(BusSettings bus) : settings(std::move(bus)), signals_(context_, SIGINT, SIGTERM) {
+  explicit Impl(BusSettings bus) : settings(std::move(bus)) {
     parser_.setMessageCallback(
         [this](std::vector<PellInternalMessage> messages) { take(std::move(messages)); });
-    signals_.async_wait([this](const asio::error_code& error, int /*signal*/) {
-      interrupted = interrupted || !error;
-    });
   }
 
   void open() {
     close();
-    const Clock::time_point deadline = Clock::now() + kOpenTime;
+    catchSignals();
+    const Clock::time_point deadline = Clock::now() + settings.times.open;
     Tcp::resolver resolver(context_);
     Tcp::resolver::results_type found;
-    asio::error_code error = await(deadline, Interrupt::Ends, [&](auto done) {
+    asio::error_code error = await(deadline - Clock::now(), [&](auto done) {
       resolver.async_resolve(settings.host, std::to_string(settings.port),
                              [done, &found](const asio::error_code& result,
                                             const Tcp::resolver::results_type& endpoints) {
@@ -70,7 +69,7 @@ class BusConnection::Impl {
       throw LinkFailure("cannot find host \"" + printable(settings.host) + "\": " + text(error),
                         "Check --host: a name that resolves here, or an IPv4 address.");
     }
-    error = await(deadline, Interrupt::Ends, [&](auto done) {
+    error = await(deadline - Clock::now(), [&](auto done) {
       asio::async_connect(
           socket_, found,
           [done](const asio::error_code& result, const Tcp::endpoint&) { done(result); });
@@ -83,7 +82,7 @@ class BusConnection::Impl {
     asio::error_code ignored;
     socket_.set_option(Tcp::no_delay(true), ignored);
     isOpen = true;
-    lastInput_ = lastProbe_ = Clock::now();
+    quietSince_ = Clock::now();
     readOn();
     send(makeRequest(MessageKind::SET, "system.connection", loginBody(settings)));
     if (!subscriptions.empty()) {
@@ -94,23 +93,19 @@ class BusConnection::Impl {
   void send(const BusRequest& request) { sendPayload(payloadOf(request, settings.connID)); }
 
   void sendPayload(const std::string& payload) {
-    if (!isOpen) {
-      throw LinkFailure("not connected to " + where());
-    }
-    const auto bytes = std::make_shared<const std::string>(frame(payload));
+    requireOpen();
     if (payload.size() > static_cast<std::size_t>(PellInternalStreamParser::kMaxPayload)) {
       throw CommandFailure(
           ExitCode::Refused,
           "a message of " + std::to_string(payload.size()) + " bytes is longer than the " +
               std::to_string(PellInternalStreamParser::kMaxPayload) + " that nodes take");
     }
-    // An interrupt waits for the rest of the frame.
-    const asio::error_code error =
-        await(Clock::now() + kSendTime, Interrupt::Ignored, [&](auto done) {
-          asio::async_write(
-              socket_, asio::buffer(*bytes),
-              [done, bytes](const asio::error_code& result, std::size_t) { done(result); });
-        });
+    const auto bytes = std::make_shared<const std::string>(frame(payload));
+    const asio::error_code error = await(settings.times.send, [&](auto done) {
+      asio::async_write(
+          socket_, asio::buffer(*bytes),
+          [done, bytes](const asio::error_code& result, std::size_t) { done(result); });
+    });
     if (error) {
       lose(error == asio::error::timed_out ? "it takes no more data" : error.message());
       throwLoss();
@@ -118,30 +113,31 @@ class BusConnection::Impl {
   }
 
   std::optional<PellInternalMessage> receive(Clock::time_point deadline) {
-    // Read only when everything is handed out: whoever is slow slows the node instead of filling
-    // the memory.
-    for (bool polled = false; received_.empty() && !interrupted; polled = true) {
+    requireOpen();
+    for (;;) {
+      // What has come is looked at before the clock: whoever was held up finds no silence in it.
+      // Read only when everything is handed out: whoever is slow slows the node instead of filling
+      // the memory.
+      context_.restart();
+      while (received_.empty() && !interrupted && context_.poll_one() > 0) {
+      }
+      if (interrupted) {
+        throw Interrupted();
+      }
+      if (!received_.empty()) {
+        PellInternalMessage message = std::move(received_.front());
+        received_.pop_front();
+        return message;
+      }
       if (!loss_.empty()) {
         throwLoss();
       }
-      const Clock::time_point now = Clock::now();
-      if (now >= deadline && polled) {
+      if (Clock::now() >= deadline) {
         return std::nullopt;
       }
-      if (now >= deadline) {
-        context_.restart();
-        context_.poll_one();
-      } else {
-        watchSilence(now);
-        runOnce(std::min(deadline, now + kLongestWait));
-      }
+      watchSilence();
+      runOnce(std::min(deadline, quietSince_ + settings.times.quiet));
     }
-    if (interrupted) {
-      return std::nullopt;
-    }
-    PellInternalMessage message = std::move(received_.front());
-    received_.pop_front();
-    return message;
   }
 
   void pause(Clock::time_point until) {
@@ -150,12 +146,15 @@ class BusConnection::Impl {
     }
   }
 
+  void awaitInput() {
+    probe([this] { return hasInput_; });
+  }
+
   void finish() {
-    asio::error_code ignored;
-    socket_.shutdown(Tcp::socket::shutdown_send, ignored);
-    const Clock::time_point deadline = Clock::now() + kFinishTime;
-    while (isOpen && loss_.empty() && !interrupted && Clock::now() < deadline) {
-      runOnce(deadline);
+    try {
+      probe([this] { return probes_.empty(); });
+    } catch (const LinkFailure& failure) {
+      throw LinkFailure(failure.what(), "What was sent may not have arrived.");
     }
     close();
   }
@@ -168,12 +167,24 @@ class BusConnection::Impl {
   bool interrupted = false;
 
  private:
-  enum class Interrupt { Ends, Ignored };
+  std::string text(const asio::error_code& error) const {
+    return error == asio::error::timed_out ? "no answer within " + secondsText(settings.times.open)
+                                           : error.message();
+  }
 
-  static std::string text(const asio::error_code& error) {
-    return error == asio::error::timed_out
-               ? "no answer within " + std::to_string(kOpenTime.count()) + " s"
-               : error.message();
+  void requireOpen() const {
+    if (!isOpen) {
+      throw LinkFailure("not connected to " + where());
+    }
+  }
+
+  void catchSignals() {
+    if (!signals_) {
+      signals_.emplace(context_, SIGINT, SIGTERM);
+      signals_->async_wait([this](const asio::error_code& error, int /*signal*/) {
+        interrupted = interrupted || !error;
+      });
+    }
   }
 
   void runOnce(Clock::time_point until) {
@@ -181,26 +192,53 @@ class BusConnection::Impl {
     context_.run_one_until(until);
   }
 
-  // Starts an operation and runs the loop, reading included, until it ends. The operation calls
-  // done(result); that is false when nobody waits any more. "Timed out" at the deadline, and when
-  // an interrupt ends it.
-  template <class Start>
-  asio::error_code await(Clock::time_point deadline, Interrupt interrupt, Start start) {
-    struct Waiting {
-      bool present = true;
-      std::optional<asio::error_code> result;
-    };
-    const auto waiting = std::make_shared<Waiting>();
-    start([waiting](const asio::error_code& result) {
-      waiting->result = result;
-      return waiting->present;
-    });
-    const auto mayGoOn = [&] { return interrupt == Interrupt::Ignored || !interrupted; };
-    while (!waiting->result && mayGoOn() && Clock::now() < deadline) {
-      runOnce(deadline);
+  // How much of what was sent the node's system has not taken yet, in bytes.
+  int untaken() {
+    int count = 0;
+    ioctl(socket_.native_handle(), SIOCOUTQ, &count);
+    return count;
+  }
+
+  // Runs the loop, reading included, until the condition holds; false when the time is over, which
+  // begins anew whenever the node's system takes data. An interrupt closes the connection: half a
+  // frame may be out.
+  template <class Condition>
+  bool runUntil(Clock::duration time, Condition condition) {
+    Clock::time_point deadline = Clock::now() + time;
+    int before = untaken();
+    while (!condition()) {
+      if (interrupted) {
+        close();
+        throw Interrupted();
+      }
+      const Clock::time_point now = Clock::now();
+      if (const int left = untaken(); left != before) {
+        before = left;
+        deadline = now + time;
+      }
+      if (now >= deadline) {
+        return false;
+      }
+      runOnce(std::min(deadline, now + kLongestWait));
     }
-    waiting->present = false;
-    return waiting->result.value_or(asio::error::timed_out);
+    return true;
+  }
+
+  // Starts an operation and waits until it ends. The operation calls done(result); that is false
+  // when nobody waits any more.
+  template <class Start>
+  asio::error_code await(Clock::duration time, Start start) {
+    const auto result = std::make_shared<std::optional<asio::error_code>>();
+    start([weak = std::weak_ptr(result)](const asio::error_code& error) {
+      const auto waiting = weak.lock();
+      if (waiting) {
+        *waiting = error;
+      }
+      return waiting != nullptr;
+    });
+    return runUntil(time, [&] { return result->has_value(); })
+               ? **result
+               : asio::error_code(asio::error::timed_out);
   }
 
   void readOn() {
@@ -213,7 +251,9 @@ class BusConnection::Impl {
             lose(error == asio::error::eof ? "the node hung up" : error.message());
             return;
           }
-          lastInput_ = Clock::now();
+          quietSince_ = Clock::now();
+          unansweredSince_.reset();
+          hasInput_ = true;
           parser_.parse(buffer_.data(), n);
           readOn();
         });
@@ -221,28 +261,50 @@ class BusConnection::Impl {
 
   void take(std::vector<PellInternalMessage> messages) {
     for (PellInternalMessage& message : messages) {
-      const bool ownProbe =
-          message.getKind() == MessageKind::ACK && message.getUniqueId() == probe_.identifier;
-      if (!ownProbe) {
+      const auto probe = message.getKind() == MessageKind::ACK
+                             ? std::find(probes_.begin(), probes_.end(), message.getUniqueId())
+                             : probes_.end();
+      if (probe != probes_.end()) {
+        probes_.erase(probes_.begin(), probe + 1);
+      } else {
         received_.push_back(std::move(message));
       }
     }
   }
 
-  void watchSilence(Clock::time_point now) {
-    if (!isOpen) {
-      throw LinkFailure("not connected to " + where());
+  void sendProbe() {
+    quietSince_ = Clock::now();
+    unansweredSince_ = unansweredSince_.value_or(quietSince_);
+    const BusRequest request = makeRequest(MessageKind::SET, "", "{}");
+    probes_.push_back(request.identifier);
+    send(request);
+  }
+
+  // Sends a keep-alive and waits until the condition holds.
+  template <class Condition>
+  void probe(Condition condition) {
+    sendProbe();
+    if (!runUntil(settings.times.confirm, [&] { return condition() || !loss_.empty(); })) {
+      loseSilent(settings.times.confirm);
     }
-    if (now - lastInput_ >= kSilenceBeforeLoss) {
-      lose("nothing came for " + std::to_string(kSilenceBeforeLoss.count()) +
-           " s, not even an answer to a keep-alive");
+    if (!condition()) {
       throwLoss();
     }
-    if (now - std::max(lastInput_, lastProbe_) >= kSilenceBeforeProbe) {
-      lastProbe_ = now;
-      probe_ = makeRequest(MessageKind::SET, "", "{}");
-      send(probe_);
+  }
+
+  void watchSilence() {
+    const Clock::time_point now = Clock::now();
+    if (unansweredSince_ && now - *unansweredSince_ >= settings.times.silence) {
+      loseSilent(settings.times.silence);
+      throwLoss();
     }
+    if (now - quietSince_ >= settings.times.quiet) {
+      sendProbe();
+    }
+  }
+
+  void loseSilent(BusTimes::Time time) {
+    lose("no answer to a keep-alive within " + secondsText(time));
   }
 
   void lose(const std::string& reason) {
@@ -264,19 +326,23 @@ class BusConnection::Impl {
     parser_.reset();
     received_.clear();
     loss_.clear();
+    probes_.clear();
+    unansweredSince_.reset();
+    hasInput_ = false;
     isOpen = false;
   }
 
   asio::io_context context_{1};
-  asio::signal_set signals_;
+  std::optional<asio::signal_set> signals_;
   Tcp::socket socket_{context_};
   std::array<char, kReadSize> buffer_{};
   PellInternalStreamParser parser_;
   std::deque<PellInternalMessage> received_;
-  BusRequest probe_;  // the latest keep-alive
-  Clock::time_point lastInput_;
-  Clock::time_point lastProbe_;
-  std::string loss_;   // why the link ended; empty while it stands
+  std::deque<std::string> probes_;  // the identifiers of keep-alives without an answer yet
+  bool hasInput_ = false;           // on this connection
+  Clock::time_point quietSince_;    // the last input or keep-alive
+  std::optional<Clock::time_point> unansweredSince_;  // the first keep-alive after the last input
+  std::string loss_;                                  // why the link ended; empty while it stands
   unsigned link_ = 0;  // counts connections, so that a late event of an old one is told apart
 };
 
@@ -289,6 +355,7 @@ void BusConnection::setSubscriptions(std::vector<std::string> paths) {
 }
 void BusConnection::open() { impl_->open(); }
 bool BusConnection::isOpen() const { return impl_->isOpen; }
+const BusTimes& BusConnection::times() const { return impl_->settings.times; }
 std::string BusConnection::where() const { return impl_->where(); }
 void BusConnection::send(const BusRequest& request) { impl_->send(request); }
 void BusConnection::sendPayload(const std::string& payload) { impl_->sendPayload(payload); }
@@ -296,6 +363,7 @@ std::optional<PellInternalMessage> BusConnection::receive(Clock::time_point dead
   return impl_->receive(deadline);
 }
 void BusConnection::pause(Clock::time_point until) { impl_->pause(until); }
+void BusConnection::awaitInput() { impl_->awaitInput(); }
 void BusConnection::finish() { impl_->finish(); }
 bool BusConnection::interrupted() const { return impl_->interrupted; }
 

@@ -20,6 +20,12 @@ class CommandFailure : public std::runtime_error {
   std::string hint;
 };
 
+// A signal ended the command before it was done.
+class Interrupted : public CommandFailure {
+ public:
+  Interrupted() : CommandFailure(ExitCode::Refused, "interrupted") {}
+};
+
 // The connection to the node could not be made, or was lost. Commands that run long go on after it.
 class LinkFailure : public CommandFailure {
  public:

@@ -8,14 +8,17 @@
 
 namespace valtor {
 
-// A file that data goes to, flushed after every write.
+// A file that data goes to, without a buffer, so that an end at any time loses nothing.
 class DataFile {
  public:
   // Takes the open stream over; the name is for errors.
-  DataFile(std::FILE* stream, std::string name) : stream_(stream), name_(std::move(name)) {}
+  DataFile(std::FILE* stream, std::string name);
 
   bool isOpen() const { return stream_ != nullptr; }
-  // Throws CommandFailure when the stream is none or the bytes cannot be written.
+  // True once a pipe has lost its reader.
+  bool isBroken() const;
+  // Throws CommandFailure when the stream is none or the bytes cannot be written, Interrupted when
+  // a signal ends the wait for a slow reader.
   void write(std::string_view bytes);
 
  private:
@@ -32,15 +35,19 @@ class DataFile {
 class Output {
  public:
   // Takes standard output over: what anything else in the process prints there, the stream parser
-  // about broken frames for one, lands on standard error from now on. Call once.
+  // about broken frames for one, goes nowhere from now on. Call once.
   Output();
 
   // Throws CommandFailure when the bytes cannot be written.
   void write(std::string_view bytes) { file_.write(bytes); }
   void line(const std::string& text) { write(text + "\n"); }
+  // Does what a write would do once a pipe has lost its reader; otherwise nothing. For a command
+  // that may have nothing to write for long.
+  void endWithoutReader();
 
+  // A terminal that understands control sequences.
   bool isTerminal() const { return terminal_; }
-  // On a terminal, unless NO_COLOR is set or the terminal has none.
+  // On such a terminal, unless NO_COLOR is set.
   bool hasColour() const { return colour_; }
 
  private:
@@ -49,7 +56,12 @@ class Output {
   bool colour_ = false;
 };
 
+// Whether the descriptor is a terminal that understands control sequences.
+bool isTerminal(int descriptor);
+
 // One message on standard error, behind the name of the program.
 void say(const std::string& text);
+// A line on a terminal that the next message, of either kind, takes the place of.
+void sayInPassing(const std::string& text);
 
 }  // namespace valtor

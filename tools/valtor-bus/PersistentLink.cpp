@@ -6,11 +6,6 @@
 #include "valtor-bus/Output.h"
 
 namespace valtor {
-namespace {
-
-constexpr std::chrono::seconds kReopenDelay{1};
-
-}  // namespace
 
 void PersistentLink::open() {
   lastAttempt_ = BusConnection::Clock::now();
@@ -25,11 +20,13 @@ std::optional<PellInternalMessage> PersistentLink::receive(
       if (connection_.isOpen()) {
         return connection_.receive(deadline);
       }
-      connection_.pause(std::min(deadline, lastAttempt_ + kReopenDelay));
+      connection_.pause(std::min(deadline, lastAttempt_ + connection_.times().reopen));
       if (connection_.interrupted() || BusConnection::Clock::now() >= deadline) {
         return std::nullopt;
       }
       reopen();
+    } catch (const Interrupted&) {
+      return std::nullopt;
     } catch (const LinkFailure& failure) {
       report(failure.what());
     }
@@ -39,6 +36,8 @@ std::optional<PellInternalMessage> PersistentLink::receive(
 void PersistentLink::send(const BusRequest& request) {
   try {
     connection_.send(request);
+  } catch (const Interrupted&) {
+    // The next receive() tells.
   } catch (const LinkFailure& failure) {
     report(failure.what());
   }
@@ -46,12 +45,14 @@ void PersistentLink::send(const BusRequest& request) {
 
 void PersistentLink::reopen() {
   open();
+  // A node that takes the connection and drops it at once is no news.
+  connection_.awaitInput();
   say("connected to " + connection_.where() + " again");
   lossReported_ = false;
 }
 
 void PersistentLink::report(const std::string& loss) {
-  if (!lossReported_ && !connection_.interrupted()) {
+  if (!lossReported_) {
     say(loss + "; trying again every second");
     lossReported_ = true;
   }

@@ -7,15 +7,15 @@
 namespace valtor {
 
 // Keeps a connection up for a command that runs long: the first open() must succeed, after that
-// each loss is reported on standard error and the connection is tried again every second. One
-// thread; the connection outlives it.
+// each loss is reported on standard error and the connection is tried again every second, until the
+// node says something. One thread; the connection outlives it.
 class PersistentLink {
  public:
   explicit PersistentLink(BusConnection& connection) : connection_(connection) {}
 
   // Throws LinkFailure.
   void open();
-  // As BusConnection::receive(), but a loss ends nothing.
+  // As BusConnection::receive(), but a loss ends nothing, and an interrupt gives none.
   std::optional<PellInternalMessage> receive(BusConnection::Clock::time_point deadline);
   // As BusConnection::send(), but what cannot be sent is dropped.
   void send(const BusRequest& request);

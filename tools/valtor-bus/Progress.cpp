@@ -1,6 +1,5 @@
 #include "valtor-bus/Progress.h"
 
-#include <cstdio>
 #include <unistd.h>
 
 #include "valtor-bus/Output.h"
@@ -10,12 +9,11 @@ namespace {
 
 constexpr std::chrono::milliseconds kOnTerminal{200};
 constexpr std::chrono::seconds kElsewhere{10};
-constexpr const char* kClearLine = "\r\x1b[K";
 
 }  // namespace
 
 Progress::Progress()
-    : terminal_(isatty(STDERR_FILENO) == 1),
+    : terminal_(isTerminal(STDERR_FILENO)),
       next_(std::chrono::steady_clock::now() +
             (terminal_ ? std::chrono::milliseconds(0) : kElsewhere)) {}
 
@@ -25,7 +23,7 @@ void Progress::show(const std::string& text) {
     return;
   }
   if (terminal_) {
-    std::fprintf(stderr, "%s%s", kClearLine, text.c_str());
+    sayInPassing(text);
     next_ = now + kOnTerminal;
   } else {
     say(text);
@@ -33,11 +31,6 @@ void Progress::show(const std::string& text) {
   }
 }
 
-void Progress::finish(const std::string& text) {
-  if (terminal_) {
-    std::fputs(kClearLine, stderr);
-  }
-  say(text);
-}
+void Progress::finish(const std::string& text) { say(text); }
 
 }  // namespace valtor

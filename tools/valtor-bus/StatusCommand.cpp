@@ -105,6 +105,7 @@ class StatusWatch {
       if (message && listing_.take(*message)) {
         show();
       }
+      output_.endWithoutReader();
       if (listing_.endWhenDue()) {
         reportListing();
       }

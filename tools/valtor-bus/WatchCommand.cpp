@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <chrono>
 
 #include "bus/PellInternalMessage.h"
@@ -7,6 +8,11 @@
 
 namespace valtor {
 namespace {
+
+using Clock = BusConnection::Clock;
+
+// Between two looks at whether anybody still reads.
+constexpr std::chrono::milliseconds kLookInterval{300};
 
 std::string rendered(const PellInternalMessage& message, WatchSettings::Form form, bool colour) {
   const WallTime now = std::chrono::system_clock::now();
@@ -27,17 +33,18 @@ void watch(BusConnection& connection, const WatchSettings& settings, Output& out
   connection.setSubscriptions(paths.empty() ? std::vector<std::string>{"*"} : paths);
   PersistentLink link(connection);
   link.open();
-  const auto end = settings.timeout ? BusConnection::Clock::now() + toDuration(*settings.timeout)
-                                    : BusConnection::Clock::time_point::max();
+  const Clock::time_point end =
+      settings.timeout ? Clock::now() + toDuration(*settings.timeout) : Clock::time_point::max();
   std::size_t seen = 0;
-  while (settings.count == 0 || seen < settings.count) {
-    const auto message = link.receive(end);
-    if (!message) {
-      break;
-    }
-    if (settings.filter.accepts(*message)) {
+  while ((settings.count == 0 || seen < settings.count) && !connection.interrupted()) {
+    const auto message = link.receive(std::min(end, Clock::now() + kLookInterval));
+    if (message && settings.filter.accepts(*message)) {
       output.write(rendered(*message, settings.form, output.hasColour()));
       ++seen;
+    } else if (!message && Clock::now() >= end) {
+      break;
+    } else {
+      output.endWithoutReader();
     }
   }
   if (seen < settings.count) {

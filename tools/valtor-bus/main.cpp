@@ -1,7 +1,9 @@
+#include <algorithm>
+#include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <exception>
+#include <fcntl.h>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -13,8 +15,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/util/ErrnoText.h"
+#include "support/LogSink.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
+#include "valtor-bus/JSONText.h"
 #include "valtor-bus/NumberRanges.h"
 
 namespace {
@@ -427,12 +432,61 @@ int fail(ExitCode code, const std::string& text, const std::string& hint) {
   return static_cast<int>(code);
 }
 
+// Started without the standard streams, a socket would get their numbers. Read-only, so that
+// writing to one still fails.
+void occupyStandardDescriptors() {
+  int descriptor = 0;
+  do {
+    descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
+  close(descriptor);
+}
+
+// What the stream parser says about broken frames is for the person.
+void takeLogLine(int priority, const std::string& line) {
+  if (priority <= LOG_WARNING) {
+    valtor::say(valtor::printable(line));
+  }
+}
+
+// Prints what was asked for, such as help, or what is wrong with the command line; the exit code.
+int answer(const CLI::App& app, const CLI::ParseError& error) {
+  if (error.get_exit_code() == 0) {
+    app.exit(error);
+    std::cout.flush();
+    return std::cout ? 0
+                     : fail(ExitCode::Refused,
+                            "cannot write to standard output: " + valtor::errnoText(errno), "");
+  }
+  const CLI::App* at = &app;  // the command that was understood last
+  while (!at->get_subcommands().empty()) {
+    at = at->get_subcommands().front();
+  }
+  std::string commands;
+  for (const CLI::App* command : at->get_subcommands([](const CLI::App*) { return true; })) {
+    commands += (commands.empty() ? "Commands: " : ", ") + command->get_name();
+  }
+  const std::vector<std::string> words = app.remaining(true);
+  if (error.get_name() != "RequiredError" || commands.empty()) {
+    return fail(ExitCode::Usage, valtor::printable(error.what()),
+                "Run with --help for more information.");
+  }
+  if (words.empty()) {
+    std::fputs(app.help().c_str(), stderr);
+    return static_cast<int>(ExitCode::Usage);
+  }
+  const bool isOption = words.front().rfind('-', 0) == 0;
+  return fail(
+      ExitCode::Usage,
+      "\"" + valtor::printable(words.front()) + "\" is no " + (isOption ? "option" : "command"),
+      commands);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-  // What the stream parser says about broken frames is for the person; they need no debug lines.
-  openlog("valtor-bus", LOG_PERROR, LOG_USER);
-  setlogmask(LOG_UPTO(LOG_INFO));
+  occupyStandardDescriptors();
+  valtor::setLogSink(takeLogLine);
   try {
     Request request;
     request.bus.connID = ownConnID();
@@ -441,10 +495,11 @@ int main(int argc, char** argv) {
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-      return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::Usage);
+      return answer(app, error);
     }
     Output output;
-    BusConnection connection(request.bus);
+    // Never destroyed: a name server that does not answer would hold up the end.
+    static BusConnection& connection = *new BusConnection(request.bus);  // NOLINT(*-owning-memory)
     request.command(connection, output);
     return 0;
   } catch (const CommandFailure& failure) {

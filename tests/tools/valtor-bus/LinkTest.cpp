@@ -1,0 +1,161 @@
+#include <algorithm>
+#include <csignal>
+#include <future>
+#include <gtest/gtest.h>
+#include <string>
+#include <thread>
+
+#include "message-node/RunningNode.h"
+#include "support/Eventually.h"
+#include "support/ScriptedNode.h"
+#include "tools/ChildProcess.h"
+#include "valtor-bus/BusConnection.h"
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/PersistentLink.h"
+
+namespace valtor::test {
+namespace {
+
+using Times = std::chrono::milliseconds;
+constexpr auto kForEver = BusConnection::Clock::time_point::max();
+const std::string kNotice = "[\"NOT\", \"a\", 101, 0, 0]\n{}";
+
+BusSettings settingsFor(int port, const BusTimes& times) {
+  BusSettings settings;
+  settings.port = static_cast<uint16_t>(port);
+  settings.times = times;
+  return settings;
+}
+
+// What the operation fails with, "" when it does not.
+template <class Operation>
+std::string failureOf(Operation operation) {
+  try {
+    operation();
+  } catch (const CommandFailure& failure) {
+    return failure.what();
+  }
+  return "";
+}
+
+TEST(BusConnectionTest, WhatHasComeIsNoSilenceHoweverLateItIsRead) {
+  ScriptedNode node;
+  BusConnection connection(settingsFor(node.port(), {.quiet = Times(10), .silence = Times(40)}));
+  connection.open();
+  const auto peer = node.accept();
+  peer->readFrame();  // the login
+  EXPECT_FALSE(connection.receive(BusConnection::Clock::now() + Times(20)));
+  EXPECT_EQ(peer->readFrame().rfind("[\"SET\", \"\", ", 0), 0U);
+  peer->sendPayload(kNotice);
+  std::this_thread::sleep_for(Times(40));  // held up, with a keep-alive out
+  const auto message = connection.receive(kForEver);
+  ASSERT_TRUE(message);
+  EXPECT_EQ(message->receivedText(), kNotice);
+  const std::string failure =
+      failureOf([&] { connection.receive(BusConnection::Clock::now() + kDeadline); });
+  EXPECT_NE(failure.find("lost: no answer to a keep-alive within"), std::string::npos) << failure;
+}
+
+TEST(BusConnectionTest, AnsweredKeepAlivesHoldAQuietLinkAndAreNotSeen) {
+  RunningNode node;
+  BusConnection connection(settingsFor(node.port(), {.quiet = Times(1)}));
+  connection.setSubscriptions({"a"});
+  connection.open();
+  auto received = std::async(std::launch::async, [&] { return connection.receive(kForEver); });
+  EXPECT_TRUE(eventually([&] {
+    return node.countPassed([](const PassedMessage& one) { return one.path.empty(); }) > 4;
+  }));
+  node->injectPayload(kNotice);
+  EXPECT_EQ(received.get()->receivedText(), kNotice);
+}
+
+TEST(BusConnectionTest, WhatTheNodeHasNotReadCountsAsNotSent) {
+  for (const bool reset : {true, false}) {
+    ScriptedNode node;
+    BusConnection connection(settingsFor(node.port(), {.confirm = Times(50)}));
+    connection.open();
+    if (reset) {
+      node.accept()->close();  // with unread input
+    }
+    const auto send = [&] {
+      connection.sendPayload(kNotice);
+      connection.finish();
+    };
+    EXPECT_NE(failureOf(send).find(" lost: "), std::string::npos) << reset;
+    EXPECT_FALSE(connection.isOpen());
+  }
+}
+
+TEST(BusConnectionTest, ASignalEndsEveryWait) {
+  ScriptedNode node;
+  for (const auto& wait :
+       {+[](BusConnection& link) { link.receive(kForEver); },
+        +[](BusConnection& link) { link.finish(); },
+        +[](BusConnection& link) { link.awaitInput(); },
+        // More than the systems of both ends take.
+        +[](BusConnection& link) { link.sendPayload(std::string(20'000'000, ' ')); },
+        +[](BusConnection& link) { link.open(); }}) {
+    BusConnection connection(settingsFor(node.port(), {}));
+    connection.open();
+    std::raise(SIGINT);
+    EXPECT_EQ(failureOf([&] { wait(connection); }), "interrupted");
+    EXPECT_TRUE(connection.interrupted());
+  }
+}
+
+TEST(PersistentLinkTest, ANodeThatDropsEveryConnectionIsReportedOnce) {
+  ScriptedNode node;
+  BusConnection connection(settingsFor(node.port(), {.reopen = Times(1)}));
+  PersistentLink link(connection);
+  link.open();
+  testing::internal::CaptureStderr();
+  auto received = std::async(std::launch::async, [&] { return link.receive(kForEver); });
+  for (int time = 0; time < 4; ++time) {
+    node.accept()->close();
+  }
+  const auto peer = node.accept();
+  peer->sendPayload(kNotice);
+  EXPECT_EQ(received.get()->receivedText(), kNotice);
+  const std::string said = testing::internal::GetCapturedStderr();
+  EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
+  EXPECT_NE(said.find("; trying again every second\nvaltor-bus: connected to "), std::string::npos);
+}
+
+TEST(StreamsTest, ALostStandardStreamEndsACommandWithItsReason) {
+  RunningNode node;
+  const std::string port = " --port " + std::to_string(node.port()) + " ";
+  const struct {
+    std::string line;
+    int exitCode;
+    std::string text;
+  } cases[] = {
+      {"timeout 30 " VALTOR_BUS_EXECUTABLE " watch" + port + "| true", 128 + SIGPIPE, ""},
+      {VALTOR_BUS_EXECUTABLE " status --check --timeout 0" + port + ">&-", 1,
+       "valtor-bus: cannot write to standard output: it is closed\n"},
+      {VALTOR_BUS_EXECUTABLE " --help >/dev/full", 1,
+       "valtor-bus: cannot write to standard output: No space left on device\n"},
+      {VALTOR_BUS_EXECUTABLE " route frob", 2,
+       "valtor-bus: \"frob\" is no command\n  Commands: take, query\n"},
+  };
+  for (const auto& one : cases) {
+    ChildProcess tool("exec 2>err; set -o pipefail; " + one.line);
+    EXPECT_EQ(tool.wait(), one.exitCode) << one.line;
+    EXPECT_EQ(tool.err(), one.text) << one.line;
+  }
+}
+
+TEST(StreamsTest, WhatTheLibrariesLogIsSaidOnceAndWithoutControlCharacters) {
+  RunningNode node;
+  ChildProcess watch("exec " VALTOR_BUS_EXECUTABLE " watch --raw --count 1 --port " +
+                     std::to_string(node.port()) + " >out 2>err");
+  ASSERT_TRUE(eventually([&] { return node.countEvents("SUBSCRIBE") == 1; }));
+  node->writeRaw("valtor-bus", "\x1b[2J0:;");
+  node->injectPayload("[\"NOT\", \"a\", 101, 0, \"2026-01-01T10:00:00.000Z\"]\n{}");
+  EXPECT_EQ(watch.wait(), 0);
+  EXPECT_EQ(watch.out(), "[\"NOT\", \"a\", 101, 0, \"2026-01-01T10:00:00.000Z\"]\n{}\n");
+  EXPECT_EQ(watch.err(),
+            "valtor-bus: PellInternalStreamParser invalid header length received=0.( [2J0)\n");
+}
+
+}  // namespace
+}  // namespace valtor::test

@@ -1,0 +1,51 @@
+#include "support/LogSink.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <syslog.h>
+
+namespace {
+
+constexpr std::size_t kLongestLine = 4096;  // bytes; what is longer is cut
+
+valtor::LogSink currentSink = nullptr;
+
+void pass(int priority, const char* format, va_list arguments) {
+  if (currentSink == nullptr) {
+    return;
+  }
+  std::array<char, kLongestLine> text{};
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  std::string line = text.data();
+  line.erase(line.find_last_not_of('\n') + 1);
+  currentSink(LOG_PRI(priority), line);
+}
+
+}  // namespace
+
+// A fortified build calls the __ form.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+extern "C" {
+void syslog(int priority, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  pass(priority, format, arguments);
+  va_end(arguments);
+}
+void __syslog_chk(int priority, int flag, const char* format, ...);
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  pass(priority, format, arguments);
+  va_end(arguments);
+}
+}
+#pragma GCC diagnostic pop
+
+namespace valtor {
+
+void setLogSink(LogSink sink) { currentSink = sink; }
+
+}  // namespace valtor
