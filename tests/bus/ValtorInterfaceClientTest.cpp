@@ -76,7 +76,7 @@ class InterfaceClientTest : public testing::Test {
   test::ScriptedNode node_;
   HandlerRecord record_;
   std::atomic<int> loads_{0};
-  int failingLoad_ = 0;
+  std::atomic<int> failingLoad_{0};
   std::string first_[3];
   ValtorInterfaceClient client_{"127.0.0.1", node_.port(), "valtorRemote", true, "db/"};
 };
