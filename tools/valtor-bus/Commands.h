@@ -81,22 +81,22 @@ void takeRoute(BusConnection& connection, const RouteSettings& settings, Output&
 void queryRoute(BusConnection& connection, const RouteSettings& settings, Output& output);
 
 struct RecordSettings {
-  std::string file;
+  std::string file;  // "-" for the output
   bool overwrite = false;
   MessageFilter filter;
   std::size_t count = 0;  // 0: no limit
   std::optional<double> timeout;
 };
 // Writes every message to the file until the count or the time is over, or a signal comes.
-void record(BusConnection& connection, const RecordSettings& settings);
+void record(BusConnection& connection, const RecordSettings& settings, Output& output);
 
 struct ReplaySettings {
-  std::string file;
+  std::string file;  // "-" for standard input
   double speed = 1;  // 2: twice as fast as recorded
   bool noTiming = false;
 };
 // Sends the messages of the file as they were recorded, header included, except those that set up
-// a connection.
+// a connection. A file on disk is checked as a whole before anything is sent.
 void replay(BusConnection& connection, const ReplaySettings& settings);
 
 }  // namespace valtor

@@ -352,16 +352,17 @@ void addRecord(CLI::App& app, Request& request) {
     Limits limits;
   };
   const auto texts = std::make_shared<Texts>();
-  command->add_option("FILE", texts->settings.file, "a new file")->required();
+  command->add_option("FILE", texts->settings.file, "a new file, or - for standard output")
+      ->required();
   command->add_flag("--overwrite", texts->settings.overwrite, "replace the file if it exists");
   texts->filter.addTo(*command);
   texts->limits.addTo(*command);
   command->callback([texts, &request] {
-    request.command = [texts](BusConnection& connection, Output& /*output*/) {
+    request.command = [texts](BusConnection& connection, Output& output) {
       texts->settings.filter = texts->filter.filter();
       texts->settings.count = texts->limits.count;
       texts->settings.timeout = texts->limits.seconds();
-      valtor::record(connection, texts->settings);
+      valtor::record(connection, texts->settings, output);
     };
   });
 }
@@ -372,7 +373,7 @@ void addReplay(CLI::App& app, Request& request) {
                                  "  valtor-bus replay --speed 10 evening.rec\n"
                                  "  valtor-bus replay --no-timing evening.rec\n");
   const auto settings = std::make_shared<valtor::ReplaySettings>();
-  command->add_option("FILE", settings->file, "a recording")->required();
+  command->add_option("FILE", settings->file, "a recording, or - for standard input")->required();
   auto* speed = command->add_option("--speed", settings->speed, "2 is twice as fast as recorded")
                     ->type_name("FACTOR")
                     ->check(CLI::PositiveNumber.description(""))
