@@ -1,11 +1,14 @@
+#include <array>
+#include <cerrno>
+#include <charconv>
 #include <climits>
+#include <cmath>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <fstream>
+#include <fcntl.h>
 #include <functional>
-#include <iostream>
-#include <iterator>
+#include <memory>
 #include <string>
 #include <syslog.h>
 #include <unistd.h>
@@ -13,8 +16,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "app/util/ErrnoText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
+#include "valtor-bus/JSONText.h"
 #include "valtor-bus/NumberRanges.h"
 
 namespace {
@@ -25,9 +30,31 @@ using valtor::ExitCode;
 using valtor::MessageKind;
 using valtor::Output;
 
-// Checks without the names that help would show beside each option.
-CLI::Validator notNegative() { return CLI::NonNegativeNumber.description(""); }
-CLI::Validator from(int first, int last) { return CLI::Range(first, last).description(""); }
+// The checks of numbers rewrite what they let through: the library would read 010 as 8, and take
+// -1 for a size and "nan" for a time.
+template <class Number>
+CLI::Validator numberCheck(const std::string& name, Number first, Number last) {
+  const auto check = [=](std::string& text) -> std::string {
+    Number number{};
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (result.ec != std::errc() || result.ptr != text.data() + text.size() ||
+        !(number >= first && number <= last)) {
+      return "\"" + valtor::excerpt(text) + "\" is no " + name;
+    }
+    if constexpr (std::is_integral_v<Number>) {
+      text = std::to_string(number);
+    }
+    return "";
+  };
+  return {check, ""};
+}
+
+CLI::Validator whole(int first, int last = INT_MAX) {
+  return numberCheck("whole number from " + std::to_string(first) +
+                         (last == INT_MAX ? "" : " to " + std::to_string(last)),
+                     first, last);
+}
+CLI::Validator seconds() { return numberCheck("number of seconds", 0.0, 1e9); }
 
 // What was asked for: a command, run once the whole command line has been understood.
 struct Request {
@@ -59,10 +86,12 @@ struct Limits {
   double timeout = -1;
 
   void addTo(CLI::App& app) {
-    app.add_option("--count", count, "end after so many messages");
+    app.add_option("--count", count, "end after so many messages")
+        ->type_name("NUMBER")
+        ->transform(whole(1));
     app.add_option("--timeout", timeout, "end after so many seconds")
         ->type_name("SECONDS")
-        ->check(notNegative());
+        ->transform(::seconds());
   }
   std::optional<double> seconds() const {
     return timeout < 0 ? std::nullopt : std::optional<double>(timeout);
@@ -105,13 +134,23 @@ valtor::MessageFilter FilterTexts::filter() const {
 
 // The content of a file, or of standard input for "-".
 std::string contentOf(const std::string& file) {
-  if (file == "-") {
-    return {std::istreambuf_iterator<char>(std::cin), {}};
+  struct Closer {
+    void operator()(std::FILE* stream) const { std::fclose(stream); }  // NOLINT(*-owning-memory)
+  };
+  const bool fromInput = file == "-";
+  const std::unique_ptr<std::FILE, Closer> stream(
+      fromInput ? fdopen(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "r")
+                : std::fopen(file.c_str(), "re"));
+  std::string content;
+  std::array<char, 65536> part{};
+  std::size_t count = 1;
+  while (stream && count > 0) {
+    count = std::fread(part.data(), 1, part.size(), stream.get());
+    content.append(part.data(), count);
   }
-  std::ifstream stream(file, std::ios::binary);
-  std::string content(std::istreambuf_iterator<char>(stream), {});
-  if (!stream.is_open() || stream.bad()) {
-    throw CommandFailure(ExitCode::Refused, "cannot read " + file);
+  if (!stream || std::ferror(stream.get()) != 0) {
+    throw CommandFailure(ExitCode::Refused, "cannot read " + (fromInput ? "standard input" : file) +
+                                                ": " + valtor::errnoText(errno));
   }
   return content;
 }
@@ -129,7 +168,7 @@ CLI::App* addCommand(CLI::App& app, const char* name, const char* text,
 void addTimeout(CLI::App& app, double& timeout) {
   app.add_option("--timeout", timeout, "seconds to wait for the answer")
       ->type_name("SECONDS")
-      ->check(notNegative())
+      ->transform(seconds())
       ->capture_default_str();
 }
 
@@ -192,7 +231,7 @@ struct SendTexts {
 void addSendOptions(CLI::App& command, SendTexts& texts) {
   command.add_option("--dest", texts.settings.destination, "connection id of the addressee")
       ->type_name("ID")
-      ->check(from(0, INT_MAX));
+      ->transform(whole(0));
   command.add_flag("--no-wait", texts.noWait, "send and wait for no answer");
   addTimeout(command, texts.settings.timeout);
 }
@@ -268,6 +307,8 @@ void addSend(CLI::App& app, Request& request) {
                                     "a JSON object, or - for standard input; an \"id\" is added");
   command->add_option("--file", texts->file, "read the body from a file")->excludes(given);
   command->add_option("--answers", texts->settings.answers, "how many answers to wait for")
+      ->type_name("NUMBER")
+      ->transform(whole(1))
       ->capture_default_str();
   addSendOptions(*command, *texts);
   runSend(*command, texts, request, [](SendTexts& all) {
@@ -376,7 +417,7 @@ void addReplay(CLI::App& app, Request& request) {
   command->add_option("FILE", settings->file, "a recording, or - for standard input")->required();
   auto* speed = command->add_option("--speed", settings->speed, "2 is twice as fast as recorded")
                     ->type_name("FACTOR")
-                    ->check(CLI::PositiveNumber.description(""))
+                    ->transform(numberCheck("factor above 0", 1e-9, 1e9))
                     ->capture_default_str();
   command->add_flag("--no-timing", settings->noTiming, "as fast as it goes")->excludes(speed);
   command->callback([settings, &request] {
@@ -388,16 +429,22 @@ void addReplay(CLI::App& app, Request& request) {
 
 void addAll(CLI::App& app, Request& request) {
   app.set_version_flag("--version", "valtor-bus " VALTOR_VERSION);
-  app.add_option("--host", request.bus.host, "the message node's host")->capture_default_str();
+  app.add_option("--host", request.bus.host, "the message node's host")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return std::string(text.empty() ? "a name is needed" : "");
+          },
+          ""))
+      ->capture_default_str();
   app.add_option("--port", request.bus.port, "its TCP port")
       ->type_name("PORT")
-      ->check(from(1, 65535))
+      ->transform(whole(1, 65535))
       ->capture_default_str();
   app.add_option("--name", request.bus.name, "name to log in with")->capture_default_str();
   app.add_option("--conn-id", request.bus.connID,
                  "connection id to log in with; by default 20000 to 29999, from the process id")
       ->type_name("ID")
-      ->check(from(1, INT_MAX));
+      ->transform(whole(1));
   app.require_subcommand(1);
   app.fallthrough();
   addWatch(app, request);
