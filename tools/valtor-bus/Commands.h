@@ -33,7 +33,8 @@ struct GetSettings {
   std::string path = "device";
   double timeout = kAnswerTime;
 };
-// Asks for objects and prints their values as one JSON object.
+// Asks for objects and prints their values as one JSON object. Lists of several participants are
+// joined.
 void get(BusConnection& connection, const GetSettings& settings, Output& output);
 
 struct SendSettings {
@@ -44,12 +45,16 @@ struct SendSettings {
   std::size_t answers = 1;  // how many to wait for; 0 waits for none
   double timeout = kAnswerTime;
   bool summary = false;  // print status and "param" of the answer instead of its whole body
+  std::string hint = "What is done without an answer needs --no-wait.";  // for no answer
 };
-// Sends one message, and prints the answers that it waits for.
+// Sends one message, and prints the answers that it waits for. With summary the first that is no
+// refusal counts; without it refusals are counted and printed too, and it fails at the end.
 void sendMessage(BusConnection& connection, const SendSettings& settings, Output& output);
 
-// The body of a SET or UPDATE: its "param" is the one JSON object of the texts, or made of
-// NAME=VALUE texts, where a value that is not JSON counts as a string.
+// The body of a SET or UPDATE, with the text of a JSON object as "param"; the origin is for errors.
+std::string paramBody(const std::string& object, const std::string& origin);
+// The same from arguments: one JSON object, or NAME=VALUE texts, where a value that is not JSON
+// counts as text unless it begins like JSON.
 std::string paramBody(const std::vector<std::string>& texts);
 // The body of a DEL.
 std::string deletionBody(const std::string& base, const std::vector<std::string>& names);
@@ -75,9 +80,11 @@ struct RouteSettings {
   bool noWait = false;
   double timeout = kAnswerTime;
 };
-// Switches every destination on every level to the one source, or to one source a level.
+// Switches every destination on every level to the one source, or to one source a level in the
+// order in which they are written. Fails when any router refuses.
 void takeRoute(BusConnection& connection, const RouteSettings& settings, Output& output);
-// Prints what feeds the destinations: a line for each destination and level.
+// Prints what feeds the destinations: a line for each destination and level. Fails when something
+// that was asked for is in no answer.
 void queryRoute(BusConnection& connection, const RouteSettings& settings, Output& output);
 
 struct RecordSettings {

@@ -112,6 +112,14 @@ JSONMembers membersOfJSON(const std::string& object) {
   return members;
 }
 
+std::string objectOfJSON(const JSONMembers& members) {
+  std::string text = "{";
+  for (const auto& [name, value] : members) {
+    text.append(text.size() == 1 ? "" : ",").append(name).append(":").append(value);
+  }
+  return text + "}";
+}
+
 std::string memberOfJSON(const std::string& object, const std::string& name) {
   const std::string quoted = quotedJSON(name);
   for (const auto& [key, value] : membersOfJSON(object)) {

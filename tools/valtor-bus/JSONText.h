@@ -21,6 +21,8 @@ std::string faultInJSON(const std::string& text);
 // both as they are spelt. None for JSON that is no object.
 using JSONMembers = std::vector<std::pair<std::string, std::string>>;
 JSONMembers membersOfJSON(const std::string& object);
+// The object with these members.
+std::string objectOfJSON(const JSONMembers& members);
 // The value of the first member with the name, upper and lower case being the same; or "".
 std::string memberOfJSON(const std::string& object, const std::string& name);
 

@@ -236,25 +236,29 @@ void addSendOptions(CLI::App& command, SendTexts& texts) {
   addTimeout(command, texts.settings.timeout);
 }
 
-// Runs a send whose body the function makes.
+// Runs a send whose body the function makes, before there is a connection: a body that somebody
+// types takes its time.
 void runSend(CLI::App& command, const std::shared_ptr<SendTexts>& texts, Request& request,
              const std::function<void(SendTexts&)>& complete) {
   command.callback([texts, &request, complete] {
-    request.command = [texts, complete](BusConnection& connection, Output& output) {
-      complete(*texts);
-      texts->settings.answers = texts->noWait ? 0 : texts->settings.answers;
+    complete(*texts);
+    texts->settings.answers = texts->noWait ? 0 : texts->settings.answers;
+    request.command = [texts](BusConnection& connection, Output& output) {
       valtor::sendMessage(connection, texts->settings, output);
     };
   });
 }
 
-void addChange(CLI::App& app, Request& request, MessageKind kind, const std::string& name) {
+void addChange(CLI::App& app, Request& request, MessageKind kind) {
+  const bool sets = kind == MessageKind::SET;
   CLI::App* command =
-      addCommand(app, name.c_str(),
-                 kind == MessageKind::SET ? "Set objects to new values." : "Add or change objects.",
-                 "  valtor-bus " + name + " --path system mdxMasterState=standby\n" +
-                     "  valtor-bus " + name + " '{\"connectionPoint\":[...]}' --no-wait\n" +
-                     "  valtor-bus " + name + " --file points.json\n");
+      sets ? addCommand(app, "set", "Set objects to new values.",
+                        "  valtor-bus set --file points.json\n"
+                        "  valtor-bus set '{\"connectionPoint\":[...]}'\n"
+                        "  valtor-bus set --path system time=1\n")
+           : addCommand(app, "update", "Add or change objects.",
+                        "  valtor-bus update --no-wait --file points.json\n"
+                        "  valtor-bus update --no-wait '{\"connectionPoint\":[...]}'\n");
   const auto texts = std::make_shared<SendTexts>();
   auto* values =
       command->add_option("VALUE", texts->values,
@@ -270,9 +274,13 @@ void addChange(CLI::App& app, Request& request, MessageKind kind, const std::str
     const bool fromInput = all.values.size() == 1 && all.values.front() == "-";
     all.settings.kind = kind;
     all.settings.summary = true;
-    all.settings.body = valtor::paramBody(!all.file.empty() || fromInput
-                                              ? std::vector{contentOf(fromInput ? "-" : all.file)}
-                                              : all.values);
+    if (kind == MessageKind::UPDATE) {
+      all.settings.hint =
+          "The daemon does not answer an UPDATE of connection points: use --no-wait, then status.";
+    }
+    all.settings.body = fromInput          ? valtor::paramBody(contentOf("-"), "standard input")
+                        : all.file.empty() ? valtor::paramBody(all.values)
+                                           : valtor::paramBody(contentOf(all.file), all.file);
   });
 }
 
@@ -288,6 +296,7 @@ void addDelete(CLI::App& app, Request& request) {
   runSend(*command, texts, request, [](SendTexts& all) {
     all.settings.kind = MessageKind::DEL;
     all.settings.summary = true;
+    all.settings.hint = "Nothing has that name, or it may not be deleted: see status.";
     all.settings.body = valtor::deletionBody(all.base, all.values);
   });
 }
@@ -351,14 +360,14 @@ void addStatus(CLI::App& app, Request& request) {
 void addRoute(CLI::App& app, Request& request) {
   CLI::App* route = addCommand(app, "route", "Take and query routes.",
                                "  valtor-bus route take --dest 1-16 --level 0,2-5 --source 7\n"
-                               "  valtor-bus route query --dest 0-4095 --level 0\n");
+                               "  valtor-bus route query --dest 1-128 --level 0\n");
   route->require_subcommand(1);
   const auto settings = std::make_shared<valtor::RouteSettings>();
   CLI::App* take = addCommand(*route, "take", "Switch destinations to a source.",
                               "  valtor-bus route take --dest 1-16 --level 0,2-5 --source 7\n"
                               "  valtor-bus route take --dest 4 --level 0-2 --source 7,8,9\n");
   CLI::App* query = addCommand(*route, "query", "Ask what feeds destinations.",
-                               "  valtor-bus route query --dest 0-4095 --level 0\n"
+                               "  valtor-bus route query --dest 1-128 --level 0\n"
                                "  valtor-bus route query --dest 1,5 --level 0-63 --json\n");
   for (CLI::App* command : {take, query}) {
     command->add_option("--dest", settings->destinations, "destinations, such as 1-16")->required();
@@ -366,8 +375,12 @@ void addRoute(CLI::App& app, Request& request) {
         ->capture_default_str();
     addTimeout(*command, settings->timeout);
   }
-  take->add_option("--source", settings->sources, "the source, or one for each level")->required();
-  take->add_option("--user-id", settings->userID, "the user in whose name it is done");
+  take->add_option("--source", settings->sources,
+                   "the source, or one for each level as they are written")
+      ->required();
+  take->add_option("--user-id", settings->userID, "the user in whose name it is done")
+      ->type_name("ID")
+      ->transform(whole(INT_MIN));
   take->add_flag("--machine-control", settings->machineControl, "take machine control along");
   take->add_flag("--no-wait", settings->noWait, "send and wait for no answer");
   query->add_flag("--json", settings->json, "the answer's value as it is");
@@ -449,8 +462,8 @@ void addAll(CLI::App& app, Request& request) {
   app.fallthrough();
   addWatch(app, request);
   addGet(app, request);
-  addChange(app, request, MessageKind::SET, "set");
-  addChange(app, request, MessageKind::UPDATE, "update");
+  addChange(app, request, MessageKind::SET);
+  addChange(app, request, MessageKind::UPDATE);
   addDelete(app, request);
   addSend(app, request);
   addStatus(app, request);
