@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
   occupyStandardDescriptors();
   std::signal(SIGPIPE, SIG_IGN);  // a console pipe without a reader must not end the daemon
   valtor::initConsole();
+  valtor::keepConsoleFromBlocking();
 
   setlogmask(LOG_UPTO(LOG_INFO));
   const bool skipDatabase = valtor::followCommandLine(argc, argv);

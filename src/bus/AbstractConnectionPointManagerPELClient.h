@@ -30,7 +30,8 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
   void onConnectionStateChanged(int state, const std::string& reason) override;
   JSONPtr buildLoginParameters() override;
 
-  // Told about every role on the bus: true for "standby".
+  // Told about every role on the bus: true for "standby". When it answers with an error or throws,
+  // whoever sent the role is answered 400 instead of 200.
   virtual std::error_code setSkipDatabase(bool skip) = 0;
 
   void addHandler(std::unique_ptr<IPellaInternalProtocolHandler> handler);

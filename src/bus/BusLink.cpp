@@ -22,6 +22,7 @@ std::optional<std::vector<BusLink::SendResult>> BusLink::open(
   shownDescriptor_ = socket_.get();
   ++number_;
   tail_.clear();
+  lastTaken_ = std::chrono::steady_clock::now();
   state_ = 1;
   std::vector<SendResult> results;
   for (const std::string& first : firstFrames()) {
@@ -33,7 +34,7 @@ std::optional<std::vector<BusLink::SendResult>> BusLink::open(
 BusLink::SendResult BusLink::send(const std::string& frame, uint32_t link, int retryBudget) {
   const Locked lock(sendLock_);
   if (closing_ || state_ != 1 || number_ != link || !socket_.valid()) {
-    return {Send::NotConnected, 0, 0, 0};
+    return {};
   }
   return write(frame, retryBudget);
 }
@@ -75,6 +76,7 @@ BusLink::SendResult BusLink::writeBytes(const char* data, std::size_t size, int&
         ::send(socket_.get(), data + result.sent, size - result.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) {
       result.sent += static_cast<std::size_t>(count);
+      lastTaken_ = std::chrono::steady_clock::now();
       std::this_thread::sleep_for(kPause);
     } else if (errno == EAGAIN) {
       std::this_thread::sleep_for(kFullPause);
@@ -87,7 +89,12 @@ BusLink::SendResult BusLink::writeBytes(const char* data, std::size_t size, int&
       return result;
     }
   }
-  result.outcome = result.sent == size ? Send::Sent : Send::BudgetExhausted;
+  if (result.sent < size) {
+    result.outcome = Send::BudgetExhausted;
+    result.stalled = std::chrono::steady_clock::now() - lastTaken_;
+    return result;
+  }
+  result.outcome = Send::Sent;
   return result;
 }
 
@@ -105,6 +112,13 @@ void BusLink::shutdownSocket() {
   const Locked lock(sendLock_);
   if (socket_.valid()) {
     // A bare close would leave a reader blocked and free the number for somebody else.
+    ::shutdown(socket_.get(), SHUT_RDWR);
+  }
+}
+
+void BusLink::shutdownLink(uint32_t link) {
+  const Locked lock(sendLock_);
+  if (socket_.valid() && number_ == link) {
     ::shutdown(socket_.get(), SHUT_RDWR);
   }
 }

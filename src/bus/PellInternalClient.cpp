@@ -95,7 +95,7 @@ int PellInternalClient::sendConstMessage(const PellInternalMessage& message) {
 }
 
 int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourceConnID) {
-  BusLink::SendResult result{BusLink::Send::NotConnected, 0, 0, 0};
+  BusLink::SendResult result;
   const uint32_t link = link_.number();
   if (isConnected()) {
     result = link_.send(frame(message.encodeFrom(sourceConnID)), link, sendRetryBudget_);
@@ -105,6 +105,11 @@ int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourc
     return 0;
   }
   reportSendFailure(result);
+  if (timing_.stall.count() > 0 && result.stalled > timing_.stall) {
+    syslog(LOG_WARNING, "PellInternalClient %s: socket %d takes nothing. Closing.\n",
+           nameForLog(name_).c_str(), link_.shownDescriptor());
+    link_.shutdownLink(link);
+  }
   return result.outcome == BusLink::Send::Sent ? 0 : -1;
 }
 
@@ -193,8 +198,13 @@ int PellInternalClient::connect() {
     return isConnected() ? 0 : -1;
   }
   link_.endClosing();
-  const int result = attemptConnection(timing_.ownerAttempt);
-  return startThreads() ? result : -1;
+  try {
+    const int result = attemptConnection(timing_.ownerAttempt);
+    return startThreads() ? result : -1;
+  } catch (...) {
+    stopThreads("connect failed");  // a link that stands has nobody who reads it
+    throw;
+  }
 }
 
 // Once per endpoint: owners try again whenever a description is reloaded.

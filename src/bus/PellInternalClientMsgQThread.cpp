@@ -18,8 +18,9 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
     try {
       found = handleBatch();
     } catch (const std::exception& error) {
-      syslog(LOG_ERR, "PellInternalMsgQThread: received bytes of %s are lost: %s\n",
-             nameForLog(client_.name_).c_str(), error.what());
+      // Without an allocation: there may be no memory still.
+      syslog(LOG_ERR, "PellInternalMsgQThread: received bytes of %.1024s are lost: %s\n",
+             client_.name_.c_str(), error.what());
       batch_ = std::vector<char>();
       client_.parser_.reset();
     }

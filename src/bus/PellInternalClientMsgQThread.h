@@ -19,6 +19,8 @@ class PellInternalClientMsgQThread : public MyThreadClass {
 
   // Chunks are taken while the batch holds at most this many bytes.
   static constexpr std::size_t kBatchBytes = 10485760;
+  // A batch ends, with a warning, when this many chunks were taken since it last happened; the
+  // count goes on from batch to batch, so it happens at any load.
   static constexpr uint32_t kDrainedLimit = 100;
   static constexpr std::chrono::microseconds kBatchPause{100};
   static constexpr std::chrono::microseconds kIdlePause{10000};

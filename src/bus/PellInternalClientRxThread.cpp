@@ -28,10 +28,9 @@ void PellInternalClientRxThread::InternalThreadEntry() {
       }
     } catch (const std::exception& error) {
       // A hook or an allocation failed. Received bytes may be lost, so a link that stands is given
-      // up; the next one starts clean.
-      syslog(LOG_ERR, "PellInternalRxThread: %s: %s\n", nameForLog(client_.name_).c_str(),
-             error.what());
+      // up; the next one starts clean. Nothing here may allocate: there may be no memory still.
       client_.link_.shutdownSocket();
+      syslog(LOG_ERR, "PellInternalRxThread: %.1024s: %s\n", client_.name_.c_str(), error.what());
       client_.sleepUnlessClosing(client_.timing().reconnectDelay);
     }
   }
@@ -65,13 +64,10 @@ void PellInternalClientRxThread::readOnce() {
     syslog(LOG_ERR, "PellInternalClient, invalid sockfd.");
     return;
   }
-  if (!chunk_) {
-    chunk_ = std::make_unique_for_overwrite<ReceivedChunk>();
-  }
-  const ssize_t count = ::recv(descriptor, chunk_->data.data(), chunk_->data.size(), 0);
+  const ssize_t count = ::recv(descriptor, buffer_.data(), buffer_.size(), 0);
   const int error = errno;
   if (count > 0) {
-    handleData(static_cast<int32_t>(count));
+    handleData(static_cast<std::size_t>(count));
   } else if (!goesOn()) {
     return;
   } else if (count == 0) {
@@ -83,15 +79,13 @@ void PellInternalClientRxThread::readOnce() {
   }
 }
 
-void PellInternalClientRxThread::handleData(int32_t length) {
+void PellInternalClientRxThread::handleData(std::size_t length) {
   timeoutCount_ = 0;
-  chunk_->length = length;
-  chunk_->link = client_.link_.number();
   if (queueLimit_ == 0) {
     pauseWhileFull();
-    client_.queue_.push(std::move(chunk_), SIZE_MAX);
-  } else if (client_.queue_.hasRoom(queueLimit_)) {
-    client_.queue_.push(std::move(chunk_), queueLimit_);
+  }
+  if (queueLimit_ == 0 || client_.queue_.hasRoom({queueLimit_})) {
+    client_.queue_.push({client_.link_.number(), std::string(buffer_.data(), length)});
   } else {
     syslog(LOG_WARNING,
            "PellInternalRxThread: WARNING! Received messages exceed RX max queue size %d!\n",
@@ -105,13 +99,14 @@ void PellInternalClientRxThread::handleData(int32_t length) {
 }
 
 void PellInternalClientRxThread::pauseWhileFull() {
-  if (client_.queue_.hasRoom(kPauseChunks)) {
+  if (client_.queue_.hasRoom({kPauseChunks, kPauseBytes})) {
     return;
   }
-  syslog(LOG_WARNING, "PellInternalRxThread: %s: %u chunks wait to be handled, reading pauses.\n",
-         nameForLog(client_.name_).c_str(), kPauseChunks);
+  syslog(LOG_WARNING,
+         "PellInternalRxThread: %s: %u chunks or %zu bytes wait to be handled, reading pauses.\n",
+         nameForLog(client_.name_).c_str(), kPauseChunks, kPauseBytes);
   // Half of the queue, so that an episode is one pause and one warning, not one per chunk.
-  client_.queue_.waitForRoom(kPauseChunks / 2, [this] { return !goesOn(); });
+  client_.queue_.waitForRoom({kPauseChunks / 2, kPauseBytes / 2}, [this] { return !goesOn(); });
 }
 
 void PellInternalClientRxThread::handleEnd(int descriptor) {

@@ -1,8 +1,9 @@
 #pragma once
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
-#include <memory>
 
 #include "bus/MyThreadClass.h"
 #include "bus/ReceiveQueue.h"
@@ -16,11 +17,13 @@ class PellInternalClient;
 // or when nothing arrives for too long. It does not parse. The client owns it and outlives it.
 class PellInternalClientRxThread : public MyThreadClass {
  public:
-  // A queue limit of 0 means that reading pauses while kPauseChunks wait; any other limit means
-  // that what is read beyond it is lost, with a warning.
+  // A queue limit of 0 means that reading pauses while kPauseChunks or kPauseBytes wait; any other
+  // limit, in chunks, means that what is read beyond it is lost, with a warning.
   PellInternalClientRxThread(PellInternalClient& client, uint32_t queueLimit);
 
   static constexpr uint32_t kPauseChunks = 8000;
+  // Dozens of routers may be behind at once on a small machine.
+  static constexpr std::size_t kPauseBytes = 8 << 20;
   // Keep-alives go out from this many consecutive time-outs on.
   static constexpr uint32_t kKeepAliveTimeouts = 5;
   // This many consecutive time-outs end the link.
@@ -35,7 +38,7 @@ class PellInternalClientRxThread : public MyThreadClass {
   bool goesOn();
   void keepConnected();
   void readOnce();
-  void handleData(int32_t length);
+  void handleData(std::size_t length);
   void handleEnd(int descriptor);
   void handleTimeout(int descriptor);
   void handleError(int error);
@@ -45,7 +48,7 @@ class PellInternalClientRxThread : public MyThreadClass {
   PellInternalClient& client_;
   uint32_t timeoutCount_ = 0;
   const uint32_t queueLimit_;
-  std::unique_ptr<ReceivedChunk> chunk_;
+  std::array<char, 15360> buffer_;
   Clock::time_point lastKeepAlive_{};
   Clock::time_point nextAttempt_{};
 };

@@ -57,7 +57,7 @@ class PellInternalHeader {
   PellInternalHeader& operator=(PellInternalHeader&&) = default;
 
   MessageKind kind = MessageKind::Unknown;
-  int32_t sourceConnID = 0;  // connection id of the sending client; 0 until the message is sent
+  int32_t sourceConnID = 0;  // sender's connection id as received; sending leaves it as it is
   int32_t destConnID = 0;    // connection id of the addressee; 0 for requests and notifications
   std::string path;          // the object path, such as "system.connection"
   timespec scheduledTime{};  // both parts 0: not scheduled

@@ -16,9 +16,10 @@ namespace valtor {
 std::string frame(const std::string& payload);
 
 // Cuts an arbitrary byte stream back into messages, whatever the sizes of the reads, and hands them
-// on in batches. It recovers from every broken frame by looking for the next separator and says in
-// the log what it dropped; it never closes a connection. One per connection, driven by one thread
-// at a time; it takes no lock and the callback runs on the caller's thread.
+// on in batches. It recovers from every broken frame by looking for the next separator. A bad
+// length, end or header is logged; stray bytes where a length is looked for go without a word. It
+// never closes a connection. One per connection, driven by one thread at a time; it takes no lock
+// and the callback runs on the caller's thread.
 class PellInternalStreamParser {
  public:
   using MessageCallback = std::function<void(std::vector<PellInternalMessage>)>;

@@ -4,23 +4,25 @@
 
 namespace valtor {
 
-bool ReceiveQueue::push(std::unique_ptr<ReceivedChunk> chunk, std::size_t limit) {
+void ReceiveQueue::push(ReceivedChunk chunk) {
   const Locked lock(lock_);
-  if (chunks_.size() >= limit) {
-    return false;
-  }
+  const std::size_t size = chunk.bytes.size();
   chunks_.push_back(std::move(chunk));
-  return true;
+  bytes_ += size;
 }
 
-bool ReceiveQueue::hasRoom(std::size_t limit) const {
-  const Locked lock(lock_);
-  return chunks_.size() < limit;
+bool ReceiveQueue::fits(Limits limits) const {
+  return chunks_.size() < limits.chunks && bytes_ < limits.bytes;
 }
 
-void ReceiveQueue::waitForRoom(std::size_t limit, const std::function<bool()>& giveUp) {
+bool ReceiveQueue::hasRoom(Limits limits) const {
   const Locked lock(lock_);
-  while (chunks_.size() >= limit && !giveUp()) {
+  return fits(limits);
+}
+
+void ReceiveQueue::waitForRoom(Limits limits, const std::function<bool()>& giveUp) {
+  const Locked lock(lock_);
+  while (!fits(limits) && !giveUp()) {
     room_.wait(lock_);
   }
 }
@@ -35,12 +37,13 @@ ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t by
   Batch batch;
   const Locked lock(lock_);
   while (!chunks_.empty() && buffer.size() <= byteBound) {
-    const ReceivedChunk& chunk = *chunks_.front();
+    const ReceivedChunk& chunk = chunks_.front();
     if (batch.chunks > 0 && chunk.link != batch.link) {
       break;
     }
     batch.link = chunk.link;
-    buffer.insert(buffer.end(), chunk.data.data(), chunk.data.data() + chunk.length);
+    buffer.insert(buffer.end(), chunk.bytes.begin(), chunk.bytes.end());
+    bytes_ -= chunk.bytes.size();
     chunks_.pop_front();
     ++batch.chunks;
     if (++drained % drainedLimit == 0) {
@@ -56,6 +59,7 @@ ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t by
 void ReceiveQueue::clear() {
   const Locked lock(lock_);
   chunks_.clear();
+  bytes_ = 0;
   room_.notify_all();
 }
 

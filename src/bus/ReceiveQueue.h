@@ -1,11 +1,11 @@
 #pragma once
 
-#include <array>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <memory>
+#include <string>
 #include <vector>
 
 #include "app/util/Mutex.h"
@@ -14,15 +14,12 @@ namespace valtor {
 
 // The bytes of one successful read, and the number of the link that they came over.
 struct ReceivedChunk {
-  static constexpr int kCapacity = 15360;
-
-  int32_t length = 0;
   uint32_t link = 0;
-  std::array<char, kCapacity> data;
+  std::string bytes;
 };
 
 // What the receive thread has read and the message-queue thread has not yet taken, in order. Its
-// lock is a leaf, held only while chunks move. A chunk is allocated once and moves as a pointer.
+// lock is a leaf, held only while chunks move.
 class ReceiveQueue {
  public:
   struct Batch {
@@ -31,13 +28,19 @@ class ReceiveQueue {
     bool limitReached = false;  // ended by the limit of the drained count
   };
 
-  // Appends the chunk unless the queue holds limit chunks already; whether it was appended.
-  bool push(std::unique_ptr<ReceivedChunk> chunk, std::size_t limit);
+  // What a queue holds at most. The chunk that reaches a limit still fits.
+  struct Limits {
+    std::size_t chunks = SIZE_MAX;
+    std::size_t bytes = SIZE_MAX;
+  };
 
-  // Blocks while the queue holds limit chunks, until there is room or giveUp answers true (asked
-  // under the lock, again after every wake()).
-  void waitForRoom(std::size_t limit, const std::function<bool()>& giveUp);
-  bool hasRoom(std::size_t limit) const;
+  // Appends the chunk, whatever waits already.
+  void push(ReceivedChunk chunk);
+  // Whether neither limit is reached.
+  bool hasRoom(Limits limits) const;
+  // Blocks until there is room or giveUp answers true (asked under the lock, again after every
+  // wake()).
+  void waitForRoom(Limits limits, const std::function<bool()>& giveUp);
   void wake();
 
   // Appends the front chunks' bytes to the buffer while it holds at most byteBound bytes. Ends
@@ -49,9 +52,12 @@ class ReceiveQueue {
   void clear();
 
  private:
+  bool fits(Limits limits) const VALTOR_REQUIRES(lock_);
+
   mutable Mutex lock_;
   std::condition_variable_any room_;
-  std::deque<std::unique_ptr<ReceivedChunk>> chunks_ VALTOR_GUARDED_BY(lock_);
+  std::deque<ReceivedChunk> chunks_ VALTOR_GUARDED_BY(lock_);
+  std::size_t bytes_ VALTOR_GUARDED_BY(lock_) = 0;  // those of all chunks
 };
 
 }  // namespace valtor

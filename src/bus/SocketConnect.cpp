@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 
@@ -40,6 +41,19 @@ int waitConnected(int socket, std::chrono::milliseconds longest,
   return ECANCELED;
 }
 
+// A connect to a port of this machine on which nobody listens may get that very port for its own
+// end and then meet itself (simultaneous open, RFC 9293 section 3.5). Such a link would stand for
+// ever, and keep the port from the node.
+bool isOwnEnd(int socket) {
+  sockaddr_storage near{};
+  sockaddr_storage far{};
+  socklen_t nearSize = sizeof near;
+  socklen_t farSize = sizeof far;
+  return getsockname(socket, reinterpret_cast<sockaddr*>(&near), &nearSize) == 0 &&
+         getpeername(socket, reinterpret_cast<sockaddr*>(&far), &farSize) == 0 &&
+         nearSize == farSize && std::memcmp(&near, &far, nearSize) == 0;
+}
+
 }  // namespace
 
 int connectWithin(int socket, const sockaddr* address, socklen_t length,
@@ -56,7 +70,7 @@ int connectWithin(int socket, const sockaddr* address, socklen_t length,
   if (fcntl(socket, F_SETFL, flags) != 0 && result == 0) {
     result = errno;
   }
-  return result;
+  return result == 0 && isOwnEnd(socket) ? ECONNREFUSED : result;
 }
 
 }  // namespace valtor

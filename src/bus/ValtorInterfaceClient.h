@@ -28,6 +28,8 @@ class ValtorInterfaceClient : public AbstractConnectionPointManagerPELClient,
 
   int getConnID() override;
   // Stores the flag; when it changed, drops all handlers (true) or loads the database (false).
+  // Never answers with an error. Throws what the loader throws; the flag is then true again, so
+  // that the next announcement of the role tries again.
   std::error_code setSkipDatabase(bool skip) override;
   // Sends the message as it is.
   int forwardMessage(const PellInternalMessage& message) override;

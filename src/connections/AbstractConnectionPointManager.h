@@ -23,7 +23,10 @@ namespace valtor {
 // The set of connection points of one type, kept by unique ID: it creates, merges, connects and
 // removes them, answers the requests on "device", keeps its own description in its container file
 // and the list of incoming clients in a file of its own. It owns its connection points; callers
-// copy the pointer for the length of a call.
+// copy the pointer for the length of a call. "Client" has two senses in the names:
+// getClientConnectionPointsJSON() and markClientsForDeletion() are about the connection points to
+// which the system connects, all else about clients that connected to it, the server connection
+// points.
 //
 // Requests, reloads and additions are the business of one thread at a time (start-up, later the
 // bus's message-queue thread); everything else may be called from any thread. The cleanup thread,

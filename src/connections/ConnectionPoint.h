@@ -21,9 +21,10 @@ class AbstractConnectionPointManager;
 
 // One place through which the system reaches an outside party: a device or a router on a line or an
 // endpoint, or a client that connected to one of the system's TCP servers (a server connection
-// point). It owns its phys and its device connections and announces every change on the bus with a
-// "NOT" on "device". Its manager owns it; callers copy the pointer for the length of a call. Sender
-// and manager outlive it.
+// point). It owns its phys and its device connections. A "NOT" on "device" announces that its
+// connection came up or went down and that it was removed, and the same of its devices; a changed
+// description by itself is not announced. Its manager owns it; callers copy the pointer for the
+// length of a call. Sender and manager outlive it.
 //
 // Any thread may call it, except that loading, update() and setEnabled() are the business of one
 // thread at a time. Its locks, outermost first: notification lock, device lock, description lock.
@@ -48,9 +49,10 @@ class ConnectionPoint : public AbstractJSONBackedData {
   virtual void setName(const std::string& name);
   virtual std::string getType() const;
 
-  // Takes over a freshly loaded description of the same connection point, which loses its phys and
-  // its unique ID. When the phys differ, disconnects first; blocks as long as disconnect() does.
-  // The caller holds none of this object's locks.
+  // Takes over a freshly loaded description of the same connection point, "enabled" included, which
+  // loses its phys and its unique ID; whatever a description gains must be taken over here. When
+  // the phys differ, disconnects first; blocks as long as disconnect() does. Announces nothing
+  // itself. The caller holds none of this object's locks.
   virtual void update(ConnectionPoint& from);
 
   // Takes the new state. On a change, every device connection follows and both are announced, with

@@ -1,11 +1,10 @@
-#include <functional>
 #include <gtest/gtest.h>
 #include <syslog.h>
 
 #include "app/ActiveDatabase.h"
 #include "app/util/OwnedJSON.h"
+#include "bus/BusSupport.h"
 #include "bus/ValtorInterfaceClient.h"
-#include "peers/MasterBus.h"
 #include "support/BridgeSite.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryFolder.h"
@@ -13,7 +12,6 @@
 namespace valtor {
 namespace {
 
-namespace fs = std::filesystem;
 using Names = std::vector<std::string>;
 
 // An interface client that is not connected, and the folders of the fixed paths. Without a router
@@ -65,30 +63,17 @@ TEST_F(ActiveDatabaseTest, ABrokenFileLeavesAManagerWithoutConnectionPoints) {
   test::writeActiveDatabase(test::routerEntry("good", "127.0.0.2", 1));
   ASSERT_EQ(load(), Names{"good"});
   const std::string path = paths().databaseDirectory + "main/connectionPoints.json";
-  const auto text = [&](const std::string& content) {
-    return [&path, content] { std::ofstream(path, std::ios::binary) << content; };
-  };
-  struct Case {
-    const char* what;
-    std::function<void()> make;
-    std::string reason;
-  };
-  for (const Case& one :
-       {Case{"missing", [] {}, "error while opening file: "}, Case{"empty", text(""), "not JSON: "},
-        Case{"binary", text(std::string("\x7f\0\xff{}", 5)), "not JSON: "},
-        Case{"cut", text("{\"connectionPoint\":[{\"type\":"), "not JSON: "},
-        Case{"nested", text(std::string(1500, '[') + std::string(1500, ']')), "not JSON: "},
-        Case{"no object", text("[]"), "not a JSON object: "},
-        Case{"no list", text("{\"connectionPoint\":{}}"), "no array \"connectionPoint\": "},
-        Case{"folder", [&] { fs::create_directory(path); }, "error while reading file: "},
-        Case{"unreadable", [&] { fs::create_symlink(path, path); },
-             "error while opening file: "}}) {
-    fs::remove_all(path);
-    one.make();
-    EXPECT_EQ(load(), Names()) << one.what;
-    EXPECT_EQ(log_.count(LOG_ERR, "Error loading DB connectionPoints: " + one.reason + path + "\n"),
-              1)
-        << one.what;
+  for (const auto& [content, reason] : std::initializer_list<std::pair<std::string, std::string>>{
+           {"", "not JSON: "},
+           {std::string("\x7f\0\xff{}", 5), "not JSON: "},
+           {R"({"connectionPoint":[{"type":)", "not JSON: "},
+           {std::string(1500, '[') + std::string(1500, ']'), "not JSON: "},
+           {"[]", "not a JSON object: "},
+           {R"({"connectionPoint":{}})", "no array \"connectionPoint\": "}}) {
+    std::ofstream(path, std::ios::binary) << content;
+    EXPECT_EQ(load(), Names()) << content;
+    EXPECT_EQ(log_.count(LOG_ERR, "Error loading DB connectionPoints: " + reason + path + "\n"), 1)
+        << content;
   }
 }
 

@@ -1,19 +1,16 @@
-#include <arpa/inet.h>
 #include <atomic>
 #include <gtest/gtest.h>
 #include <numeric>
-#include <poll.h>
-#include <sys/socket.h>
 #include <thread>
 
 #include "app/Daemon.h"
-#include "app/util/UniqueDescriptor.h"
 #include "bus/ValtorInterfaceClient.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "support/BridgeSite.h"
 #include "support/ConsoleCapture.h"
 #include "support/LogCapture.h"
 #include "support/Repeat.h"
+#include "support/ScriptedNode.h"
 #include "support/TemporaryFolder.h"
 
 namespace valtor::test {
@@ -27,15 +24,8 @@ class DaemonTest : public testing::Test {
  protected:
   DaemonTest() {
     folder.becomePathPrefix();
-    listRouters();
+    writeActiveDatabase(site.alphaEntry() + "," + site.betaEntry());
   }
-  void TearDown() override {
-    if (HasFailure()) {
-      std::fputs(console.text().c_str(), stderr);  // the report of the failure is in there
-    }
-  }
-
-  void listRouters() { writeActiveDatabase(site.alphaEntry() + "," + site.betaEntry()); }
   void startDaemon(bool skipDatabase = false) {
     daemon = std::make_unique<Daemon>(skipDatabase, "127.0.0.1", site.controller->port());
     daemon->start();
@@ -90,38 +80,19 @@ TEST_F(DaemonTest, StartUpTriesTheBusInstallsThePeerManagerAndThenLoadsTheDataba
   std::filesystem::remove(paths().databaseDirectory + "activeDatabase.json");
   (*site.controller)->stopListening();
   startDaemon();
-  std::string order;
+  std::string all;
   for (const LogLine& line : log.lines()) {
-    for (const char* part : {"connect error", "active database", "DB connectionPoints"}) {
-      order += line.text.find(part) != std::string::npos ? std::string(part) + "," : "";
-    }
+    all += line.text;
   }
-  EXPECT_EQ(order.rfind("connect error,", 0), 0U) << order;
-  EXPECT_LT(order.find("active database,"), order.find("DB connectionPoints,")) << order;
-  EXPECT_NE(order.find("DB connectionPoints,"), std::string::npos) << order;
+  const std::size_t database = all.find("active database");
+  EXPECT_LT(all.find("connect error"), database) << all;
+  EXPECT_LT(database, all.find("DB connectionPoints")) << all;
+  EXPECT_EQ(log.countContaining("DB connectionPoints"), 1);
   EXPECT_NE(routerPeerManager(), nullptr);
   EXPECT_FALSE(daemon->client().hasNoHandlers());
   (*site.controller)->startListening();  // the client comes by itself, with what it offers by now
   EXPECT_TRUE(BridgeSite::becomesLinked(*site.controller));
   EXPECT_EQ(site.controller->countEvents("name=valtorRemote id=101 interface=[{"), 1U);
-}
-
-TEST_F(DaemonTest, BytesCrossTheBridgeUnchangedBothWays) {
-  startDaemon();
-  ASSERT_TRUE(site.becomesComplete());
-  int number = 0;
-  for (
-      const std::string& body : std::vector<std::string>{
-          "{ \"id\" :\t\"spaced\" ,\r\n \"list\":[ 1 ,2 ] }  ", "no JSON at all", "",
-          R"({"big":12345678901234567890123,"small":-0.0,"exp":1E+2,"long":0.1000000000000000001})",
-          R"({"text":"\u00e9\ud83d\ude00 \/ é","text":"twice","Text":null})",
-          "{\"tail\":1} and more", std::string(300000, ' ') + "[]"}) {
-    const std::string rest = std::to_string(++number) + ", 0]\n" + body;
-    EXPECT_TRUE(
-        BridgeSite::crosses(*site.controller, *site.alpha, R"(["CMD", "route", 490, )" + rest));
-    EXPECT_TRUE(
-        BridgeSite::crosses(*site.alpha, *site.controller, R"(["RSP", "route", 100, )" + rest));
-  }
 }
 
 TEST_F(DaemonTest, EverythingEndsWhileTrafficFlowsBothWays) {
@@ -146,49 +117,31 @@ TEST_F(DaemonTest, EverythingEndsWhileTrafficFlowsBothWays) {
   }
 }
 
-TEST_F(DaemonTest, BuiltStartedAndDestroyedManyTimesItLeavesNothing) {
-  for (int round = 0; round < 20; ++round) {
-    startDaemon(round % 4 == 3);
-    EXPECT_TRUE(round % 2 == 1 || site.becomesComplete());
-    endDaemon();
-  }
+// Fills the queue of a node that never accepts: further attempts to connect to it hang.
+std::vector<UniqueDescriptor> fillQueue(const ScriptedNode& node) {
+  sockaddr_in name{};
+  name.sin_family = AF_INET;
+  name.sin_port = htons(static_cast<uint16_t>(node.port()));
+  name.sin_addr.s_addr = inet_addr(node.address().c_str());
+  std::vector<UniqueDescriptor> fillers;
+  pollfd entry{-1, POLLOUT, 0};
+  do {
+    fillers.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    entry.fd = fillers.back().get();
+    // Whether it hangs is the question.
+    static_cast<void>(connect(entry.fd, reinterpret_cast<sockaddr*>(&name), sizeof name));
+  } while (poll(&entry, 1, 100) > 0);
+  return fillers;
 }
 
-// A port whose listener's queue is full: attempts to connect to it hang.
-class HangingPort {
- public:
-  explicit HangingPort(const char* address) : listener_(socket(AF_INET, kKind, 0)) {
-    name_.sin_family = AF_INET;
-    inet_pton(AF_INET, address, &name_.sin_addr);
-    socklen_t size = sizeof name_;
-    EXPECT_EQ(bind(listener_.get(), general(), size), 0);
-    EXPECT_EQ(listen(listener_.get(), 0), 0);
-    EXPECT_EQ(getsockname(listener_.get(), general(), &size), 0);
-    pollfd entry{-1, POLLOUT, 0};
-    do {
-      entry.fd = fillers_.emplace_back(socket(AF_INET, kKind, 0)).get();
-      static_cast<void>(connect(entry.fd, general(), size));  // whether it hangs is the question
-    } while (poll(&entry, 1, 100) > 0);
-  }
-  int port() const { return ntohs(name_.sin_port); }
-
- private:
-  static constexpr int kKind = SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK;
-  sockaddr* general() { return static_cast<sockaddr*>(static_cast<void*>(&name_)); }
-
-  UniqueDescriptor listener_;
-  sockaddr_in name_{};
-  std::vector<UniqueDescriptor> fillers_;
-};
-
 TEST_F(DaemonTest, StandbyWhileLinksAreStillConnecting) {
-  HangingPort hanging("127.0.0.4");
+  const ScriptedNode hanging("127.0.0.4");
+  const auto fillers = fillQueue(hanging);
   writeActiveDatabase(site.alphaEntry() + "," + routerEntry("hangs", "127.0.0.4", hanging.port()) +
                       "," + routerEntry("refused", "127.0.0.5", 1));
   site.startController("standby");
   startDaemon(true);
   ASSERT_TRUE(eventually([&] { return site.answeredRoles() == 1; }));
-  EXPECT_EQ(log.countContaining("Add ConnectionPoint"), 0);
   EXPECT_TRUE(holdsNothing());
   for (int round = 0; round < repetitions(kRounds); ++round) {
     site.controller->forget();
@@ -250,7 +203,12 @@ TEST_F(DaemonTest, ThousandsOfMessagesCrossCompleteAndInOrderBothWays) {
 
 TEST_F(DaemonTest, ARouterThatStopsReadingCostsTheOtherNothingAndKeepsItsFraming) {
   constexpr int kMoreThanSocketsHold = 12'000'000;
-  startDaemon();
+  (*site.controller)->setRole("standby");
+  startDaemon(true);
+  auto timing = DispatcherPeerClient::hostTiming();
+  timing.stall = {};  // else a slow machine may end the link
+  routerPeerManager()->setPeerTiming(timing);
+  (*site.controller)->setRole("active");
   ASSERT_TRUE(site.becomesComplete());
   (*site.alpha)->setReadingPaused(MessageNode::kEveryone, true);
   std::atomic<bool> stop{false};

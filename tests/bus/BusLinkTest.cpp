@@ -27,59 +27,66 @@ extern "C" ssize_t send(int socket, const void* data, size_t size, int flags) {
 namespace valtor {
 namespace {
 
-struct Pair {
-  Pair() {
-    int ends[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0) {
-      near.reset(ends[0]);
-      far.reset(ends[1]);
-    }
-  }
-  UniqueDescriptor near;
-  UniqueDescriptor far;
-};
-
-std::string drain(const UniqueDescriptor& end) {
-  char bytes[4096];
-  const ssize_t count = recv(end.get(), bytes, sizeof bytes, MSG_DONTWAIT);
-  return std::string(bytes, count > 0 ? static_cast<std::size_t>(count) : 0);
+// Opens the next link of a client; its far end.
+UniqueDescriptor openLink(BusLink& link, const std::vector<std::string>& firstFrames = {}) {
+  int ends[2];
+  EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  EXPECT_TRUE(link.open(UniqueDescriptor(ends[0]), 100, [&] { return firstFrames; }));
+  return UniqueDescriptor(ends[1]);
 }
 
-const auto kNothingFirst = [] { return std::vector<std::string>(); };
+std::string drain(const UniqueDescriptor& end) {
+  std::string bytes(4'000'000, '\0');
+  const ssize_t count = recv(end.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
+  bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+  return bytes;
+}
 
 TEST(BusLink, ABudgetOfAHundredAllows999FullSockets) {
-  Pair pair;
   BusLink link;
-  ASSERT_TRUE(link.open(std::move(pair.near), 100, kNothingFirst));
+  const UniqueDescriptor far = openLink(link);
   fullSends = 999;
   EXPECT_EQ(link.send("1:a;", 1, 100).outcome, BusLink::Send::Sent);
-  EXPECT_EQ(drain(pair.far), "1:a;");
+  EXPECT_EQ(drain(far), "1:a;");
   fullSends = 1000;
   const BusLink::SendResult result = link.send("1:b;", 1, 100);
   EXPECT_EQ(result.outcome, BusLink::Send::BudgetExhausted);
   EXPECT_EQ(result.sent, 0U);
-  EXPECT_EQ(drain(pair.far), "");
+  EXPECT_EQ(drain(far), "");
+}
+
+TEST(BusLink, TheRestOfAFrameGoesOutBeforeTheNextOneOfItsLink) {
+  BusLink link;
+  const UniqueDescriptor far = openLink(link);
+  const std::string big(1'000'000, 'x');
+  const BusLink::SendResult result = link.send(big, 1, 1);
+  EXPECT_EQ(result.outcome, BusLink::Send::BudgetExhausted);
+  std::string received = drain(far);
+  EXPECT_EQ(received.size(), result.sent);
+  while (link.send("next", 1, 1).outcome != BusLink::Send::Sent) {
+    received += drain(far);
+  }
+  EXPECT_TRUE(received + drain(far) == big + "next");
+  link.send(big, 1, 1);
+  const UniqueDescriptor other = openLink(link, {"login"});
+  EXPECT_EQ(drain(other), "login");
 }
 
 TEST(BusLink, FirstFramesPrecedeEverythingAndOldLinksAreRefused) {
-  Pair one;
-  Pair two;
   BusLink link;
   EXPECT_EQ(link.send("x", 0, 100).outcome, BusLink::Send::NotConnected);
-  ASSERT_TRUE(link.open(std::move(one.near), 100, kNothingFirst));
-  EXPECT_EQ(link.state(), 1);
-  ASSERT_TRUE(link.open(std::move(two.near), 100, [] {
-    return std::vector<std::string>{"login", "list"};
-  }));
+  const UniqueDescriptor one = openLink(link);
+  const UniqueDescriptor two = openLink(link, {"login", "list"});
   EXPECT_EQ(link.send("old", 1, 100).outcome, BusLink::Send::NotConnected);
   EXPECT_EQ(link.send("new", 2, 100).outcome, BusLink::Send::Sent);
-  EXPECT_EQ(drain(two.far), "loginlistnew");
-  EXPECT_EQ(drain(one.far), "");
+  EXPECT_EQ(drain(two), "loginlistnew");
+  EXPECT_EQ(drain(one), "");
 
-  Pair dead;
-  dead.far.reset();
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  close(ends[1]);
   const auto results =
-      link.open(std::move(dead.near), 100, [] { return std::vector<std::string>{"login"}; });
+      link.open(UniqueDescriptor(ends[0]), 100, [] { return std::vector<std::string>{"login"}; });
   ASSERT_TRUE(results && results->size() == 1);
   EXPECT_EQ(results->front().outcome, BusLink::Send::Failed);
   EXPECT_EQ(results->front().error, EPIPE);

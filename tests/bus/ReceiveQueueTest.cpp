@@ -9,12 +9,11 @@ namespace {
 TEST(ReceiveQueue, BatchesEndAtTheirLimitsAndMakeRoomForAWaitingWriter) {
   ReceiveQueue queue;
   for (uint32_t i = 0; i < 320; ++i) {
-    auto chunk = std::make_unique<ReceivedChunk>();
-    chunk->length = 10;
-    chunk->link = i / 250;
-    ASSERT_TRUE(queue.push(std::move(chunk), 320));
+    queue.push({i / 250, std::string(10, 'x')});
   }
-  EXPECT_FALSE(queue.push(std::make_unique<ReceivedChunk>(), 320));
+  EXPECT_TRUE(queue.hasRoom({321, 3201}));
+  EXPECT_FALSE(queue.hasRoom({320, 3201}));
+  EXPECT_FALSE(queue.hasRoom({321, 3200}));
   std::vector<std::size_t> sizes;
   std::thread reader([&] {
     uint32_t drained = 0;
@@ -23,10 +22,10 @@ TEST(ReceiveQueue, BatchesEndAtTheirLimitsAndMakeRoomForAWaitingWriter) {
       sizes.push_back(queue.take(buffer, byteBound, drained, 100).chunks);
     }
   });
-  queue.waitForRoom(5, [] { return false; });
+  queue.waitForRoom({5, 50}, [] { return false; });
   reader.join();
   EXPECT_EQ(sizes, (std::vector<std::size_t>{100, 100, 50, 50, 16}));
-  queue.waitForRoom(1, [] { return true; });  // told to give up
+  queue.waitForRoom({0}, [] { return true; });  // told to give up
 }
 
 }  // namespace

@@ -1,18 +1,21 @@
 #pragma once
 
 #include <atomic>
+#include <cstdio>
 #include <filesystem>
 #include <functional>
+#include <gtest/gtest.h>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <syslog.h>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "app/util/Paths.h"
-#include "bus/IPellInternalClient.h"
 #include "connections/ConnectionPointManager.h"
-#include "router/DeviceParamList.h"
+#include "support/ConsoleCapture.h"
+#include "support/LogCapture.h"
+#include "support/MasterBus.h"
 #include "support/Repeat.h"
 #include "support/TemporaryFolder.h"
 
@@ -20,116 +23,143 @@ namespace valtor::test {
 
 inline constexpr int kRaceRounds = repetitions(400);
 
-// A message as the bus would see it; the body without its identifier.
-struct SentMessage {
-  MessageKind kind;
-  std::string path;
-  std::string body;
-};
+template <class T>
+std::string rendered(const T& object) {
+  return printJSON(object.toJSON().get(), false);
+}
 
-std::string bodyWithoutId(const PellInternalMessage& message);
+// A client is reached through a server phy, a server connection point came in.
+inline std::string clientDescription(const std::string& uniqueID, int port = 5000,
+                                     const std::string& more = {}) {
+  return R"({"type":"valtor","name":"name of )" + uniqueID + R"(","uniqueID":")" + uniqueID +
+         R"(","phy":[{"type":"tcp","ipAddress":"10.1.2.3","port":)" + std::to_string(port) +
+         R"(,"server":true}])" + more + "}";
+}
+inline std::string serverDescription(const std::string& uniqueID, int port = 700) {
+  return R"({"type":"valtor","name":"in","uniqueID":")" + uniqueID +
+         R"(","phy":[{"type":"tcp","ipAddress":"10.1.2.9","port":)" + std::to_string(port) +
+         R"(,"server":false}]})";
+}
 
-// The bus as connection points see it: it keeps what they send.
-class RecordingClient : public IPellInternalClient {
- public:
-  int sendMessage(const PellInternalMessage& message) override;
-  int onMessage(const PellInternalMessage& /*message*/) override { return 0; }
-  void subscribe(const std::string& path) override;
-
-  std::vector<SentMessage> sent() const;
-  std::vector<std::string> bodies() const;
-  std::vector<std::string> subscriptions() const;
-  void clear();
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<SentMessage> sent_;
-  std::vector<std::string> subscriptions_;
-};
-
-// A device that remembers the parameters it was given.
 class FakeDevice : public AbstractDeviceConnection {
  public:
   using AbstractDeviceConnection::AbstractDeviceConnection;
-  JSONPtr toJSON() const override;
-  JSONPtr toStatusJSON(bool gone) const override;
-  void setParams(const DeviceParamList& params) override;
+  JSONPtr toJSON() const override {
+    JSONPtr object(cJSON_CreateObject());
+    cJSON_AddStringToObject(object.get(), "uniqueID", getUniqueID().c_str());
+    cJSON_AddBoolToObject(object.get(), "online", isOnline());
+    return object;
+  }
+  JSONPtr toStatusJSON(bool gone) const override {
+    JSONPtr object = toJSON();
+    cJSON_AddBoolToObject(object.get(), "gone", gone);
+    return object;
+  }
+  void setParams(const DeviceParamList&) override { ++paramLists; }
   bool isAttached() const { return connectionPoint() != nullptr && sender() != nullptr; }
 
-  std::string params;
+  int paramLists = 0;
 };
 
-// A connection point that has devices and counts what its manager does with it. One whose
-// description names a device "none" makes no device of it.
+// A connection point that has devices and counts what its manager does with it.
 class FakeConnectionPoint : public ConnectionPoint {
  public:
-  FakeConnectionPoint(IPellInternalClient& sender, AbstractConnectionPointManager& manager,
-                      bool deletable = true);
-  int connect() override;
-  void disconnect() override;
+  FakeConnectionPoint(IPellInternalClient& sender, AbstractConnectionPointManager& manager)
+      : ConnectionPoint("fake", sender, manager) {
+    setDeletable(true);
+  }
+  using ConnectionPoint::setDeletable;
+  int connect() override { return ++connects; }
+  void disconnect() override {
+    ++disconnects;
+    onDisconnect();
+    ConnectionPoint::disconnect();
+  }
   std::unique_ptr<AbstractDeviceConnection> createDeviceConnection(
-      const DeviceConnectionDetails& details) override;
-  bool showInUI() const override;
+      const DeviceConnectionDetails& details) override {
+    return std::make_unique<FakeDevice>(details);
+  }
+  bool showInUI() const override {
+    onRender();
+    return true;
+  }
+  std::shared_ptr<FakeDevice> addDevice(const std::string& uniqueID, bool notify = false) {
+    auto device = std::make_shared<FakeDevice>(DeviceConnectionDetails(
+        getUniqueID(), uniqueID, "family", "valtor", "name of " + uniqueID));
+    addDeviceConnection(device, notify);
+    return device;
+  }
 
-  std::atomic<int> connects{0};
+  int connects = 0;
   std::atomic<int> disconnects{0};
   // Runs in disconnect(), before the state is set.
-  std::function<void()> onDisconnect;
+  std::function<void()> onDisconnect = [] {};
   // Runs while the object is rendered, after its state was read.
-  std::function<void()> onRender;
+  std::function<void()> onRender = [] {};
 };
 
-// Holds up the first rendering of a connection point for long enough that another thread gets in,
-// unless a lock keeps it out.
-class SlowRendering {
- public:
-  explicit SlowRendering(FakeConnectionPoint& connectionPoint);
-  // Until the rendering has begun.
-  void waitForStart() const;
-
- private:
-  struct State {
-    std::atomic<bool> armed{true};
-    std::atomic<bool> started{false};
-  };
-  std::shared_ptr<State> state_ = std::make_shared<State>();
-};
-
-// A manager of FakeConnectionPoints. One whose unique ID begins with "keep" is not deletable.
+// A manager of FakeConnectionPoints, which purges when it is told.
 class FakeManager : public ConnectionPointManager {
  public:
-  explicit FakeManager(IPellInternalClient& client, const std::string& type = "valtor",
-                       const std::string& subtype = {});
+  explicit FakeManager(IPellInternalClient& client)
+      : ConnectionPointManager("valtor", "valtor", client) {
+    setCleanupInterval(std::chrono::hours(1));
+  }
   ~FakeManager() override { stopCleanupThread(); }
-  std::unique_ptr<ConnectionPoint> createConnectionPoint(const cJSON* item) override;
+  using ConnectionPointManager::lock_;
+  std::unique_ptr<ConnectionPoint> createConnectionPoint(const cJSON* item) override {
+    auto made = std::make_unique<FakeConnectionPoint>(busClient(), *this);
+    return made->loadFromJSON(item) == 0 ? std::move(made) : nullptr;
+  }
 
-  // Adds what the description says.
-  std::shared_ptr<FakeConnectionPoint> add(const std::string& description);
-  std::shared_ptr<FakeConnectionPoint> get(const std::string& uniqueID) const;
-  // The unique IDs, in order, separated by blanks.
-  std::string ids() const;
-  // Runs the function while the manager lock is held.
-  void whileLocked(const std::function<void()>& function);
-  // Handles a request; the answers' bodies, one a line, are in answers.
-  bool handle(MessageKind kind, const std::string& path, const std::string& body);
-  std::string answers;
-
-  std::string containerFile() const { return filePath(); }
+  std::shared_ptr<FakeConnectionPoint> add(const std::string& description) {
+    auto made = createConnectionPoint(parseJSON(description).get());
+    const std::string uniqueID = made->getUniqueID();
+    addConnectionPoint(std::move(made));
+    return get(uniqueID);
+  }
+  std::shared_ptr<ConnectionPoint> merge(const std::string& description) {
+    return addOrUpdateConnectionPoint(createConnectionPoint(parseJSON(description).get()));
+  }
+  std::shared_ptr<FakeConnectionPoint> get(const std::string& uniqueID) const {
+    return std::dynamic_pointer_cast<FakeConnectionPoint>(findConnectionPoint(uniqueID));
+  }
+  // The unique IDs in order, each followed by those of its devices: "A:d1:d2 B".
+  std::string ids() const {
+    std::string ids;
+    const Locked lock(lock_);
+    for (const auto& [uniqueID, connectionPoint] : connectionPoints_) {
+      ids += (ids.empty() ? "" : " ") + uniqueID;
+      const JSONPtr devices = connectionPoint->deviceConnectionsToJSON();
+      const cJSON* device = nullptr;
+      cJSON_ArrayForEach(device, devices.get()) {
+        ids += std::string(":") + stringMember(device, "uniqueID");
+      }
+    }
+    return ids;
+  }
+  // Whether the request was taken; the payloads of its answers are in answers.
+  bool handle(const std::string& kind, const std::string& body,
+              const std::string& path = "device") {
+    ResponseList responses;
+    const bool taken = handleMessage(request(kind, body, path), responses);
+    answers.clear();
+    for (const auto& response : responses) {
+      answers.push_back(withoutId(response->encode()));
+    }
+    return taken;
+  }
   // Whether the container file was written since the last call.
-  bool wasSaved();
-};
+  bool wasSaved() { return std::remove(filePath().c_str()) == 0; }
 
-// Descriptions. A client is reached through a server phy, a server connection point came in.
-std::string clientDescription(const std::string& uniqueID, int port = 5000,
-                              const std::string& extra = {});
-std::string serverDescription(const std::string& uniqueID);
-std::string deviceDescription(const std::string& uniqueID, const std::string& connectionPoint);
+  Payloads answers;
+};
 
 inline std::string incomingClientFile() {
   return paths().incomingClientDirectory + "valtorIncomingClientConnections.json";
 }
 
-// A folder of its own for every fixed path, made before any manager.
+// A folder for every fixed path, made before any manager.
 struct Scene {
   Scene() {
     folder.becomePathPrefix();
@@ -137,7 +167,15 @@ struct Scene {
     std::filesystem::create_directories(paths().incomingClientDirectory);
   }
   TemporaryFolder folder;
-  RecordingClient client;
+};
+
+class ConnectionsTest : public testing::Test {
+ protected:
+  LogCapture log;
+  ConsoleCapture console;
+  Scene scene;
+  MasterBus bus;
+  FakeManager manager{bus};
 };
 
 }  // namespace valtor::test

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "e2e/DaemonProcess.h"
 #include "support/BridgeSite.h"
+#include "tools/ChildProcess.h"
 
 namespace valtor::test {
 
@@ -26,17 +26,31 @@ class EndToEndTest : public testing::Test {
   }
   void TearDown() override {
     if (daemon != nullptr) {
-      daemon->stop();
-      if (HasFailure()) {
-        std::fputs(daemon->console().c_str(), stderr);
-      }
+      endDaemon();
     }
   }
 
-  void startDaemon(const std::string& options = "",
-                   DaemonProcess::Streams streams = DaemonProcess::Streams::Captured) {
-    daemon = std::make_unique<DaemonProcess>(options, streams);
+  // The options are one argument, or none when empty.
+  void startDaemon(const std::string& options = "", const std::string& redirections = ">out 2>&1") {
+    // The sanitizers report into files, since the daemon never ends by itself.
+    daemon = std::make_unique<ChildProcess>(
+        "for tool in ASAN TSAN UBSAN; do"
+        " export ${tool}_OPTIONS+=:halt_on_error=1:log_path=report; done; "
+        "exec " VALTOR_REMOTE_EXECUTABLE " " +
+        options + " " + redirections);
     ASSERT_TRUE(BridgeSite::becomesLinked(*site.controller));
+  }
+  // Checks that it dies of nothing but this, and that no sanitizer has reported.
+  void endDaemon() {
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait(), -SIGTERM);
+    for (const auto& entry : std::filesystem::directory_iterator(daemon->folder().path())) {
+      EXPECT_EQ(entry.path().filename(), "out") << fileContent(entry.path());
+    }
+    if (HasFailure()) {
+      std::fputs(daemon->out().c_str(), stderr);
+    }
+    daemon.reset();
   }
   // With both links up, and start-up over: until then requests wait.
   void startComplete() {
@@ -77,7 +91,7 @@ class EndToEndTest : public testing::Test {
   bool isServed() { return list().find(R"("uniqueID":"beta")") != std::string::npos; }
 
   BridgeSite site{kPort};
-  std::unique_ptr<DaemonProcess> daemon;
+  std::unique_ptr<ChildProcess> daemon;
 
  private:
   std::string nextNumber() { return std::to_string(++number_); }

@@ -84,15 +84,21 @@ TEST(ForwardingFilters, BlockByTheFirstRuleThatAppliesAndLeaveTheBytesAlone) {
   EXPECT_TRUE(console.contains("\n*** RAPIDJSON DB FILTER TOOK "));
 }
 
-TEST(DatabaseIdHandler, TakesTheFirstStringAfterTheTopLevelId) {
-  const std::pair<const char*, const char*> cases[] = {
+TEST(DatabaseIdHandler, TakesTheFirstStringAfterTheTopLevelIdAsFarAsOthersFollow) {
+  const auto nested = [](std::size_t depth) {
+    return R"({"param":)" + std::string(depth, '[') + std::string(depth, ']') +
+           R"(,"id":"7@1.aa"})";
+  };
+  const std::pair<std::string, const char*> cases[] = {
       {R"({"requestCommand":"GET","param":{"id":"no.no"},"id":"7@1.aa"})", "7@1.aa"},
       {R"({"param":[{"id":"no.no"}]})", ""},
       {R"({"id":7,"name":"no.no"})", ""},
       {R"({"param": }, "id":"7@1.aa"})", ""},
+      {nested(999), "7@1.aa"},
+      {nested(1'000'000), ""},
   };
   for (const auto& [text, id] : cases) {
-    EXPECT_EQ(DatabaseIdHandler::findId(text), id) << text;
+    EXPECT_EQ(DatabaseIdHandler::findId(text.c_str()), id) << text.substr(0, 100);
   }
 }
 
@@ -102,16 +108,7 @@ TEST(DatabaseIdHandler, ReadsNoFurtherThanTheId) {
   rapidjson::StringStream stream(text.c_str());
   DatabaseIdHandler handler;
   reader.Parse<rapidjson::kParseIterativeFlag>(stream, handler);
-  EXPECT_EQ(handler.capturedId(), "7@1.aa");
   EXPECT_EQ(stream.Tell(), text.find(','));
-}
-
-TEST(DatabaseIdHandler, GivesUpOnNestingThatNobodyElseFollows) {
-  for (const std::size_t depth : {999U, 1'000'000U}) {
-    const std::string nested = std::string(depth, '[') + std::string(depth, ']');
-    const std::string text = R"({"param":)" + nested + R"(,"id":"7@1.aa"})";
-    EXPECT_EQ(DatabaseIdHandler::findId(text.c_str()), depth < 1000 ? "7@1.aa" : "");
-  }
 }
 
 }  // namespace

@@ -7,45 +7,45 @@
 namespace valtor::test {
 namespace {
 
-constexpr int kRounds = 300;
+class PeerRace : public RemoteRouters {
+ protected:
+  static constexpr int kRounds = repetitions(300);
 
-// Hangs up on the router's standing link, so that its receive thread reports the loss and comes
-// back at once, and lets that get a different distance each round.
-void shake(ScriptedNode& node, int round) {
-  node.accept()->close();
-  const auto pause = std::chrono::microseconds(100 * (round % 40));
-  const auto end = std::chrono::steady_clock::now() + pause;
-  while (std::chrono::steady_clock::now() < end) {
+  // Hangs up on the router's standing link, so that its receive thread reports the loss and comes
+  // back at once, and lets that get a different distance each round.
+  static void shake(ScriptedNode& node, int round) {
+    node.accept()->close();
+    const auto end =
+        std::chrono::steady_clock::now() + std::chrono::microseconds(100 * (round % 40));
+    while (std::chrono::steady_clock::now() < end) {
+    }
   }
-}
-
-// Takes and drops the connections that wait to be accepted.
-void drain(ScriptedNode& node) {
-  while (node.hasConnectionWithin(std::chrono::milliseconds(0))) {
-    node.accept();
+  // Takes and drops the connections that wait to be accepted.
+  static void drain(ScriptedNode& node) {
+    while (node.hasConnectionWithin(std::chrono::milliseconds(0))) {
+      node.accept();
+    }
   }
-}
-
-class PeerRace : public RemoteRouters {};
+};
 
 TEST_F(PeerRace, LinkUpAgainstRemoval) {
-  for (int round = 0; round < repetitions(kRounds); ++round) {
-    ScriptedNode node("127.0.0.2");
-    put(node);
-    shake(node, round);
+  for (int round = 0; round < kRounds; ++round) {
+    put(node_);
+    shake(node_, round);
     removeAll();
     ASSERT_EQ(peerCount(), 0U);
     const std::string last = bus_.payloads().back();
     ASSERT_NE(last.find("paramDelete"), std::string::npos) << last;
     ASSERT_EQ(last.find("\"connected\":true"), std::string::npos) << last;
     bus_.clear();
+    drain(node_);
   }
 }
 
 TEST_F(PeerRace, LinkUpAgainstANewAddress) {
   ScriptedNode nodes[2] = {ScriptedNode("127.0.0.2"), ScriptedNode("127.0.0.3")};
   const auto point = put(nodes[0]);
-  for (int round = 0; round < repetitions(kRounds); ++round) {
+  for (int round = 0; round < kRounds; ++round) {
     ScriptedNode& old = nodes[round % 2];
     ScriptedNode& next = nodes[(round + 1) % 2];
     shake(old, round);
@@ -58,7 +58,7 @@ TEST_F(PeerRace, LinkUpAgainstANewAddress) {
 
 TEST_F(PeerRace, DisconnectThenConnect) {
   const auto point = put(node_);
-  for (int round = 0; round < repetitions(kRounds); ++round) {
+  for (int round = 0; round < kRounds; ++round) {
     shake(node_, round);
     point->disconnect();
     ASSERT_FALSE(point->isConnected());
@@ -71,7 +71,7 @@ TEST_F(PeerRace, DisconnectThenConnect) {
 }
 
 TEST_F(PeerRace, DestructionAgainstASuccessorOfTheSameID) {
-  for (int round = 0; round < repetitions(kRounds); ++round) {
+  for (int round = 0; round < kRounds; ++round) {
     auto older = make(phyText(node_));
     older->connect();
     const auto newer = make(phyText(node_));

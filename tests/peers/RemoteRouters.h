@@ -4,13 +4,13 @@
 #include <string>
 
 #include "app/util/OwnedJSON.h"
-#include "peers/MasterBus.h"
 #include "peers/RemoteValtorConnectionPoint.h"
 #include "peers/RemoteValtorConnectionPointManager.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "support/ConsoleCapture.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/MasterBus.h"
 #include "support/ScriptedNode.h"
 #include "support/TemporaryFolder.h"
 
@@ -61,7 +61,7 @@ class RemoteRouters : public PeerTest {
   // Waits until the link stands and the last thing that it makes the bus see is there.
   bool comesUp(const ConnectionPoint& point) const {
     return eventually([&] {
-      const auto payloads = bus_.payloads();
+      const Payloads payloads = bus_.payloads();
       return point.isConnected() && !payloads.empty() &&
              payloads.back().find("\"stat\"") != std::string::npos;
     });

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -9,7 +10,8 @@
 namespace valtor::test {
 
 // Takes what the process writes to standard output (or, when asked, standard error) while the
-// object lives, and lets a test read it.
+// object lives, and lets a test read it. When the test has failed by the object's end, what was
+// taken is passed on: the report of the failure is in there.
 class ConsoleCapture {
  public:
   explicit ConsoleCapture(FILE* stream = stdout) : stream_(stream), saved_(dup(fileno(stream))) {
@@ -19,9 +21,12 @@ class ConsoleCapture {
     }
   }
   ~ConsoleCapture() {
-    std::fflush(stream_);
+    const std::string taken = text();
     dup2(saved_, fileno(stream_));
     ::close(saved_);
+    if (testing::Test::HasFailure()) {
+      std::fputs(taken.c_str(), stream_);
+    }
   }
   ConsoleCapture(const ConsoleCapture&) = delete;
   ConsoleCapture& operator=(const ConsoleCapture&) = delete;

@@ -1,10 +1,10 @@
 #include "message-node/CannedAnswers.h"
 
 #include <cstring>
-#include <stdexcept>
 #include <utility>
 
 #include "bus/RSPMessage.h"
+#include "message-node/JSONChecks.h"
 
 namespace valtor {
 
@@ -28,11 +28,14 @@ bool requestNamesObject(const PellInternalMessage& request, const char* name) {
   return false;
 }
 
-CannedAnswers::CannedAnswers(const std::string& jsonText)
-    : answers_(cJSON_Parse(jsonText.c_str())) {
-  if (!cJSON_IsObject(answers_.get())) {
-    throw std::runtime_error("the answers are not a JSON object");
-  }
+CannedAnswers::CannedAnswers(const std::string& jsonText) : answers_(parsedJSON(jsonText)) {
+  check(answers_.get());
+}
+
+void CannedAnswers::check(const cJSON* answers) {
+  expectObject(answers, {"db", "route"});
+  const cJSON* part = nullptr;
+  cJSON_ArrayForEach(part, answers) { expectObject(part); }
 }
 
 std::unique_ptr<PellInternalMessage> CannedAnswers::answerTo(

@@ -23,8 +23,10 @@ class CannedAnswers {
  public:
   // No answers.
   CannedAnswers() = default;
-  // Throws std::runtime_error when the text is no JSON object.
+  // Throws std::runtime_error when the text is anything else; it says what is wrong.
   explicit CannedAnswers(const std::string& jsonText);
+  // Throws the same about a value that is no answers.
+  static void check(const cJSON* answers);
 
   // The response with the request's identifier, to its sender, or none when nothing is known about
   // what it asks for. The caller stamps the source.

@@ -4,11 +4,13 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <map>
 #include <optional>
 #include <set>
 #include <stdexcept>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 #include <asio.hpp>
@@ -48,20 +50,45 @@ class Completion {
   bool done_ VALTOR_GUARDED_BY(mutex_) = false;
 };
 
-PellInternalMessage roleMessage(const std::string& role) {
+// The names that a pause holds for: those listed, or everyone but those listed.
+class PausedNames {
+ public:
+  void set(const std::string& name, bool paused) {
+    if (name == MessageNode::kEveryone) {
+      everyone_ = paused;
+      exceptions_.clear();
+    } else if (paused == everyone_) {
+      exceptions_.erase(name);
+    } else {
+      exceptions_.insert(name);
+    }
+  }
+  bool include(const std::string& name) const { return everyone_ != (exceptions_.count(name) > 0); }
+
+ private:
+  bool everyone_ = false;
+  std::set<std::string> exceptions_;
+};
+
+void addRole(PellInternalMessage& message, const std::string& role) {
   JSONPtr param(cJSON_CreateObject());
   addMember(param.get(), kRoleMember, JSONPtr(cJSON_CreateString(role.c_str())));
-  JSONPtr body(cJSON_CreateObject());
-  addMember(body.get(), "param", std::move(param));
-  return {MessageKind::SET, "system", std::move(body)};
+  addMember(message.getBody(), "param", std::move(param));
+}
+
+// Its identifier names the node: a stand-in has no hardware address to take one from.
+PellInternalMessage roleMessage(const std::string& role) {
+  static std::atomic<unsigned> count{0};
+  PellInternalMessage message(MessageKind::SET, "system", 0,
+                              std::to_string(++count) + "@node." + std::to_string(getpid()));
+  addRole(message, role);
+  return message;
 }
 
 PellInternalMessage roleAnswer(const PellInternalMessage& request, const std::string& role) {
   PellInternalMessage answer(MessageKind::RSP, "system", request.header.sourceConnID,
                              request.getUniqueId());
-  JSONPtr param(cJSON_CreateObject());
-  addMember(param.get(), kRoleMember, JSONPtr(cJSON_CreateString(role.c_str())));
-  addMember(answer.getBody(), "param", std::move(param));
+  addRole(answer, role);
   return answer;
 }
 
@@ -94,9 +121,10 @@ class MessageNode::Impl final : public NodeConnection::Owner {
     }
     const auto work = asio::make_work_guard(loop_);
     loop_.run();
+    // One by one: a timer that is due again each time would make poll() endless.
     do {
       loop_.restart();
-      loop_.poll();
+      loop_.poll_one();
     } while (!becomeIdle());
   }
 
@@ -189,12 +217,12 @@ class MessageNode::Impl final : public NodeConnection::Owner {
   }
 
   void setReadingPaused(const std::string& name, bool paused) {
-    setMember(readingPaused_, name, paused);
+    readingPaused_.set(name, paused);
     applyPauses();
   }
 
   void setWritingPaused(const std::string& name, bool paused) {
-    setMember(writingPaused_, name, paused);
+    writingPaused_.set(name, paused);
     applyPauses();
   }
 
@@ -461,24 +489,13 @@ class MessageNode::Impl final : public NodeConnection::Owner {
     return named.size();
   }
 
-  static void setMember(std::set<std::string>& set, const std::string& member, bool present) {
-    if (present) {
-      set.insert(member);
-    } else {
-      set.erase(member);
-    }
-  }
-
   void applyPauses() {
     forEachNamed(kEveryone, [this](NodeConnection& connection) { applyPauses(connection); });
   }
 
   void applyPauses(NodeConnection& connection) const {
-    const auto listed = [&](const std::set<std::string>& names) {
-      return names.count(kEveryone) > 0 || names.count(connection.name) > 0;
-    };
-    connection.setReadingPaused(listed(readingPaused_));
-    connection.setWritingPaused(listed(writingPaused_));
+    connection.setReadingPaused(readingPaused_.include(connection.name));
+    connection.setWritingPaused(writingPaused_.include(connection.name));
   }
 
   void event(const std::string& line) const {
@@ -496,8 +513,8 @@ class MessageNode::Impl final : public NodeConnection::Owner {
   std::atomic<uint16_t> port_;
   std::map<uint64_t, std::shared_ptr<NodeConnection>> connections_;  // by number
   uint64_t lastNumber_ = 0;
-  std::set<std::string> readingPaused_;  // names
-  std::set<std::string> writingPaused_;
+  PausedNames readingPaused_;
+  PausedNames writingPaused_;
 
   Mutex runLock_;
   bool running_ VALTOR_GUARDED_BY(runLock_) = false;
@@ -509,6 +526,13 @@ MessageNode::MessageNode(Options options) : impl_(std::make_unique<Impl>(std::mo
 MessageNode::~MessageNode() = default;
 
 void MessageNode::run() { impl_->run(); }
+std::thread MessageNode::runOnThread() {
+  const auto begun = std::make_shared<std::promise<void>>();
+  runAfter(std::chrono::milliseconds(0), [begun] { begun->set_value(); });
+  std::thread thread([this] { run(); });
+  begun->get_future().wait();
+  return thread;
+}
 void MessageNode::stop() { impl_->stop(); }
 
 std::error_code MessageNode::startListening() {

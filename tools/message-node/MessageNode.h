@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <thread>
 #include <vector>
 
 #include "bus/PellInternalMessage.h"
@@ -80,7 +81,7 @@ class MessageNode {
     std::function<void(const std::string&)> onEvent;
   };
 
-  // Opens no socket. Throws std::runtime_error when the answers are no JSON object.
+  // Opens no socket. Throws std::runtime_error when the answers are wrong.
   explicit MessageNode(Options options);
   ~MessageNode();
   MessageNode(const MessageNode&) = delete;
@@ -89,6 +90,9 @@ class MessageNode {
   // Serves until stop(). Connections stay open when it returns, and are served on when it is called
   // again.
   void run();
+  // Starts a thread that does so, and returns once it does: an operation that is called before
+  // run() has begun would be carried out beside it.
+  std::thread runOnThread();
   // Makes run() return. Any thread, any time.
   void stop();
 
@@ -104,7 +108,7 @@ class MessageNode {
   void setRole(const std::string& role);
   std::string role();
 
-  // Replaces the canned answers. Throws std::runtime_error when the text is no JSON object.
+  // Replaces the canned answers. Throws std::runtime_error when they are wrong.
   void setAnswers(const std::string& jsonText);
 
   // Calls the function on the loop when the time has passed; never when the node is gone before.
@@ -126,7 +130,8 @@ class MessageNode {
   std::size_t resetConnections(const std::string& name);
 
   // While reading is paused the node plays a peer that does not read, while writing is paused a
-  // silent one. Holds for every connection of the name, present and future.
+  // silent one. Holds for every connection of the name, present and future. Everyone takes the
+  // place of what was said about single names before; a name after that is an exception.
   void setReadingPaused(const std::string& name, bool paused);
   void setWritingPaused(const std::string& name, bool paused);
 

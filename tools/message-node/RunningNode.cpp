@@ -9,7 +9,7 @@ RunningNode::RunningNode(MessageNode::Options options) : node_(recording(std::mo
   if (const std::error_code error = node_.startListening()) {
     throw std::runtime_error("cannot listen: " + error.message());
   }
-  thread_ = std::thread([this] { node_.run(); });
+  thread_ = node_.runOnThread();
 }
 
 RunningNode::~RunningNode() {

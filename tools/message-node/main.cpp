@@ -1,17 +1,22 @@
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
+#include <poll.h>
 #include <stdexcept>
 #include <string>
 #include <syslog.h>
 #include <thread>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 
 #include "app/util/Console.h"
 #include "app/util/Files.h"
+#include "message-node/CannedAnswers.h"
 #include "message-node/MessageNode.h"
 #include "message-node/NodeCommands.h"
 #include "message-node/NodeTrace.h"
@@ -38,24 +43,28 @@ std::string footer() {
          "\n"
          "The scenario file: a list of steps, each with a time and an action\n"
          "  time:    \"at\": SECONDS after the start, or\n"
-         "           \"after\": TEXT in a line of the trace, with \"delay\": SECONDS, \"each\": "
-         "true\n"
+         "           \"after\": TEXT in a line of the trace, or [TEXT, ...] for several in one,\n"
+         "           with \"delay\": SECONDS, \"each\": true\n"
          "           \"every\": SECONDS it is done again, \"repeat\": N times in all\n"
          "  action:  \"role\": ROLE, \"answers\": {as in the answers file}, \"listen\": true or "
          "false,\n"
          "           \"send\": {\"from\": ID, \"kind\": KIND, \"path\": PATH, \"to\": ID, "
          "\"body\": BODY},\n"
+         "           \"reply\": {\"from\": ID, \"kind\": KIND, \"body\": BODY} to the message "
+         "of the line,\n"
          "           \"close\", \"reset\", \"pauseReading\", \"resumeReading\", \"pauseWriting\",\n"
          "           \"resumeWriting\": NAME of connections, \"*\" for all,\n"
          "           \"raw\": {\"to\": NAME, \"bytes\": TEXT or \"hex\": DIGITS}\n"
          "  \"note\": TEXT, shown when the step is done\n"
          "\n"
          "Examples:\n"
-         "  valtor-node --answers controller.json         a controller on 127.0.0.1:15000\n"
+         "  valtor-node --answers answers.json            a controller on 127.0.0.1:15000\n"
          "  valtor-node --listen 127.0.0.2                a router beside it\n"
          "  valtor-node --port 0 --role standby           a free port, which is printed\n"
          "  valtor-node --scenario failing-router.json    faults at their times\n"
          "  valtor-node --no-trace                        only connections and roles\n"
+         "What answers.json may hold:\n"
+         "  {\"db\": {\"logicalDests\": [{\"id\": 4, \"name\": \"Monitor 4\"}]}}\n"
          "A message typed in:\n"
          "  send 490 CMD route 0 {\"id\":\"1@panel\",\"take\":[{\"destination\":[4]}]}\n"
          "A scenario: a panel takes a route every 5 seconds, the first login is cut after 20\n"
@@ -72,6 +81,7 @@ void addOptions(CLI::App& app, Settings& settings) {
   app.add_option("-p,--port", settings.node.port, "TCP port to listen on; 0 takes any free one")
       ->capture_default_str();
   app.add_option("-r,--role", settings.node.role, "what \"mdxMasterState\" is at the start")
+      ->check([](const std::string& role) { return role.empty() ? "empty" : ""; })
       ->capture_default_str();
   app.add_option("-a,--answers", settings.answersFile, "JSON file with canned answers")
       ->check(CLI::ExistingFile);
@@ -96,21 +106,34 @@ void setCallbacks(Settings& settings, valtor::Scenario& scenario) {
       if (trace) {
         valtor::traceLine("%s\n", valtor::traceText(message, limit).c_str());
       }
-      if (!scenario.empty()) {
-        scenario.observe(valtor::traceText(message, std::string::npos));
-      }
+      scenario.observe(message);
     };
   }
 }
 
-std::unique_ptr<valtor::Scenario> loadScenario(const std::string& file) {
+// What a JSON file describes; without a file nothing. What is wrong with it is told with its name.
+template <class Described>
+std::unique_ptr<Described> load(const std::string& file, std::string& text) {
   if (file.empty()) {
-    return std::make_unique<valtor::Scenario>();
+    return std::make_unique<Described>();
   }
+  text = valtor::readTextFile(file, true);
   try {
-    return std::make_unique<valtor::Scenario>(valtor::readTextFile(file, true));
+    return std::make_unique<Described>(text);
   } catch (const std::runtime_error& error) {
     throw std::runtime_error(file + ": " + error.what());
+  }
+}
+
+// Ends the process once standard output has no reader any more, which would leave a node that
+// nobody sees on its port. A file always counts as read.
+void watchOutput() {
+  pollfd output{STDOUT_FILENO, 0, 0};
+  while (poll(&output, 1, -1) < 0 && errno == EINTR) {
+  }
+  if (output.revents != 0) {
+    std::fputs("valtor-node: nobody reads standard output any more\n", stderr);
+    std::_Exit(1);
   }
 }
 
@@ -128,21 +151,21 @@ bool readCommands(valtor::MessageNode& node) {
 }
 
 int serve(Settings settings) {
-  if (!settings.answersFile.empty()) {
-    settings.node.answers = valtor::readTextFile(settings.answersFile, true);
-  }
-  const std::unique_ptr<valtor::Scenario> scenario = loadScenario(settings.scenarioFile);
+  load<valtor::CannedAnswers>(settings.answersFile, settings.node.answers);
+  std::string steps;
+  const auto scenario = load<valtor::Scenario>(settings.scenarioFile, steps);
   setCallbacks(settings, *scenario);
   const std::string address = settings.node.address + ":" + std::to_string(settings.node.port);
   const auto report = settings.node.onEvent;
   valtor::MessageNode node(std::move(settings.node));
-  scenario->start(node, report);
-  if (const std::error_code error = node.startListening()) {
+  const bool listens = scenario->start(node, report);
+  if (const std::error_code error = listens ? node.startListening() : std::error_code()) {
     std::fprintf(stderr, "valtor-node: cannot listen on %s: %s\n", address.c_str(),
                  error.message().c_str());
     return 1;
   }
-  std::thread loop([&node] { node.run(); });
+  std::thread(watchOutput).detach();
+  std::thread loop = node.runOnThread();
   if (readCommands(node)) {
     node.stop();
   }
@@ -159,6 +182,7 @@ int main(int argc, char** argv) {
   std::signal(SIGTTIN, SIG_IGN);
   // What the stream parser has to say about broken frames is seen where the trace is.
   openlog("valtor-node", LOG_PERROR, LOG_USER);
+  setlogmask(LOG_UPTO(LOG_INFO));
   try {
     Settings settings;
     settings.node.port = 15000;

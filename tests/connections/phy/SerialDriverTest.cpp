@@ -19,7 +19,7 @@ namespace {
 // What a pseudo-terminal cannot show: it drops parity and has no modem-control lines. The calls
 // below stand before the C library's, note what was asked for, and go on to it. One test at a time.
 struct Asked {
-  tcflag_t controlFlags = 0;  // of the latest tcsetattr, like the descriptor
+  termios settings{};  // of the latest tcsetattr, like the descriptor
   int descriptor = -1;
   std::pair<unsigned long, int> modemLines;  // of their latest change: request and bits
   std::string_view failing;                  // the call of this name fails with EIO
@@ -37,7 +37,7 @@ int pass(const char* name, Arguments... arguments) {
 
 extern "C" {
 int tcsetattr(int fd, int actions, const termios* settings) noexcept {
-  asked.controlFlags = settings->c_cflag;
+  asked.settings = *settings;
   asked.descriptor = fd;
   return pass<int(int, int, const termios*)>("tcsetattr", fd, actions, settings);
 }
@@ -61,15 +61,16 @@ namespace {
 
 bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 
-// With a pseudo-terminal pair, whose observer keeps the terminal's settings alive and readable
-// while the phy opens and closes it.
+// With a pseudo-terminal pair, whose observer keeps the terminal's settings alive while the phy
+// opens and closes it.
 class SerialDriver : public testing::Test {
  protected:
   void SetUp() override {
-    int descriptors[2] = {-1, -1};
-    ASSERT_EQ(openpty(&descriptors[0], &descriptors[1], path_, nullptr, nullptr), 0);
-    far_.reset(descriptors[0]);
-    observer_.reset(descriptors[1]);
+    int far = -1;
+    int observer = -1;
+    ASSERT_EQ(openpty(&far, &observer, path_, nullptr, nullptr), 0);
+    far_.reset(far);
+    observer_.reset(observer);
     asked = {};
     EXPECT_EQ(load(""), 0);
   }
@@ -77,11 +78,6 @@ class SerialDriver : public testing::Test {
   int load(const std::string& members) {
     const std::string start = R"({"type":"serial","port":")";
     return phy_.loadFromJSON(parseJSON(start + path_ + "\"" + members + "}").get());
-  }
-  termios settings() const {
-    termios found{};
-    EXPECT_EQ(tcgetattr(observer_.get(), &found), 0);
-    return found;
   }
 
   const test::LogCapture log_;
@@ -101,30 +97,27 @@ TEST_F(SerialDriver, RunsTheLineRawAsDescribedWithOneStopBitAndRestoresIt) {
       {R"(,"baudRate":4800)", B115200, 0}};
   for (const auto& [members, speed, parity] : cases) {
     SCOPED_TRACE(members);
-    termios before = settings();
+    termios before{};
+    ASSERT_EQ(tcgetattr(observer_.get(), &before), 0);
     cfsetspeed(&before, B1200);
     before.c_cflag |= CSTOPB;
-    before.c_cc[VMIN] = 9;
     before.c_cc[VTIME] = 9;
     ASSERT_EQ(tcsetattr(observer_.get(), TCSANOW, &before), 0);
-    before = settings();
+    ASSERT_EQ(tcgetattr(observer_.get(), &before), 0);
     ASSERT_EQ(load(members), 0);
     const int fd = phy_.openPhy();
-    EXPECT_EQ(asked.controlFlags, speed | CS8 | CREAD | CLOCAL | parity);
-
-    const termios found = settings();
-    EXPECT_EQ(cfgetospeed(&found), speed);
-    EXPECT_EQ(found.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0U);
-    EXPECT_EQ(found.c_iflag & (IXON | ICRNL | ISTRIP | BRKINT), 0U);
-    EXPECT_EQ(found.c_oflag & OPOST, 0U);
-    EXPECT_EQ(found.c_cc[VMIN], 1);
-    EXPECT_EQ(found.c_cc[VTIME], 0);
-
+    const termios& latest = asked.settings;
+    EXPECT_EQ(latest.c_cflag, speed | CS8 | CREAD | CLOCAL | parity);
+    EXPECT_EQ(cfgetospeed(&latest), speed);
+    EXPECT_EQ(latest.c_lflag & (ICANON | ECHO | ISIG | IEXTEN), 0U);
+    EXPECT_EQ(latest.c_iflag & (IXON | ICRNL | ISTRIP | BRKINT), 0U);
+    EXPECT_EQ(latest.c_oflag & OPOST, 0U);
+    EXPECT_EQ(latest.c_cc[VMIN], 1);
+    EXPECT_EQ(latest.c_cc[VTIME], 0);
     phy_.closePhy(fd);
-    const termios after = settings();
-    EXPECT_EQ(after.c_cflag, before.c_cflag);
-    EXPECT_EQ(after.c_lflag, before.c_lflag);
-    EXPECT_EQ(after.c_cc[VTIME], 9);
+    EXPECT_EQ(latest.c_cflag, before.c_cflag);
+    EXPECT_EQ(latest.c_lflag, before.c_lflag);
+    EXPECT_EQ(latest.c_cc[VTIME], 9);
   }
 }
 

@@ -1,5 +1,3 @@
-#include "bus/PellInternalStreamParser.h"
-#include "support/LogCapture.h"
 #include "tools/message-node/NodeFixture.h"
 
 namespace valtor::test {
@@ -8,7 +6,6 @@ namespace {
 using DeliveryTest = NodeFixture;
 
 TEST_F(DeliveryTest, GoesWhereDestinationAndSubscriptionsSay) {
-  startNode();
   join("daemon", 101, {"device", "db", "system", "route"}, true);
   join("panel", 490, {"device", "dev*", "route"});
   join("peerA", 10000, {"controller*"});
@@ -50,47 +47,10 @@ TEST_F(DeliveryTest, GoesWhereDestinationAndSubscriptionsSay) {
   }
 }
 
-TEST_F(DeliveryTest, HandsOnTheBytesThatCame) {
-  startNode();
-  join("panel", 490, {});
-  join("router", 100, {"route"});
-  const std::string header = "[\"CMD\", \"route\", 490, 0, 0]\n";
-  for (const std::string& payload :
-       {std::string("[\"CMD\",\"route\" , 490,0]\n{ \"n\": 12345678901234567890,\n\t\"x\":1.0e2 }"),
-        header + "no JSON: \xff\xfe ;:",
-        header + std::string(PellInternalStreamParser::kMaxPayload - header.size(), 'a')}) {
-    say("panel", payload);
-    EXPECT_TRUE(received("router") == Payloads{payload}) << payload.substr(0, 100);
-  }
-}
-
-TEST_F(DeliveryTest, BrokenFramesAreReportedAndTheNextGoodOneIsRead) {
-  const LogCapture log;
-  startNode();
-  ScriptedPeer& sender = join("sender", 2, {});
-  join("reader", 3, {"db"});
-  const std::pair<std::string, const char*> cases[] = {
-      {"5:{}\nab;", "Bad Header"},
-      {"20:[\"get\", \"db\", 1, 0]\n;", "Bad Header"},
-      {std::string("4:\0\0\n\0;", 7), "Bad Header"},
-      {"0:;", "invalid header length"},
-      {"20000001:;", "length exceeds"},
-      {"2:ab,", "invalid message footer"},
-  };
-  for (const auto& [bytes, report] : cases) {
-    const int before = log.countContaining(report);
-    sender.send(bytes);
-    const std::string good = "[\"NOT\", \"db\", 2, 0, 0]\n{}";
-    say("sender", good);
-    EXPECT_EQ(received("reader"), Payloads{good}) << bytes;
-    EXPECT_EQ(log.countContaining(report), before + 1) << bytes;
-  }
-}
-
 TEST_F(DeliveryTest, AConnectionThatDoesNotReadIsClosedAtTheLimit) {
   MessageNode::Options options;
   options.unsentLimit = 100'000;
-  startNode(std::move(options));
+  node = std::make_unique<RunningNode>(std::move(options));
   ScriptedPeer& slow = join("slow", 2, {"db"});
   join("quick", 3, {"route"});
   // More than socket buffers hold; every message alone is below the limit.

@@ -46,10 +46,6 @@ inline std::string loginPayload(const std::string& name, int connID, const Paylo
 // that what it received up to now ends at a message that the test sends there.
 class NodeFixture : public testing::Test {
  protected:
-  void startNode(MessageNode::Options options = {}) {
-    node = std::make_unique<RunningNode>(std::move(options));
-  }
-
   ScriptedPeer& join(const std::string& name, int connID, Payloads paths, bool receiveAll = false) {
     ScriptedPeer& peer = *(peers[name] = connectTo(node->port()));
     paths.push_back("fence." + name);
@@ -78,7 +74,7 @@ class NodeFixture : public testing::Test {
     return payloads;
   }
 
-  std::unique_ptr<RunningNode> node;
+  std::unique_ptr<RunningNode> node = std::make_unique<RunningNode>();
   std::map<std::string, std::unique_ptr<ScriptedPeer>> peers;
 };
 

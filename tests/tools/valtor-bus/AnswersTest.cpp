@@ -6,7 +6,7 @@
 
 #include "message-node/RunningNode.h"
 #include "support/Eventually.h"
-#include "tools/valtor-bus/ToolProcess.h"
+#include "tools/ChildProcess.h"
 #include "valtor-bus/Recording.h"
 
 namespace valtor::test {
@@ -18,11 +18,14 @@ using Texts = std::vector<std::string>;
 class AnswersTest : public ::testing::Test {
  protected:
   // The script has the tool's command line as "$@".
-  std::unique_ptr<ToolProcess> start(Texts arguments, const std::string& script = "exec \"$@\"",
-                                     const std::string& input = "") {
-    arguments.insert(arguments.begin(), {"bash", "-c", script, "", VALTOR_BUS_EXECUTABLE, "--port",
-                                         std::to_string(node.port())});
-    return std::make_unique<ToolProcess>(arguments, input);
+  std::unique_ptr<ChildProcess> start(Texts arguments, const std::string& script = "exec \"$@\"",
+                                      const std::string& input = "") {
+    arguments.insert(arguments.begin(),
+                     {VALTOR_BUS_EXECUTABLE, "--port", std::to_string(node.port())});
+    auto tool = std::make_unique<ChildProcess>("exec >out 2>err; " + script, arguments);
+    tool->say(input);
+    tool->endInput();
+    return tool;
   }
 
   // The last message on a path, once a tool has sent one.
@@ -139,7 +142,7 @@ TEST_F(AnswersTest, EveryParticipantIsHeard) {
     }
     answer(one.path, one.answers);
     const std::string body(sent(one.path).body());
-    EXPECT_EQ(tool->exitCode(), one.exitCode);
+    EXPECT_EQ(tool->wait(), one.exitCode);
     std::string out = tool->out();
     const std::string identifier = body.substr(7, body.find('"', 7) - 7);
     for (std::size_t at = out.find(identifier); at != std::string::npos;
@@ -168,13 +171,13 @@ TEST_F(AnswersTest, WhatIsNoJSONOrNoNumberIsRefusedBeforeAnythingIsSent) {
   };
   for (const auto& one : cases) {
     const auto tool = start(one.arguments, "exec \"$@\"", "{\"a\":1,\n  =2}");
-    EXPECT_EQ(tool->exitCode(), 2);
+    EXPECT_EQ(tool->wait(), 2);
     EXPECT_NE(tool->err().find(one.error), std::string::npos) << tool->err();
   }
   EXPECT_TRUE(node.passed().empty());
   EXPECT_EQ(start({"route", "take", "--dest", "010", "--level", "5,3", "--source", "1,2",
                    "--user-id", "010", "--no-wait"})
-                ->exitCode(),
+                ->wait(),
             0);
   const PassedMessage take = sent("route");
   EXPECT_NE(take.body().find(R"("take":[{"level":[3,5],"status":[[10,[2,1]]],"userID":10}])"),
@@ -192,7 +195,7 @@ TEST_F(AnswersTest, ARecordingThatWasCutShortIsReplayedUpToThere) {
   for (int i = 0; i < 4; ++i) {
     node->inject(101, "NOT", "a", 0, "{\"n\":\"" + body + "\"}");
   }
-  EXPECT_EQ(recorder->exitCode(), 1);
+  EXPECT_EQ(recorder->wait(), 1);
   EXPECT_NE(recorder->err().find("recorded 2 messages"), std::string::npos) << recorder->err();
   const std::string whole = fileContent(file);
   ASSERT_EQ(whole.back(), '\n');
@@ -207,7 +210,7 @@ TEST_F(AnswersTest, ARecordingThatWasCutShortIsReplayedUpToThere) {
     folder.write("recording", whole + nul + half);
     node.forget();
     const auto replay = start({"replay", "--no-timing"}, "FILE=" + file + "; " + script);
-    EXPECT_EQ(replay->exitCode(), 0);
+    EXPECT_EQ(replay->wait(), 0);
     EXPECT_NE(replay->err().find("is unfinished and was left out"), std::string::npos);
     EXPECT_EQ(countReplayed(), 3U);
   }
@@ -216,7 +219,7 @@ TEST_F(AnswersTest, ARecordingThatWasCutShortIsReplayedUpToThere) {
   EXPECT_EQ(reader.next()->payload, std::string("[\"NOT\",\"b\",3,0,0]\n{") + '\0' + "}");
   node.forget();
   folder.write("recording", whole + half + "\n" + nul);
-  EXPECT_EQ(start({"replay", file})->exitCode(), 1);
+  EXPECT_EQ(start({"replay", file})->wait(), 1);
   EXPECT_EQ(countReplayed(), 0U);
 }
 
