@@ -13,6 +13,7 @@
 #include "bus/PellInternalStreamParser.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
+#include "valtor-bus/Output.h"
 
 namespace valtor {
 namespace {
@@ -255,6 +256,12 @@ class BusConnection::Impl {
           unansweredSince_.reset();
           hasInput_ = true;
           parser_.parse(buffer_.data(), n);
+          // The text of a message ends there, also for --raw and recordings.
+          const auto end = buffer_.begin() + static_cast<std::ptrdiff_t>(n);
+          if (!nulReported_ && std::find(buffer_.begin(), end, '\0') != end) {
+            nulReported_ = true;
+            say("a message holds a NUL byte; what stands behind it is left out");
+          }
           readOn();
         });
   }
@@ -344,6 +351,7 @@ class BusConnection::Impl {
   std::optional<Clock::time_point> unansweredSince_;  // the first keep-alive after the last input
   std::string loss_;                                  // why the link ended; empty while it stands
   unsigned link_ = 0;  // counts connections, so that a late event of an old one is told apart
+  bool nulReported_ = false;
 };
 
 BusConnection::BusConnection(BusSettings settings)

@@ -4,6 +4,7 @@
 #include <array>
 #include <unistd.h>
 
+#include "app/util/OwnedJSON.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
 
@@ -11,7 +12,6 @@ namespace valtor {
 namespace {
 
 constexpr int kFirstRefusal = 400;
-constexpr std::size_t kQuoted = 60;  // bytes of a wrong body that an error shows
 
 // Not the identifiers of the message classes: those read the address of eth0, and say so where
 // there is none.
@@ -47,19 +47,22 @@ void checkPath(MessageKind kind, const std::string& path) {
 BusRequest makeRequest(MessageKind kind, const std::string& path, const std::string& body,
                        int32_t destination) {
   checkPath(kind, path);
-  std::string text = compactJSON(body).value_or("");
+  const std::string text = compactJSON(body).value_or("");
   if (text.empty() || text.front() != '{') {
     throw CommandFailure(ExitCode::Usage,
-                         "the body is not a JSON object: " + printable(body.substr(0, kQuoted)),
+                         "the body is not a JSON object: \"" + excerpt(body) + "\"" +
+                             (text.empty() ? ", " + faultInJSON(body) : ""),
                          "Quote it for the shell, such as '{\"param\":{\"name\":1}}'.");
   }
   const OwnedJSON tree = parseJSON(text);
-  const char* given = stringMember(tree.get(), "id");
-  std::string identifier = given != nullptr ? given : nextIdentifier();
-  if (given == nullptr) {
-    text.insert(1, "\"id\":" + quotedJSON(identifier) + (text == "{}" ? "" : ","));
+  if (const char* given = stringMember(tree.get(), "id"); given != nullptr && *given != '\0') {
+    return {kind, path, destination, given, text};
   }
-  return {kind, path, destination, std::move(identifier), std::move(text)};
+  std::string identifier = nextIdentifier();
+  JSONMembers members = membersOfJSON(text);
+  std::erase_if(members, [](const auto& member) { return member.first == "\"id\""; });
+  members.insert(members.begin(), {"\"id\"", quotedJSON(identifier)});
+  return {kind, path, destination, std::move(identifier), objectOfJSON(members)};
 }
 
 std::string payloadOf(const BusRequest& request, int32_t source) {
@@ -73,6 +76,20 @@ bool isAnswerTo(const BusRequest& request, const PellInternalMessage& message) {
   return (kind == MessageKind::RSP || kind == MessageKind::CMDRSP || kind == MessageKind::ACK ||
           kind == MessageKind::NAK) &&
          message.getUniqueId() == request.identifier;
+}
+
+std::string bodyOf(const PellInternalMessage& answer) {
+  const char* text = answer.bodyText();
+  const auto whole = [](const std::string& json) { return compactJSON(withoutBrokenUtf8(json)); };
+  const std::optional<std::string> body = whole(text != nullptr ? text : "");
+  // The trees of the message classes also take what is not quite JSON.
+  return body ? *body : whole(printJSON(answer.viewBody(), false)).value_or("null");
+}
+
+std::string paramOf(const PellInternalMessage& answer) {
+  const std::string body = bodyOf(answer);
+  const std::string param = memberOfJSON(body, "param");
+  return param.empty() ? memberOfJSON(body, "paramDescriptor") : param;
 }
 
 std::string statusOf(const PellInternalMessage& answer) {

@@ -18,8 +18,8 @@ struct BusRequest {
 };
 
 // The body is the text of a JSON object; it gets a new identifier as its first member unless it has
-// an "id" of its own. Throws CommandFailure (usage) for a body that is no object and for a path
-// that a header line cannot hold.
+// a text as "id" of its own. Throws CommandFailure (usage) for a body that is no object and for a
+// path that a header line cannot hold.
 BusRequest makeRequest(MessageKind kind, const std::string& path, const std::string& body,
                        int32_t destination = 0);
 
@@ -28,6 +28,11 @@ std::string payloadOf(const BusRequest& request, int32_t source);
 
 // Whether the message answers the request: it has its identifier and is of a kind that answers.
 bool isAnswerTo(const BusRequest& request, const PellInternalMessage& message);
+
+// The body of an answer as compactJSON() makes it, with every number as it was spelt.
+std::string bodyOf(const PellInternalMessage& answer);
+// The answer's value: its "param" or "paramDescriptor"; "" when it has neither.
+std::string paramOf(const PellInternalMessage& answer);
 
 // The code and text of an answer, such as "404 Not Found" or "NAK"; "" when it carries no status.
 std::string statusOf(const PellInternalMessage& answer);

@@ -33,7 +33,8 @@ struct GetSettings {
   std::string path = "device";
   double timeout = kAnswerTime;
 };
-// Asks for objects and prints their values as one JSON object.
+// Asks for objects and prints their values as one JSON object. Lists of several participants are
+// joined.
 void get(BusConnection& connection, const GetSettings& settings, Output& output);
 
 struct SendSettings {
@@ -44,12 +45,16 @@ struct SendSettings {
   std::size_t answers = 1;  // how many to wait for; 0 waits for none
   double timeout = kAnswerTime;
   bool summary = false;  // print status and "param" of the answer instead of its whole body
+  std::string hint = "What is done without an answer needs --no-wait.";  // for no answer
 };
-// Sends one message, and prints the answers that it waits for.
+// Sends one message, and prints the answers that it waits for. With summary the first that is no
+// refusal counts; without it refusals are counted and printed too, and it fails at the end.
 void sendMessage(BusConnection& connection, const SendSettings& settings, Output& output);
 
-// The body of a SET or UPDATE: its "param" is the one JSON object of the texts, or made of
-// NAME=VALUE texts, where a value that is not JSON counts as a string.
+// The body of a SET or UPDATE, with the text of a JSON object as "param"; the origin is for errors.
+std::string paramBody(const std::string& object, const std::string& origin);
+// The same from arguments: one JSON object, or NAME=VALUE texts, where a value that is not JSON
+// counts as text unless it begins like JSON.
 std::string paramBody(const std::vector<std::string>& texts);
 // The body of a DEL.
 std::string deletionBody(const std::string& base, const std::vector<std::string>& names);
@@ -75,28 +80,30 @@ struct RouteSettings {
   bool noWait = false;
   double timeout = kAnswerTime;
 };
-// Switches every destination on every level to the one source, or to one source a level.
+// Switches every destination on every level to the one source, or to one source a level in the
+// order in which they are written. Fails when any router refuses.
 void takeRoute(BusConnection& connection, const RouteSettings& settings, Output& output);
-// Prints what feeds the destinations: a line for each destination and level.
+// Prints what feeds the destinations: a line for each destination and level. Fails when something
+// that was asked for is in no answer.
 void queryRoute(BusConnection& connection, const RouteSettings& settings, Output& output);
 
 struct RecordSettings {
-  std::string file;
+  std::string file;  // "-" for the output
   bool overwrite = false;
   MessageFilter filter;
   std::size_t count = 0;  // 0: no limit
   std::optional<double> timeout;
 };
 // Writes every message to the file until the count or the time is over, or a signal comes.
-void record(BusConnection& connection, const RecordSettings& settings);
+void record(BusConnection& connection, const RecordSettings& settings, Output& output);
 
 struct ReplaySettings {
-  std::string file;
+  std::string file;  // "-" for standard input
   double speed = 1;  // 2: twice as fast as recorded
   bool noTiming = false;
 };
 // Sends the messages of the file as they were recorded, header included, except those that set up
-// a connection.
+// a connection. A file on disk is checked as a whole before anything is sent.
 void replay(BusConnection& connection, const ReplaySettings& settings);
 
 }  // namespace valtor

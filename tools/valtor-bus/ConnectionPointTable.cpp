@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "app/util/OwnedJSON.h"
-#include "valtor-bus/Exchange.h"
+#include "valtor-bus/BusRequest.h"
 #include "valtor-bus/JSONText.h"
 
 namespace valtor {
@@ -40,6 +40,15 @@ std::size_t width(const std::string& text) {
       std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
 }
 
+// "12:34:56", behind the date when that was not today.
+std::string sinceText(WallTime time) {
+  const std::string full = fullTime(time);
+  const std::string date = full.substr(0, full.find('T'));
+  const std::string clock = timeOfDay(time);
+  const bool today = fullTime(std::chrono::system_clock::now()).find(date) == 0;
+  return (today ? "" : date + " ") + clock.substr(0, clock.find('.'));
+}
+
 Cells cellsOf(const std::string& uniqueID, const ConnectionPointTable::Row& row) {
   return {row.name,
           printable(uniqueID),
@@ -47,7 +56,7 @@ Cells cellsOf(const std::string& uniqueID, const ConnectionPointTable::Row& row)
           row.address,
           row.enabled ? "yes" : "no",
           row.connected ? "yes" : "no",
-          row.since.empty() ? "-" : row.since};
+          row.since ? sinceText(*row.since) : "-"};
 }
 
 }  // namespace
@@ -63,18 +72,19 @@ void ConnectionPointTable::endListing() {
 }
 
 void ConnectionPointTable::takeAnswer(const PellInternalMessage& answer) {
+  const OwnedJSON param = parseJSON(paramOf(answer));
   for (const char* name : kListNames) {
-    takeList(arrayMember(answerParam(answer), name), Origin::Answer, "");
+    takeList(arrayMember(param.get(), name), std::nullopt);
   }
 }
 
 bool ConnectionPointTable::takeNotification(const PellInternalMessage& notification,
-                                            const std::string& time) {
+                                            WallTime time) {
   const cJSON* body = notification.viewBody();
   bool concerned = false;
   for (const char* name : kListNames) {
     const cJSON* changed = arrayMember(cJSON_GetObjectItem(body, "param"), name);
-    concerned = takeList(changed, Origin::Notification, time) || concerned;
+    concerned = takeList(changed, time) || concerned;
     const cJSON* point = nullptr;
     cJSON_ArrayForEach(point, arrayMember(cJSON_GetObjectItem(body, "paramDelete"), name)) {
       const char* uniqueID = stringMember(point, "uniqueID");
@@ -84,7 +94,7 @@ bool ConnectionPointTable::takeNotification(const PellInternalMessage& notificat
   return concerned;
 }
 
-bool ConnectionPointTable::takeList(const cJSON* list, Origin origin, const std::string& time) {
+bool ConnectionPointTable::takeList(const cJSON* list, std::optional<WallTime> time) {
   bool any = false;
   const cJSON* point = nullptr;
   cJSON_ArrayForEach(point, list) {
@@ -96,7 +106,7 @@ bool ConnectionPointTable::takeList(const cJSON* list, Origin origin, const std:
     const auto [entry, isNew] = rows_.try_emplace(uniqueID);
     Row& row = entry->second;
     if (isNew || row.connected != connected) {
-      row.since = origin == Origin::Notification ? time : "";
+      row.since = time;
     }
     row.name = textMember(point, "name");
     row.type = textMember(point, "type");

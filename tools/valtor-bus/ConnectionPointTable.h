@@ -1,10 +1,12 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "bus/PellInternalMessage.h"
+#include "valtor-bus/MessageText.h"
 
 namespace valtor {
 
@@ -17,8 +19,8 @@ class ConnectionPointTable {
     std::string address;  // of the first phy
     bool enabled = false;
     bool connected = false;
-    std::string since;    // when the connected state was seen to change; empty when it was not
-    bool listed = false;  // in the answers since beginListing()
+    std::optional<WallTime> since;  // when the connected state was seen to change, if it was
+    bool listed = false;            // in the answers since beginListing()
   };
 
   // From now on answers list what there is; endListing() drops what they did not.
@@ -26,9 +28,8 @@ class ConnectionPointTable {
   void endListing();
   // Takes over what an answer lists. The state's time is forgotten where the state changed unseen.
   void takeAnswer(const PellInternalMessage& answer);
-  // Takes over a notification; the time is given as it is to be shown. Whether it concerned
-  // connection points.
-  bool takeNotification(const PellInternalMessage& notification, const std::string& time);
+  // Takes over a notification that came at the time. Whether it concerned connection points.
+  bool takeNotification(const PellInternalMessage& notification, WallTime time);
 
   // A head line and one line for each connection point, in the order of the unique IDs.
   std::string text(bool colour) const;
@@ -39,9 +40,8 @@ class ConnectionPointTable {
   const std::map<std::string, Row>& rows() const { return rows_; }
 
  private:
-  enum class Origin { Answer, Notification };
-
-  bool takeList(const cJSON* list, Origin origin, const std::string& time);
+  // The time is that of a notification.
+  bool takeList(const cJSON* list, std::optional<WallTime> time);
   std::vector<std::string> down() const;
 
   std::map<std::string, Row> rows_;  // by unique ID

@@ -1,7 +1,9 @@
 #pragma once
 
-#include <functional>
+#include <chrono>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "bus/PellInternalMessage.h"
 #include "valtor-bus/BusConnection.h"
@@ -9,17 +11,44 @@
 
 namespace valtor {
 
-// Sends the request and hands over each answer until the function has enough and returns true.
-// False when the time was over first. Throws CommandFailure when an answer refuses the request,
-// when the link is lost, and when interrupted.
-bool exchange(BusConnection& connection, const BusRequest& request, double seconds,
-              const std::function<bool(const PellInternalMessage&)>& hasEnough);
+// Several participants of a bus may answer one request: how long others get after the answer that
+// would be enough, and after a refusal.
+constexpr std::chrono::milliseconds kTimeForOthers{300};
+constexpr std::chrono::seconds kTimeAfterRefusal{1};
+
+// A request and the answers to it, as they come. One thread.
+class Exchange {
+ public:
+  // Sends the request, on an open connection that has to outlive the exchange.
+  Exchange(BusConnection& connection, BusRequest request, double seconds);
+
+  // The next answer, refusals included; none when the time is over. Throws CommandFailure when
+  // interrupted, and when the link is lost before there was enough.
+  std::optional<PellInternalMessage> next();
+  // What came is enough: others get kTimeForOthers from now on.
+  void hasEnough();
+
+  // Throws CommandFailure when every answer so far was a refusal, or there was none.
+  void requireAnswer(const std::string& hint) const;
+  // Throws CommandFailure when somebody refused.
+  void requireNoRefusal() const;
+  // Who refused and why, one after the other; "" when nobody did.
+  const std::string& refusals() const { return refusals_; }
+
+ private:
+  void bound(BusConnection::Clock::duration time);
+
+  BusConnection& connection_;
+  const BusRequest request_;
+  const double seconds_;
+  BusConnection::Clock::time_point end_;
+  bool enough_ = false;
+  bool answered_ = false;
+  std::string refusals_;
+};
 
 // The failure of a request that nobody answered in time.
 [[noreturn]] void throwNoAnswer(const BusConnection& connection, const BusRequest& request,
                                 double seconds, const std::string& hint);
-
-// The answer's value, or null when it has none.
-const cJSON* answerParam(const PellInternalMessage& answer);
 
 }  // namespace valtor

@@ -1,9 +1,12 @@
 #include "valtor-bus/JSONText.h"
 
+#include <algorithm>
+#include <rapidjson/error/en.h>
 #include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
+#include <strings.h>
 
 namespace valtor {
 namespace {
@@ -19,24 +22,164 @@ class NumberKeepingWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
   }
 };
 
-}  // namespace
+struct StringReader : rapidjson::BaseReaderHandler<Utf8, StringReader> {
+  bool Default() { return false; }
+  bool String(const char* bytes, rapidjson::SizeType length, bool /*copy*/) {
+    text.assign(bytes, length);
+    return true;
+  }
+  std::string text;
+};
 
-std::optional<std::string> compactJSON(const std::string& text) {
+// Writes the text without white space into the buffer.
+rapidjson::ParseResult parse(const std::string& text, rapidjson::StringBuffer& buffer) {
   // The iterative parser has no depth that overflows the stack.
   constexpr unsigned kFlags = rapidjson::kParseIterativeFlag |
                               rapidjson::kParseValidateEncodingFlag |
                               rapidjson::kParseNumbersAsStringsFlag;
-  if (text.find('\0') != std::string::npos) {
-    return std::nullopt;
+  const std::size_t nul = text.find('\0');
+  if (nul != std::string::npos) {
+    return {rapidjson::kParseErrorTermination, nul};
   }
-  rapidjson::StringBuffer buffer;
   NumberKeepingWriter writer(buffer);
   rapidjson::StringStream input(text.c_str());
   rapidjson::Reader reader;
-  if (reader.Parse<kFlags>(input, writer).IsError()) {
+  return reader.Parse<kFlags>(input, writer);
+}
+
+// Behind the string that begins there.
+std::size_t endOfString(const std::string& json, std::size_t at) {
+  for (++at; json[at] != '"'; ++at) {
+    at += json[at] == '\\' ? 1 : 0;
+  }
+  return at + 1;
+}
+
+// Behind the value that begins there.
+std::size_t endOfValue(const std::string& json, std::size_t at) {
+  std::size_t open = 0;
+  while (at < json.size()) {
+    const char byte = json[at];
+    const bool closes = byte == '}' || byte == ']';
+    if (open == 0 && (closes || byte == ',')) {
+      break;
+    }
+    open += byte == '{' || byte == '[' ? 1 : 0;
+    open -= closes ? 1 : 0;
+    at = byte == '"' ? endOfString(json, at) : at + 1;
+  }
+  return at;
+}
+
+// U+0080 to U+009F are control characters too.
+bool isControl(unsigned char byte, unsigned char before) {
+  return byte < 0x20 || byte == 0x7f || (before == 0xc2 && byte < 0xa0);
+}
+
+}  // namespace
+
+std::optional<std::string> compactJSON(const std::string& text) {
+  rapidjson::StringBuffer buffer;
+  if (parse(text, buffer).IsError()) {
     return std::nullopt;
   }
   return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+std::string faultInJSON(const std::string& text) {
+  rapidjson::StringBuffer buffer;
+  const rapidjson::ParseResult result = parse(text, buffer);
+  const auto place =
+      text.begin() + static_cast<std::ptrdiff_t>(std::min(result.Offset(), text.size()));
+  const auto line = std::count(text.begin(), place, '\n');
+  const auto column = std::find(std::make_reverse_iterator(place), text.rend(), '\n') -
+                      std::make_reverse_iterator(place);
+  return "line " + std::to_string(line + 1) + ", column " + std::to_string(column + 1) + ": " +
+         (result.Code() == rapidjson::kParseErrorTermination
+              ? "A NUL byte."
+              : rapidjson::GetParseError_En(result.Code()));
+}
+
+JSONMembers membersOfJSON(const std::string& object) {
+  JSONMembers members;
+  std::size_t at = 1;
+  while (object[0] == '{' && at < object.size() && object[at] == '"') {
+    const std::size_t colon = endOfString(object, at);
+    const std::size_t end = endOfValue(object, colon + 1);
+    members.emplace_back(object.substr(at, colon - at), object.substr(colon + 1, end - colon - 1));
+    at = end + 1;
+  }
+  return members;
+}
+
+std::string objectOfJSON(const JSONMembers& members) {
+  std::string text = "{";
+  for (const auto& [name, value] : members) {
+    text.append(text.size() == 1 ? "" : ",").append(name).append(":").append(value);
+  }
+  return text + "}";
+}
+
+std::string memberOfJSON(const std::string& object, const std::string& name) {
+  const std::string quoted = quotedJSON(name);
+  for (const auto& [key, value] : membersOfJSON(object)) {
+    if (strcasecmp(key.c_str(), quoted.c_str()) == 0) {
+      return value;
+    }
+  }
+  return "";
+}
+
+std::string textOfJSON(const std::string& json) {
+  StringReader handler;
+  rapidjson::StringStream input(json.c_str());
+  rapidjson::Reader().Parse<rapidjson::kParseIterativeFlag>(input, handler);
+  return handler.text;
+}
+
+std::string formattedJSON(const std::string& compact) {
+  std::string text;
+  std::string open;  // the brackets around this place
+  const auto newLine = [&] { return "\n" + std::string(open.size(), '\t'); };
+  for (std::size_t at = 0; at < compact.size();) {
+    const char byte = compact[at];
+    const std::size_t end = byte == '"' ? endOfString(compact, at) : at + 1;
+    if (byte == '{' || byte == '[') {
+      open += byte;
+      text += byte;
+      text += byte == '{' && compact[end] != '}' ? newLine() : "";
+    } else if (byte == '}' || byte == ']') {
+      open.pop_back();
+      text += byte == '}' && compact[at - 1] != '{' ? newLine() : "";
+      text += byte;
+    } else if (byte == ',') {
+      text += open.back() == '{' ? "," + newLine() : ", ";
+    } else {
+      text.append(compact, at, end - at);
+      text += byte == ':' ? "\t" : "";
+    }
+    at = end;
+  }
+  return escapedControls(text);
+}
+
+std::string escapedControls(const std::string& json) {
+  std::string result;
+  result.reserve(json.size());
+  for (const char byte : json) {
+    const auto value = static_cast<unsigned char>(byte);
+    const unsigned char before = result.empty() ? 0 : static_cast<unsigned char>(result.back());
+    if (value < 0x7f || !isControl(value, before)) {
+      result += byte;
+      continue;
+    }
+    if (value != 0x7f) {
+      result.pop_back();
+    }
+    constexpr const char* kDigits = "0123456789abcdef";
+    result += std::string("\\u00") + kDigits[value >> 4U] + kDigits[value & 0xfU];
+  }
+  return result;
 }
 
 std::string withoutBrokenUtf8(std::string_view text) {
@@ -65,17 +208,20 @@ std::string quotedJSON(std::string_view text) {
 
 std::string printable(std::string_view text) {
   std::string result = withoutBrokenUtf8(text);
-  bool afterC2 = false;  // U+0080 to U+009F are control characters too
+  unsigned char before = 0;
   for (char& byte : result) {
     const auto value = static_cast<unsigned char>(byte);
-    if (value < 0x20 || value == 0x7f) {
-      byte = ' ';
-    } else if (afterC2 && value < 0xa0) {
-      byte = '\xa0';  // a blank that does not break
+    if (isControl(value, before)) {
+      byte = value < 0x80 ? ' ' : '\xa0';  // the latter a blank that does not break
     }
-    afterC2 = value == 0xc2;
+    before = value;
   }
   return result;
+}
+
+std::string excerpt(const std::string& text) {
+  constexpr std::size_t kMost = 60;  // bytes
+  return printable(text.substr(0, kMost)) + (text.size() > kMost ? "..." : "");
 }
 
 }  // namespace valtor

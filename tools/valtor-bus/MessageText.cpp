@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <ctime>
 
+#include "app/util/OwnedJSON.h"
 #include "valtor-bus/JSONText.h"
 
 namespace valtor {
@@ -66,6 +67,21 @@ std::string bodyJSON(const PellInternalMessage& message) {
   return body.empty() ? "null" : compactJSON(body).value_or(quotedJSON(body));
 }
 
+// The header's schedule element as JSON; "" when it is 0 or not there.
+std::string scheduleOf(const PellInternalMessage& message) {
+  const std::string text = message.receivedText();
+  const OwnedJSON header = parseJSON(text.substr(0, text.find('\n')));
+  constexpr int kPlace = 4;
+  const cJSON* element = header.get()->child;
+  for (int at = 0; at < kPlace && element != nullptr; ++at) {
+    element = element->next;
+  }
+  if (element == nullptr || (cJSON_IsNumber(element) != 0 && element->valuedouble == 0)) {
+    return "";
+  }
+  return printJSON(element, false);
+}
+
 bool covers(const std::string& pattern, const std::string& path) {
   return !pattern.empty() && pattern.back() == '*'
              ? path.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0
@@ -87,6 +103,7 @@ std::string fullTime(WallTime time) {
 
 std::string messageLine(const PellInternalMessage& message, WallTime time, bool colour) {
   const PellInternalHeader& header = message.header;
+  const std::string schedule = scheduleOf(message);
   std::string kind = kindName(header.kind);
   kind.resize(kKindWidth, ' ');
   const auto tinted = [colour](const char* tint, const std::string& text) {
@@ -95,20 +112,24 @@ std::string messageLine(const PellInternalMessage& message, WallTime time, bool 
   return tinted(kFaint, timeOfDay(time)) + " " + tinted(colourOf(header.kind), kind) + " " +
          (header.path.empty() ? "-" : printable(header.path)) + " " +
          participant(header.sourceConnID, header.sourceName) + "->" +
-         participant(header.destConnID, header.destName) + " " + printable(received(message));
+         participant(header.destConnID, header.destName) + " " +
+         (schedule.empty() ? "" : "at " + printable(schedule) + " ") + printable(received(message));
 }
 
 std::string messageJSON(const PellInternalMessage& message, WallTime time) {
   const PellInternalHeader& header = message.header;
+  const std::string schedule = scheduleOf(message);
   const auto named = [](const char* key, const std::string& name) {
     return name.empty() ? "" : ",\"" + std::string(key) + "\":" + quotedJSON(name);
   };
-  return "{\"time\":\"" + fullTime(time) + "\",\"kind\":\"" + kindName(header.kind) +
-         "\",\"path\":" + quotedJSON(header.path) +
-         ",\"source\":" + std::to_string(header.sourceConnID) +
-         named("sourceName", header.sourceName) +
-         ",\"destination\":" + std::to_string(header.destConnID) +
-         named("destinationName", header.destName) + ",\"body\":" + bodyJSON(message) + "}";
+  return escapedControls("{\"time\":\"" + fullTime(time) + "\",\"kind\":\"" +
+                         kindName(header.kind) + "\",\"path\":" + quotedJSON(header.path) +
+                         ",\"source\":" + std::to_string(header.sourceConnID) +
+                         named("sourceName", header.sourceName) +
+                         ",\"destination\":" + std::to_string(header.destConnID) +
+                         named("destinationName", header.destName) +
+                         (schedule.empty() ? "" : ",\"schedule\":" + schedule) +
+                         ",\"body\":" + bodyJSON(message) + "}");
 }
 
 bool MessageFilter::accepts(const PellInternalMessage& message) const {

@@ -20,8 +20,8 @@ std::string fullTime(WallTime time);
 std::string messageLine(const PellInternalMessage& message, WallTime time, bool colour);
 
 // One JSON object with "time", "kind", "path", "source", "destination" (and "sourceName",
-// "destinationName" when the header names them) and "body": the body with every number as it was
-// spelt, the text of one that is no JSON, or null when there is none.
+// "destinationName", "schedule" when the header has them) and "body": the body with every number as
+// it was spelt, the text of one that is no JSON, or null when there is none.
 std::string messageJSON(const PellInternalMessage& message, WallTime time);
 
 // Which messages are wanted. A list without entries lets everything through.

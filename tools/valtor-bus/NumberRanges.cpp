@@ -72,4 +72,13 @@ std::vector<std::pair<int32_t, int32_t>> runsOf(const std::vector<int32_t>& asce
   return runs;
 }
 
+std::string formatNumbers(const std::vector<int32_t>& ascending) {
+  std::string text;
+  for (const auto& [first, last] : runsOf(ascending)) {
+    text += (text.empty() ? "" : ",") + std::to_string(first) +
+            (first == last ? "" : "-" + std::to_string(last));
+  }
+  return text;
+}
+
 }  // namespace valtor

@@ -23,4 +23,7 @@ std::vector<int32_t> parseNumberSet(const std::string& label, const std::string&
 // The runs (first and last) that ascending numbers consist of.
 std::vector<std::pair<int32_t, int32_t>> runsOf(const std::vector<int32_t>& ascending);
 
+// The numbers as people write them; "" for none.
+std::string formatNumbers(const std::vector<int32_t>& ascending);
+
 }  // namespace valtor

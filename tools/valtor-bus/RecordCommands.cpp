@@ -45,32 +45,45 @@ std::chrono::microseconds scaled(std::chrono::microseconds offset, double speed)
 
 }  // namespace
 
-void record(BusConnection& connection, const RecordSettings& settings) {
+void record(BusConnection& connection, const RecordSettings& settings, Output& output) {
   const std::vector<std::string>& paths = settings.filter.paths;
   connection.setSubscriptions(paths.empty() ? std::vector<std::string>{"*"} : paths);
   PersistentLink link(connection);
   link.open();
-  RecordingWriter writer(settings.file, settings.overwrite ? RecordingWriter::Existing::Overwrite
-                                                           : RecordingWriter::Existing::Keep);
+  const bool toOutput = settings.file == "-";
+  RecordingWriter writer =
+      toOutput
+          ? RecordingWriter(output)
+          : RecordingWriter(settings.file, settings.overwrite ? RecordingWriter::Existing::Overwrite
+                                                              : RecordingWriter::Existing::Keep);
   Progress progress;
   const Clock::time_point start = Clock::now();
   const Clock::time_point end =
       settings.timeout ? start + toDuration(*settings.timeout) : Clock::time_point::max();
   std::size_t count = 0;
-  while ((settings.count == 0 || count < settings.count) && !connection.interrupted() &&
-         Clock::now() < end) {
-    const auto message = link.receive(std::min(end, Clock::now() + kProgressInterval));
-    if (message && settings.filter.accepts(*message)) {
-      const auto offset = Clock::now() - start;
-      writer.add(
-          {std::chrono::duration_cast<std::chrono::microseconds>(offset), message->receivedText()});
-      ++count;
+  const auto finish = [&] {
+    progress.finish("recorded " + std::to_string(count) + " messages in " +
+                    secondsText(Clock::now() - start) + " to " +
+                    (toOutput ? "standard output" : settings.file));
+  };
+  try {
+    while ((settings.count == 0 || count < settings.count) && !connection.interrupted() &&
+           Clock::now() < end) {
+      const auto message = link.receive(std::min(end, Clock::now() + kProgressInterval));
+      if (message && settings.filter.accepts(*message)) {
+        const auto offset = Clock::now() - start;
+        writer.add({std::chrono::duration_cast<std::chrono::microseconds>(offset),
+                    message->receivedText()});
+        ++count;
+      }
+      progress.show("recording: " + std::to_string(count) + " messages, " +
+                    secondsText(Clock::now() - start));
     }
-    progress.show("recording: " + std::to_string(count) + " messages, " +
-                  secondsText(Clock::now() - start));
+  } catch (const CommandFailure&) {
+    finish();
+    throw;
   }
-  progress.finish("recorded " + std::to_string(count) + " messages in " +
-                  secondsText(Clock::now() - start) + " to " + settings.file);
+  finish();
   if (count < settings.count) {
     throw CommandFailure(ExitCode::Refused, "recorded " + std::to_string(count) + " of " +
                                                 std::to_string(settings.count) + " messages");
@@ -79,34 +92,42 @@ void record(BusConnection& connection, const RecordSettings& settings) {
 
 void replay(BusConnection& connection, const ReplaySettings& settings) {
   RecordingReader reader(settings.file);
+  if (reader.isOnDisk()) {
+    RecordingReader check(settings.file);
+    while (check.next()) {
+    }
+  }
   connection.open();
   Progress progress;
   const Clock::time_point start = Clock::now();
   std::optional<std::chrono::microseconds> first;
   std::size_t count = 0;
   std::size_t skipped = 0;
-  while (const auto message = reader.next()) {
-    if (setsUpConnection(message->payload)) {
-      ++skipped;
-      continue;
+  try {
+    while (const auto message = reader.next()) {
+      if (setsUpConnection(message->payload)) {
+        ++skipped;
+        continue;
+      }
+      first = first.value_or(message->offset);
+      const auto after = std::max(message->offset - *first, std::chrono::microseconds(0));
+      waitUntil(connection, settings.noTiming ? start : start + scaled(after, settings.speed));
+      connection.sendPayload(message->payload);
+      ++count;
+      progress.show("replaying: " + std::to_string(count) + " messages" +
+                    (reader.isOnDisk() ? ", " + reader.progress() : ""));
     }
-    first = first.value_or(message->offset);
-    const auto after = std::max(message->offset - *first, std::chrono::microseconds(0));
-    waitUntil(connection, settings.noTiming ? start : start + scaled(after, settings.speed));
-    if (connection.interrupted()) {
-      connection.finish();
-      throw CommandFailure(ExitCode::Refused,
-                           "interrupted after " + std::to_string(count) + " messages");
-    }
-    connection.sendPayload(message->payload);
-    ++count;
-    progress.show("replaying: " + std::to_string(count) + " messages, " +
-                  std::to_string(reader.percentRead()) + " %");
+    connection.finish();
+  } catch (const CommandFailure&) {
+    progress.finish("stopped after " + std::to_string(count) + " messages");
+    throw;
   }
-  connection.finish();
   progress.finish(
       "replayed " + std::to_string(count) + " messages in " + secondsText(Clock::now() - start) +
       (skipped > 0 ? ", left out " + std::to_string(skipped) + " that set up a connection" : ""));
+  if (reader.endedUnfinished()) {
+    say("the last line of the recording is unfinished and was left out");
+  }
 }
 
 }  // namespace valtor

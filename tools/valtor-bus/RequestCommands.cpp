@@ -1,10 +1,6 @@
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <set>
-#include <utility>
 
-#include "app/util/OwnedJSON.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/Exchange.h"
@@ -12,22 +8,6 @@
 
 namespace valtor {
 namespace {
-
-std::string described(const BusRequest& request) {
-  return std::string(kindName(request.kind)) + " on \"" + request.path + "\"";
-}
-
-std::string secondsText(double seconds) {
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%g s", seconds);
-  return text.data();
-}
-
-// What a refusal says about itself beyond its status.
-std::string detailsOf(const PellInternalMessage& answer) {
-  const cJSON* details = cJSON_GetObjectItem(answer.viewBody(), "details");
-  return details != nullptr ? ", details " + printable(printJSON(details, false)) : "";
-}
 
 std::string nameList(const std::vector<std::string>& names) {
   std::string list;
@@ -37,66 +17,52 @@ std::string nameList(const std::vector<std::string>& names) {
   return "[" + list + "]";
 }
 
-// Moves the members of an answer's value into the object; what it names is no longer missing.
-void collect(const cJSON* param, cJSON* values, std::set<std::string>& missing) {
-  const cJSON* member = nullptr;
-  cJSON_ArrayForEach(member, param) {
-    if (member->string != nullptr && cJSON_GetObjectItem(values, member->string) == nullptr) {
-      addMember(values, member->string, JSONPtr(cJSON_Duplicate(member, 1)));
-      missing.erase(member->string);
-    }
+bool isEmptyValue(const std::string& json) {
+  return json == "null" || json == "[]" || json == "{}" || json == "\"\"";
+}
+
+// Adds what an answer says about a name. Several participants may each have a part of a list;
+// otherwise the first that has something counts.
+void addValue(JSONMembers& values, const std::string& name, const std::string& value) {
+  const auto known = std::find_if(values.begin(), values.end(),
+                                  [&](const auto& member) { return member.first == name; });
+  if (known == values.end()) {
+    values.emplace_back(name, value);
+  } else if (isEmptyValue(known->second)) {
+    known->second = value;
+  } else if (known->second.front() == '[' && value.front() == '[' && !isEmptyValue(value)) {
+    known->second.back() = ',';
+    known->second.append(value, 1);
   }
 }
 
 void printAnswer(const PellInternalMessage& answer, const SendSettings& settings, Output& output) {
   if (!settings.summary) {
-    output.line(printJSON(answer.viewBody(), true));
+    if (settings.answers > 1) {
+      say("answer of connection " + std::to_string(answer.header.sourceConnID) + ":");
+    }
+    output.line(formattedJSON(bodyOf(answer)));
     return;
   }
   const std::string state = statusOf(answer);
   output.line(state.empty() ? kindName(answer.getKind()) : state);
-  if (const cJSON* param = answerParam(answer); param != nullptr) {
-    output.line(printJSON(param, true));
+  if (const std::string param = paramOf(answer); !param.empty()) {
+    output.line(formattedJSON(param));
   }
+}
+
+// The JSON of a NAME=VALUE text's value: as it is, or as text. What begins like JSON and is none
+// was hardly meant as text.
+std::string valueJSON(const std::string& name, const std::string& value) {
+  const std::optional<std::string> json = compactJSON(value);
+  if (!json && !value.empty() && std::string("{[\"").find(value.front()) != std::string::npos) {
+    throw CommandFailure(ExitCode::Usage, "the value of \"" + excerpt(name) +
+                                              "\" is no JSON: " + faultInJSON(value));
+  }
+  return json.value_or(quotedJSON(value));
 }
 
 }  // namespace
-
-bool exchange(BusConnection& connection, const BusRequest& request, double seconds,
-              const std::function<bool(const PellInternalMessage&)>& hasEnough) {
-  const auto end = BusConnection::Clock::now() + toDuration(seconds);
-  connection.send(request);
-  while (const auto message = connection.receive(end)) {
-    if (!isAnswerTo(request, *message)) {
-      continue;
-    }
-    if (isRefusal(*message)) {
-      throw CommandFailure(ExitCode::Refused, described(request) + " was refused by connection " +
-                                                  std::to_string(message->header.sourceConnID) +
-                                                  ": " + statusOf(*message) + detailsOf(*message));
-    }
-    if (hasEnough(*message)) {
-      return true;
-    }
-  }
-  if (connection.interrupted()) {
-    throw CommandFailure(ExitCode::Refused, described(request) + ": interrupted");
-  }
-  return false;
-}
-
-void throwNoAnswer(const BusConnection& connection, const BusRequest& request, double seconds,
-                   const std::string& hint) {
-  throw CommandFailure(ExitCode::Refused,
-                       "no answer to " + described(request) + " from " + connection.where() +
-                           " within " + secondsText(seconds),
-                       hint);
-}
-
-const cJSON* answerParam(const PellInternalMessage& answer) {
-  const cJSON* param = cJSON_GetObjectItem(answer.viewBody(), "param");
-  return param != nullptr ? param : cJSON_GetObjectItem(answer.viewBody(), "paramDescriptor");
-}
 
 std::string requestBody(const std::vector<std::string>& names) {
   // Some participants read the names inside "param", others beside it.
@@ -109,52 +75,65 @@ std::string deletionBody(const std::string& base, const std::vector<std::string>
          "\"objectName\":" + nameList(names) + "}";
 }
 
-std::string paramBody(const std::vector<std::string>& texts) {
-  if (texts.size() == 1) {
-    const std::string whole = compactJSON(texts.front()).value_or("");
-    if (!whole.empty() && whole.front() == '{') {
-      return "{\"param\":" + whole + "}";
-    }
+std::string paramBody(const std::string& object, const std::string& origin) {
+  const std::string whole = compactJSON(object).value_or("");
+  if (whole.empty() || whole.front() != '{') {
+    throw CommandFailure(ExitCode::Usage, origin + " is not a JSON object" +
+                                              (object.empty()  ? ": it is empty"
+                                               : whole.empty() ? ", " + faultInJSON(object)
+                                                               : ""));
   }
-  std::string members;
+  return "{\"param\":" + whole + "}";
+}
+
+std::string paramBody(const std::vector<std::string>& texts) {
+  JSONMembers members;
   for (const std::string& text : texts) {
     const std::size_t sign = text.find('=');
+    if (texts.size() == 1 && text.find('{') == 0) {
+      return paramBody(text, "\"" + excerpt(text) + "\"");
+    }
     if (sign == std::string::npos || sign == 0) {
       throw CommandFailure(ExitCode::Usage,
-                           "\"" + printable(text) + "\" is neither a JSON object nor NAME=VALUE");
+                           "\"" + excerpt(text) + "\" is neither a JSON object nor NAME=VALUE");
     }
-    const std::string value = text.substr(sign + 1);
-    members += (members.empty() ? "" : ",") + quotedJSON(text.substr(0, sign)) + ":" +
-               compactJSON(value).value_or(quotedJSON(value));
+    const std::string name = text.substr(0, sign);
+    members.emplace_back(quotedJSON(name), valueJSON(name, text.substr(sign + 1)));
   }
-  return "{\"param\":{" + members + "}}";
+  return "{\"param\":" + objectOfJSON(members) + "}";
 }
 
 void get(BusConnection& connection, const GetSettings& settings, Output& output) {
-  const BusRequest request =
-      makeRequest(MessageKind::GET, settings.path, requestBody(settings.names));
   connection.open();
-  std::set<std::string> missing(settings.names.begin(), settings.names.end());
-  const JSONPtr values(cJSON_CreateObject());
-  bool answered = false;
-  const bool complete =
-      exchange(connection, request, settings.timeout, [&](const PellInternalMessage& answer) {
-        answered = true;
-        collect(answerParam(answer), values.get(), missing);
-        return missing.empty();
-      });
-  connection.finish();
-  if (values->child != nullptr) {
-    output.line(printJSON(values.get(), true));
+  Exchange exchange(connection,
+                    makeRequest(MessageKind::GET, settings.path, requestBody(settings.names)),
+                    settings.timeout);
+  std::set<std::string> missing;
+  for (const std::string& name : settings.names) {
+    missing.insert(quotedJSON(name));
   }
-  if (!complete && !answered) {
-    throwNoAnswer(connection, request, settings.timeout,
-                  "Check --path and the names, or wait longer with --timeout.");
+  JSONMembers values;
+  while (const auto answer = exchange.next()) {
+    for (const auto& [name, value] : membersOfJSON(isRefusal(*answer) ? "" : paramOf(*answer))) {
+      addValue(values, name, value);
+      missing.erase(name);
+    }
+    if (missing.empty()) {
+      exchange.hasEnough();
+    }
   }
-  if (!complete) {
+  if (!values.empty()) {
+    output.line(formattedJSON(objectOfJSON(values)));
+  }
+  exchange.requireAnswer("Check --path and the names, or wait longer with --timeout.");
+  if (!missing.empty()) {
+    std::string list;
+    for (const std::string& name : missing) {
+      list += (list.empty() ? "" : ",") + name;
+    }
     throw CommandFailure(ExitCode::Refused,
-                         "no value within " + secondsText(settings.timeout) + " for " +
-                             printable(nameList({missing.begin(), missing.end()})));
+                         "no answer has a value for " + printable("[" + list + "]"),
+                         exchange.refusals().empty() ? "" : "Refused by " + exchange.refusals());
   }
 }
 
@@ -162,20 +141,37 @@ void sendMessage(BusConnection& connection, const SendSettings& settings, Output
   const BusRequest request =
       makeRequest(settings.kind, settings.path, settings.body, settings.destination);
   connection.open();
-  std::size_t seen = 0;
   if (settings.answers == 0) {
     connection.send(request);
-  } else if (!exchange(connection, request, settings.timeout,
-                       [&](const PellInternalMessage& answer) {
-                         printAnswer(answer, settings, output);
-                         return ++seen >= settings.answers;
-                       })) {
-    throwNoAnswer(connection, request, settings.timeout,
-                  seen > 0 ? std::to_string(seen) + " of " + std::to_string(settings.answers) +
-                                 " answers came."
-                           : "What is done without an answer needs --no-wait.");
+    connection.finish();
+    return;
   }
-  connection.finish();
+  Exchange exchange(connection, request, settings.timeout);
+  std::size_t seen = 0;
+  while (seen < settings.answers) {
+    const auto answer = exchange.next();
+    if (!answer) {
+      break;
+    }
+    // Whoever wants answers as they are gets refusals too; a change may be somebody else's to make.
+    if (!settings.summary || !isRefusal(*answer)) {
+      printAnswer(*answer, settings, output);
+      ++seen;
+    }
+  }
+  if (settings.summary || seen == 0) {
+    exchange.requireAnswer(settings.hint);
+  } else {
+    exchange.requireNoRefusal();
+  }
+  if (seen < settings.answers) {
+    throwNoAnswer(
+        connection, request, settings.timeout,
+        std::to_string(seen) + " of " + std::to_string(settings.answers) + " answers came.");
+  }
+  if (!exchange.refusals().empty()) {
+    say("refused by " + exchange.refusals());
+  }
 }
 
 }  // namespace valtor

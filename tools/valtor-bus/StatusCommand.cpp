@@ -13,8 +13,6 @@ namespace {
 
 using Clock = BusConnection::Clock;
 
-// Several participants of a bus may have connection points: how long others get after the first.
-constexpr std::chrono::milliseconds kTimeForOthers{300};
 // How often --watch asks again, so that it notices what nobody announces.
 constexpr std::chrono::seconds kAskAgain{10};
 // How long a link that was opened again may wait to be noticed.
@@ -44,17 +42,17 @@ class Listing {
     return questions_;
   }
 
-  // Whether the message changed the table by itself, outside a listing.
+  // Whether the message is one that changed the table by itself.
   bool take(const PellInternalMessage& message) {
     if (message.getKind() == MessageKind::NOT && message.header.path == "device") {
-      const std::string now = timeOfDay(std::chrono::system_clock::now());
-      return table.takeNotification(message, now.substr(0, now.find('.'))) && !running_;
+      return table.takeNotification(message, std::chrono::system_clock::now());
     }
     const bool toLast = isAnswerTo(questions_[1], message);
     if (running_ && !isRefusal(message) && (toLast || isAnswerTo(questions_[0], message))) {
       table.takeAnswer(message);
       if (toLast && !answered_) {
         answered_ = true;
+        answeredBy_ = message.header.sourceConnID;
         due_ = std::min(due_, Clock::now() + kTimeForOthers);
       }
     }
@@ -75,6 +73,7 @@ class Listing {
 
   bool isRunning() const { return running_; }
   bool isAnswered() const { return answered_; }
+  int32_t answeredBy() const { return answeredBy_; }  // the first connection that did
   Clock::time_point due() const { return due_; }
   const BusRequest& lastQuestion() const { return questions_[1]; }
 
@@ -85,6 +84,7 @@ class Listing {
   std::array<BusRequest, 2> questions_;
   Clock::time_point due_;
   bool answered_ = false;
+  int32_t answeredBy_ = 0;
   bool running_ = false;
 };
 
@@ -128,12 +128,15 @@ class StatusWatch {
   }
 
   void reportListing() {
-    if (listing_.isAnswered() && shown_ != listing_.table.text(output_.hasColour())) {
-      show();
-    } else if (!listing_.isAnswered() && connection_.isOpen() && !silenceReported_) {
+    if (listing_.isAnswered()) {
+      silenceReported_ = false;
+      if (shown_ != listing_.table.text(output_.hasColour())) {
+        show();
+      }
+    } else if (connection_.isOpen() && !silenceReported_) {
       say("nobody answers about connection points. " + std::string(kHint));
+      silenceReported_ = true;
     }
-    silenceReported_ = !listing_.isAnswered();
   }
 
   void show() {
@@ -157,7 +160,7 @@ void listOnce(BusConnection& connection, Listing& listing, double timeout) {
   for (const BusRequest& request : listing.begin()) {
     connection.send(request);
   }
-  while (!listing.endWhenDue() && !connection.interrupted()) {
+  while (!listing.endWhenDue()) {
     if (const auto message = connection.receive(listing.due())) {
       listing.take(*message);
     }
@@ -165,7 +168,6 @@ void listOnce(BusConnection& connection, Listing& listing, double timeout) {
   if (!listing.isAnswered()) {
     throwNoAnswer(connection, listing.lastQuestion(), timeout, kHint);
   }
-  connection.finish();
 }
 
 }  // namespace
@@ -178,6 +180,10 @@ void status(BusConnection& connection, const StatusSettings& settings, Output& o
   Listing listing(settings.timeout);
   try {
     listOnce(connection, listing, settings.timeout);
+    if (settings.check && listing.table.rows().empty()) {
+      throw CommandFailure(ExitCode::Refused, "no connection points are listed by connection " +
+                                                  std::to_string(listing.answeredBy()));
+    }
   } catch (const CommandFailure& failure) {
     if (settings.check) {
       output.line(std::string("UNKNOWN: ") + failure.what());

@@ -1,13 +1,16 @@
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <charconv>
 #include <climits>
+#include <cmath>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <fcntl.h>
-#include <fstream>
 #include <functional>
 #include <iostream>
-#include <iterator>
+#include <memory>
 #include <string>
 #include <syslog.h>
 #include <unistd.h>
@@ -30,9 +33,31 @@ using valtor::ExitCode;
 using valtor::MessageKind;
 using valtor::Output;
 
-// Checks without the names that help would show beside each option.
-CLI::Validator notNegative() { return CLI::NonNegativeNumber.description(""); }
-CLI::Validator from(int first, int last) { return CLI::Range(first, last).description(""); }
+// The checks of numbers rewrite what they let through: the library would read 010 as 8, and take
+// -1 for a size and "nan" for a time.
+template <class Number>
+CLI::Validator numberCheck(const std::string& name, Number first, Number last) {
+  const auto check = [=](std::string& text) -> std::string {
+    Number number{};
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (result.ec != std::errc() || result.ptr != text.data() + text.size() ||
+        !(number >= first && number <= last)) {
+      return "\"" + valtor::excerpt(text) + "\" is no " + name;
+    }
+    if constexpr (std::is_integral_v<Number>) {
+      text = std::to_string(number);
+    }
+    return "";
+  };
+  return {check, ""};
+}
+
+CLI::Validator whole(int first, int last = INT_MAX) {
+  return numberCheck("whole number from " + std::to_string(first) +
+                         (last == INT_MAX ? "" : " to " + std::to_string(last)),
+                     first, last);
+}
+CLI::Validator seconds() { return numberCheck("number of seconds", 0.0, 1e9); }
 
 // What was asked for: a command, run once the whole command line has been understood.
 struct Request {
@@ -64,10 +89,12 @@ struct Limits {
   double timeout = -1;
 
   void addTo(CLI::App& app) {
-    app.add_option("--count", count, "end after so many messages");
+    app.add_option("--count", count, "end after so many messages")
+        ->type_name("NUMBER")
+        ->transform(whole(1));
     app.add_option("--timeout", timeout, "end after so many seconds")
         ->type_name("SECONDS")
-        ->check(notNegative());
+        ->transform(::seconds());
   }
   std::optional<double> seconds() const {
     return timeout < 0 ? std::nullopt : std::optional<double>(timeout);
@@ -110,13 +137,23 @@ valtor::MessageFilter FilterTexts::filter() const {
 
 // The content of a file, or of standard input for "-".
 std::string contentOf(const std::string& file) {
-  if (file == "-") {
-    return {std::istreambuf_iterator<char>(std::cin), {}};
+  struct Closer {
+    void operator()(std::FILE* stream) const { std::fclose(stream); }  // NOLINT(*-owning-memory)
+  };
+  const bool fromInput = file == "-";
+  const std::unique_ptr<std::FILE, Closer> stream(
+      fromInput ? fdopen(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "r")
+                : std::fopen(file.c_str(), "re"));
+  std::string content;
+  std::array<char, 65536> part{};
+  std::size_t count = 1;
+  while (stream && count > 0) {
+    count = std::fread(part.data(), 1, part.size(), stream.get());
+    content.append(part.data(), count);
   }
-  std::ifstream stream(file, std::ios::binary);
-  std::string content(std::istreambuf_iterator<char>(stream), {});
-  if (!stream.is_open() || stream.bad()) {
-    throw CommandFailure(ExitCode::Refused, "cannot read " + file);
+  if (!stream || std::ferror(stream.get()) != 0) {
+    throw CommandFailure(ExitCode::Refused, "cannot read " + (fromInput ? "standard input" : file) +
+                                                ": " + valtor::errnoText(errno));
   }
   return content;
 }
@@ -134,7 +171,7 @@ CLI::App* addCommand(CLI::App& app, const char* name, const char* text,
 void addTimeout(CLI::App& app, double& timeout) {
   app.add_option("--timeout", timeout, "seconds to wait for the answer")
       ->type_name("SECONDS")
-      ->check(notNegative())
+      ->transform(seconds())
       ->capture_default_str();
 }
 
@@ -197,30 +234,34 @@ struct SendTexts {
 void addSendOptions(CLI::App& command, SendTexts& texts) {
   command.add_option("--dest", texts.settings.destination, "connection id of the addressee")
       ->type_name("ID")
-      ->check(from(0, INT_MAX));
+      ->transform(whole(0));
   command.add_flag("--no-wait", texts.noWait, "send and wait for no answer");
   addTimeout(command, texts.settings.timeout);
 }
 
-// Runs a send whose body the function makes.
+// Runs a send whose body the function makes, before there is a connection: a body that somebody
+// types takes its time.
 void runSend(CLI::App& command, const std::shared_ptr<SendTexts>& texts, Request& request,
              const std::function<void(SendTexts&)>& complete) {
   command.callback([texts, &request, complete] {
-    request.command = [texts, complete](BusConnection& connection, Output& output) {
-      complete(*texts);
-      texts->settings.answers = texts->noWait ? 0 : texts->settings.answers;
+    complete(*texts);
+    texts->settings.answers = texts->noWait ? 0 : texts->settings.answers;
+    request.command = [texts](BusConnection& connection, Output& output) {
       valtor::sendMessage(connection, texts->settings, output);
     };
   });
 }
 
-void addChange(CLI::App& app, Request& request, MessageKind kind, const std::string& name) {
+void addChange(CLI::App& app, Request& request, MessageKind kind) {
+  const bool sets = kind == MessageKind::SET;
   CLI::App* command =
-      addCommand(app, name.c_str(),
-                 kind == MessageKind::SET ? "Set objects to new values." : "Add or change objects.",
-                 "  valtor-bus " + name + " --path system mdxMasterState=standby\n" +
-                     "  valtor-bus " + name + " '{\"connectionPoint\":[...]}' --no-wait\n" +
-                     "  valtor-bus " + name + " --file points.json\n");
+      sets ? addCommand(app, "set", "Set objects to new values.",
+                        "  valtor-bus set --file points.json\n"
+                        "  valtor-bus set '{\"connectionPoint\":[...]}'\n"
+                        "  valtor-bus set --path system time=1\n")
+           : addCommand(app, "update", "Add or change objects.",
+                        "  valtor-bus update --no-wait --file points.json\n"
+                        "  valtor-bus update --no-wait '{\"connectionPoint\":[...]}'\n");
   const auto texts = std::make_shared<SendTexts>();
   auto* values =
       command->add_option("VALUE", texts->values,
@@ -236,9 +277,13 @@ void addChange(CLI::App& app, Request& request, MessageKind kind, const std::str
     const bool fromInput = all.values.size() == 1 && all.values.front() == "-";
     all.settings.kind = kind;
     all.settings.summary = true;
-    all.settings.body = valtor::paramBody(!all.file.empty() || fromInput
-                                              ? std::vector{contentOf(fromInput ? "-" : all.file)}
-                                              : all.values);
+    if (kind == MessageKind::UPDATE) {
+      all.settings.hint =
+          "The daemon does not answer an UPDATE of connection points: use --no-wait, then status.";
+    }
+    all.settings.body = fromInput          ? valtor::paramBody(contentOf("-"), "standard input")
+                        : all.file.empty() ? valtor::paramBody(all.values)
+                                           : valtor::paramBody(contentOf(all.file), all.file);
   });
 }
 
@@ -254,6 +299,7 @@ void addDelete(CLI::App& app, Request& request) {
   runSend(*command, texts, request, [](SendTexts& all) {
     all.settings.kind = MessageKind::DEL;
     all.settings.summary = true;
+    all.settings.hint = "Nothing has that name, or it may not be deleted: see status.";
     all.settings.body = valtor::deletionBody(all.base, all.values);
   });
 }
@@ -273,6 +319,8 @@ void addSend(CLI::App& app, Request& request) {
                                     "a JSON object, or - for standard input; an \"id\" is added");
   command->add_option("--file", texts->file, "read the body from a file")->excludes(given);
   command->add_option("--answers", texts->settings.answers, "how many answers to wait for")
+      ->type_name("NUMBER")
+      ->transform(whole(1))
       ->capture_default_str();
   addSendOptions(*command, *texts);
   runSend(*command, texts, request, [](SendTexts& all) {
@@ -315,14 +363,14 @@ void addStatus(CLI::App& app, Request& request) {
 void addRoute(CLI::App& app, Request& request) {
   CLI::App* route = addCommand(app, "route", "Take and query routes.",
                                "  valtor-bus route take --dest 1-16 --level 0,2-5 --source 7\n"
-                               "  valtor-bus route query --dest 0-4095 --level 0\n");
+                               "  valtor-bus route query --dest 1-128 --level 0\n");
   route->require_subcommand(1);
   const auto settings = std::make_shared<valtor::RouteSettings>();
   CLI::App* take = addCommand(*route, "take", "Switch destinations to a source.",
                               "  valtor-bus route take --dest 1-16 --level 0,2-5 --source 7\n"
                               "  valtor-bus route take --dest 4 --level 0-2 --source 7,8,9\n");
   CLI::App* query = addCommand(*route, "query", "Ask what feeds destinations.",
-                               "  valtor-bus route query --dest 0-4095 --level 0\n"
+                               "  valtor-bus route query --dest 1-128 --level 0\n"
                                "  valtor-bus route query --dest 1,5 --level 0-63 --json\n");
   for (CLI::App* command : {take, query}) {
     command->add_option("--dest", settings->destinations, "destinations, such as 1-16")->required();
@@ -330,8 +378,12 @@ void addRoute(CLI::App& app, Request& request) {
         ->capture_default_str();
     addTimeout(*command, settings->timeout);
   }
-  take->add_option("--source", settings->sources, "the source, or one for each level")->required();
-  take->add_option("--user-id", settings->userID, "the user in whose name it is done");
+  take->add_option("--source", settings->sources,
+                   "the source, or one for each level as they are written")
+      ->required();
+  take->add_option("--user-id", settings->userID, "the user in whose name it is done")
+      ->type_name("ID")
+      ->transform(whole(INT_MIN));
   take->add_flag("--machine-control", settings->machineControl, "take machine control along");
   take->add_flag("--no-wait", settings->noWait, "send and wait for no answer");
   query->add_flag("--json", settings->json, "the answer's value as it is");
@@ -357,16 +409,17 @@ void addRecord(CLI::App& app, Request& request) {
     Limits limits;
   };
   const auto texts = std::make_shared<Texts>();
-  command->add_option("FILE", texts->settings.file, "a new file")->required();
+  command->add_option("FILE", texts->settings.file, "a new file, or - for standard output")
+      ->required();
   command->add_flag("--overwrite", texts->settings.overwrite, "replace the file if it exists");
   texts->filter.addTo(*command);
   texts->limits.addTo(*command);
   command->callback([texts, &request] {
-    request.command = [texts](BusConnection& connection, Output& /*output*/) {
+    request.command = [texts](BusConnection& connection, Output& output) {
       texts->settings.filter = texts->filter.filter();
       texts->settings.count = texts->limits.count;
       texts->settings.timeout = texts->limits.seconds();
-      valtor::record(connection, texts->settings);
+      valtor::record(connection, texts->settings, output);
     };
   });
 }
@@ -377,10 +430,10 @@ void addReplay(CLI::App& app, Request& request) {
                                  "  valtor-bus replay --speed 10 evening.rec\n"
                                  "  valtor-bus replay --no-timing evening.rec\n");
   const auto settings = std::make_shared<valtor::ReplaySettings>();
-  command->add_option("FILE", settings->file, "a recording")->required();
+  command->add_option("FILE", settings->file, "a recording, or - for standard input")->required();
   auto* speed = command->add_option("--speed", settings->speed, "2 is twice as fast as recorded")
                     ->type_name("FACTOR")
-                    ->check(CLI::PositiveNumber.description(""))
+                    ->transform(numberCheck("factor above 0", 1e-9, 1e9))
                     ->capture_default_str();
   command->add_flag("--no-timing", settings->noTiming, "as fast as it goes")->excludes(speed);
   command->callback([settings, &request] {
@@ -392,22 +445,28 @@ void addReplay(CLI::App& app, Request& request) {
 
 void addAll(CLI::App& app, Request& request) {
   app.set_version_flag("--version", "valtor-bus " VALTOR_VERSION);
-  app.add_option("--host", request.bus.host, "the message node's host")->capture_default_str();
+  app.add_option("--host", request.bus.host, "the message node's host")
+      ->check(CLI::Validator(
+          [](const std::string& text) {
+            return std::string(text.empty() ? "a name is needed" : "");
+          },
+          ""))
+      ->capture_default_str();
   app.add_option("--port", request.bus.port, "its TCP port")
       ->type_name("PORT")
-      ->check(from(1, 65535))
+      ->transform(whole(1, 65535))
       ->capture_default_str();
   app.add_option("--name", request.bus.name, "name to log in with")->capture_default_str();
   app.add_option("--conn-id", request.bus.connID,
                  "connection id to log in with; by default 20000 to 29999, from the process id")
       ->type_name("ID")
-      ->check(from(1, INT_MAX));
+      ->transform(whole(1));
   app.require_subcommand(1);
   app.fallthrough();
   addWatch(app, request);
   addGet(app, request);
-  addChange(app, request, MessageKind::SET, "set");
-  addChange(app, request, MessageKind::UPDATE, "update");
+  addChange(app, request, MessageKind::SET);
+  addChange(app, request, MessageKind::UPDATE);
   addDelete(app, request);
   addSend(app, request);
   addStatus(app, request);

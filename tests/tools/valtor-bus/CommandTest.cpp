@@ -138,9 +138,10 @@ TEST_F(ValtorBusTest, ChangesAndRoutesCarryTheirBodiesAndPrintTheAnswer) {
        "200\n"},
       {{"route", "query", "--dest", "2,5,1", "--level", "0-1"},
        R"(CMD "stat":[{"level":[0,1],"destRange":[1,2]},{"level":[0,1],"destRange":[5,5]}],"userID":0})",
-       R"("param":{"stat":[{"level":[0,1],"status":[[1,[7]],[2,[8,9]]]}]})",
+       R"("param":{"stat":[{"level":[0,1],"status":[[1,[7]],[2,[8,9]],[5,[3]]]}]})",
        "destination 1 level 0 source 7\ndestination 1 level 1 source 7\n"
-       "destination 2 level 0 source 8\ndestination 2 level 1 source 9\n"},
+       "destination 2 level 0 source 8\ndestination 2 level 1 source 9\n"
+       "destination 5 level 0 source 3\ndestination 5 level 1 source 3\n"},
   };
   for (const auto& one : cases) {
     Texts arguments = one.arguments;
