@@ -1,10 +1,9 @@
 #include "support/LogCapture.h"
 
 #include <algorithm>
-#include <cstdarg>
-#include <cstdio>
 #include <mutex>
-#include <syslog.h>
+
+#include "support/LogSink.h"
 
 namespace {
 
@@ -17,36 +16,16 @@ struct Store {
 // Never destroyed: threads may log until the process ends.
 Store& store = *new Store;
 
-void record(int priority, const char* format, va_list arguments) {
-  char text[131072];  // more than any line quotes
-  std::vsnprintf(text, sizeof text, format, arguments);
+void record(int priority, const std::string& text) {
   const std::lock_guard<std::mutex> lock(store.mutex);
   if (store.recording) {
     store.lines.push_back({priority, text});
   }
 }
 
-}  // namespace
+[[maybe_unused]] const bool installed = (valtor::setLogSink(record), true);
 
-// A fortified build calls the __ form. Both take the C library's place in this executable.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-extern "C" {
-void syslog(int priority, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  record(priority, format, arguments);
-  va_end(arguments);
-}
-void __syslog_chk(int priority, int, const char* format, ...);
-void __syslog_chk(int priority, int, const char* format, ...) {
-  va_list arguments;
-  va_start(arguments, format);
-  record(priority, format, arguments);
-  va_end(arguments);
-}
-}
-#pragma GCC diagnostic pop
+}  // namespace
 
 namespace valtor::test {
 

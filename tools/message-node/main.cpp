@@ -21,6 +21,7 @@
 #include "message-node/NodeCommands.h"
 #include "message-node/NodeTrace.h"
 #include "message-node/Scenario.h"
+#include "support/LogSink.h"
 
 namespace {
 
@@ -173,6 +174,14 @@ int serve(Settings settings) {
   return 0;
 }
 
+// What the stream parser has to say about broken frames is seen where the trace is.
+void takeLogLine(int priority, const std::string& text) {
+  if (LOG_PRI(priority) <= LOG_INFO) {
+    std::fprintf(stderr, "valtor-node: %s\n",
+                 text.substr(0, text.find_last_not_of('\n') + 1).c_str());
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -180,9 +189,7 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   // In the background of a terminal it goes without commands, instead of being stopped.
   std::signal(SIGTTIN, SIG_IGN);
-  // What the stream parser has to say about broken frames is seen where the trace is.
-  openlog("valtor-node", LOG_PERROR, LOG_USER);
-  setlogmask(LOG_UPTO(LOG_INFO));
+  valtor::setLogSink(takeLogLine);
   try {
     Settings settings;
     settings.node.port = 15000;

@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr std::size_t kLongestLine = 4096;  // bytes; what is longer is cut
+constexpr std::size_t kLongest = 131072;  // bytes, more than any line quotes
 
 valtor::LogSink currentSink = nullptr;
 
@@ -15,11 +15,9 @@ void pass(int priority, const char* format, va_list arguments) {
   if (currentSink == nullptr) {
     return;
   }
-  std::array<char, kLongestLine> text{};
+  std::array<char, kLongest> text;
   std::vsnprintf(text.data(), text.size(), format, arguments);
-  std::string line = text.data();
-  line.erase(line.find_last_not_of('\n') + 1);
-  currentSink(LOG_PRI(priority), line);
+  currentSink(priority, text.data());
 }
 
 }  // namespace

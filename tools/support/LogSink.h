@@ -4,12 +4,13 @@
 
 namespace valtor {
 
-// For a tool whose libraries log with syslog: linked into an executable, this takes the place of
-// the C library's syslog, so that nothing of a tool reaches the system's log. A line, without its
-// line feed, goes to the function instead; as long as none is set it is dropped.
+// For tools and tests, whose libraries log with syslog: linked into an executable, this takes the
+// place of the C library's syslog, so that nothing reaches the system's log. The text, as it was
+// formatted, goes to the function instead; as long as none is set it is dropped.
 
-// The priority is one of syslog's, LOG_EMERG to LOG_DEBUG. Called on whatever thread logs.
-using LogSink = void (*)(int priority, const std::string& line);
+// The priority is what syslog was given; a facility may be in it (see LOG_PRI in syslog(3)). Called
+// on whatever thread logs.
+using LogSink = void (*)(int priority, const std::string& text);
 
 // Before other threads start.
 void setLogSink(LogSink sink);

@@ -502,9 +502,9 @@ void occupyStandardDescriptors() {
 }
 
 // What the stream parser says about broken frames is for the person.
-void takeLogLine(int priority, const std::string& line) {
-  if (priority <= LOG_WARNING) {
-    valtor::say(valtor::printable(line));
+void takeLogLine(int priority, const std::string& text) {
+  if (LOG_PRI(priority) <= LOG_WARNING) {
+    valtor::say(valtor::printable(text.substr(0, text.find_last_not_of('\n') + 1)));
   }
 }
 
