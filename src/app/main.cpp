@@ -27,10 +27,10 @@ int main(int argc, char** argv) {
   occupyStandardDescriptors();
   std::signal(SIGPIPE, SIG_IGN);  // a console pipe without a reader must not end the daemon
   valtor::initConsole();
-  valtor::keepConsoleFromBlocking();
 
   setlogmask(LOG_UPTO(LOG_INFO));
   const bool skipDatabase = valtor::followCommandLine(argc, argv);
+  valtor::keepConsoleFromBlocking();
   syslog(LOG_INFO, "Valtor Remote Interface\n");
   syslog(LOG_INFO, "Build Date: %s %s\n", __DATE__, __TIME__);
 

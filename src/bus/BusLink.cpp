@@ -22,7 +22,6 @@ std::optional<std::vector<BusLink::SendResult>> BusLink::open(
   shownDescriptor_ = socket_.get();
   ++number_;
   tail_.clear();
-  lastTaken_ = std::chrono::steady_clock::now();
   state_ = 1;
   std::vector<SendResult> results;
   for (const std::string& first : firstFrames()) {
@@ -76,7 +75,6 @@ BusLink::SendResult BusLink::writeBytes(const char* data, std::size_t size, int&
         ::send(socket_.get(), data + result.sent, size - result.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) {
       result.sent += static_cast<std::size_t>(count);
-      lastTaken_ = std::chrono::steady_clock::now();
       std::this_thread::sleep_for(kPause);
     } else if (errno == EAGAIN) {
       std::this_thread::sleep_for(kFullPause);
@@ -89,12 +87,7 @@ BusLink::SendResult BusLink::writeBytes(const char* data, std::size_t size, int&
       return result;
     }
   }
-  if (result.sent < size) {
-    result.outcome = Send::BudgetExhausted;
-    result.stalled = std::chrono::steady_clock::now() - lastTaken_;
-    return result;
-  }
-  result.outcome = Send::Sent;
+  result.outcome = result.sent == size ? Send::Sent : Send::BudgetExhausted;
   return result;
 }
 
@@ -112,13 +105,6 @@ void BusLink::shutdownSocket() {
   const Locked lock(sendLock_);
   if (socket_.valid()) {
     // A bare close would leave a reader blocked and free the number for somebody else.
-    ::shutdown(socket_.get(), SHUT_RDWR);
-  }
-}
-
-void BusLink::shutdownLink(uint32_t link) {
-  const Locked lock(sendLock_);
-  if (socket_.valid() && number_ == link) {
     ::shutdown(socket_.get(), SHUT_RDWR);
   }
 }

@@ -34,8 +34,6 @@ class BusLink {
     int error = 0;         // errno of a failed send
     std::size_t sent = 0;  // bytes of this frame that went out
     std::size_t size = 0;  // bytes of this frame; 0 when none was tried
-    // When the budget ended: how long the socket had taken nothing.
-    std::chrono::steady_clock::duration stalled{};
   };
 
   // The pause after every successful send, which paces a client to about a thousand frames a
@@ -77,8 +75,6 @@ class BusLink {
 
   // Ends the link that stands: its reader finds the end of the stream.
   void shutdownSocket();
-  // Does so if it is this link that stands.
-  void shutdownLink(uint32_t link);
 
   // Closes the socket, if there is one, exactly once.
   void closeSocket();
@@ -91,11 +87,9 @@ class BusLink {
   MyMutexClass sendLock_;
   UniqueDescriptor socket_ VALTOR_GUARDED_BY(sendLock_);
   std::string tail_ VALTOR_GUARDED_BY(sendLock_);  // the unsent rest of a frame of this link
-  // When the socket last took a byte.
-  std::chrono::steady_clock::time_point lastTaken_ VALTOR_GUARDED_BY(sendLock_);
-  std::atomic<uint32_t> number_{0};  // written under sendLock_
-  std::atomic<int> state_{0};        // written under sendLock_
-  std::atomic<int> descriptor_{0};   // written under sendLock_
+  std::atomic<uint32_t> number_{0};                // written under sendLock_
+  std::atomic<int> state_{0};                      // written under sendLock_
+  std::atomic<int> descriptor_{0};                 // written under sendLock_
   std::atomic<int> shownDescriptor_{-1};
   std::atomic<bool> closing_{false};
 };

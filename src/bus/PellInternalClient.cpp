@@ -105,11 +105,6 @@ int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourc
     return 0;
   }
   reportSendFailure(result);
-  if (timing_.stall.count() > 0 && result.stalled > timing_.stall) {
-    syslog(LOG_WARNING, "PellInternalClient %s: socket %d takes nothing. Closing.\n",
-           nameForLog(name_).c_str(), link_.shownDescriptor());
-    link_.shutdownLink(link);
-  }
   return result.outcome == BusLink::Send::Sent ? 0 : -1;
 }
 

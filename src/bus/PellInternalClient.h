@@ -51,9 +51,6 @@ class PellInternalClient : public IPellInternalClient {
     std::chrono::microseconds keepAlive{20999999};
     // The socket's receive time-out; 0 is none. Ten of them in a row end the link.
     std::chrono::milliseconds receiveTimeout{0};
-    // A message whose retry budget ends when the socket has taken nothing for longer than this ends
-    // the link too; 0 is never.
-    std::chrono::milliseconds stall{0};
   };
 
   static constexpr int kDefaultSendRetryBudget = 100;

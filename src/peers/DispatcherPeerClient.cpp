@@ -37,9 +37,6 @@ PellInternalClient::Timing DispatcherPeerClient::descriptionTiming() {
 PellInternalClient::Timing DispatcherPeerClient::hostTiming() {
   Timing timing = descriptionTiming();
   timing.receiveTimeout = std::chrono::seconds(1);
-  // Whoever sends to the routers sends to one after the other, so one that takes nothing holds up
-  // the others, and the messages about the controller's role behind them.
-  timing.stall = std::chrono::seconds(3);
   return timing;
 }
 

@@ -120,19 +120,6 @@ TEST_F(PellInternalClientTest, ASilentPeerGetsFiveKeepAlivesAndIsThenGivenUp) {
   EXPECT_EQ(client_.states.lines()[1], "0 no resp timeout");
 }
 
-TEST_F(PellInternalClientTest, APeerThatTakesNothingIsGivenUp) {
-  auto timing = client_.timing();
-  timing.stall = 1ms;
-  client_.setTiming(timing);
-  auto peer = connect();
-  const auto large = test::received(note("large") + std::string(1'000'000, ' '));
-  EXPECT_TRUE(eventually([&] {
-    client_.sendConstMessage(large);
-    return log_.countContaining("takes nothing. Closing.") == 1;
-  }));
-  acceptLogin();
-}
-
 TEST_F(PellInternalClientTest, AHookThatFailsInConnectLeavesNoLinkBehind) {
   client_.hookFails = true;
   EXPECT_THROW(client_.connect(), std::runtime_error);

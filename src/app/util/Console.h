@@ -13,9 +13,8 @@ namespace valtor {
 // process ends. Called once, before anything is printed.
 void initConsole();
 
-// Keeps standard output from ever blocking: what a stopped terminal or the reader of a pipe does
-// not take is left out, with a line that says how much. Called once, before anything is printed;
-// afterwards fileno(stdout) is -1.
+// Keeps standard output from waiting for a reader (see ConsoleWriter.h). Called once, when
+// descriptor 1 is what it stays and before other threads print; afterwards fileno(stdout) is -1.
 void keepConsoleFromBlocking();
 
 // Writes the local time as "HH:MM:SS.mmm" and a tab, without a newline.
