@@ -158,7 +158,8 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // The manager's object with its server connection points, in an array.
   JSONPtr describeWithServers() const;
 
-  // The public operations of these names without the incoming-client file.
+  // addConnectionPoint() and addOrUpdateConnectionPoint() without the incoming-client file. What is
+  // merged has a supported type; merge() answers nothing when it was added.
   void add(std::unique_ptr<ConnectionPoint> connectionPoint);
   std::shared_ptr<ConnectionPoint> merge(std::unique_ptr<ConnectionPoint> connectionPoint);
   void store(const std::shared_ptr<ConnectionPoint>& connectionPoint);

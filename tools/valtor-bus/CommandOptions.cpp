@@ -156,6 +156,17 @@ void addTimeout(CLI::App& app, double& timeout) {
       ->capture_default_str();
 }
 
+// What the subcommand asks for is the function with these settings, as parsing leaves them.
+template <class Settings>
+void asksFor(CLI::App& command, Request& request, const std::shared_ptr<Settings>& settings,
+             void (*function)(BusConnection&, const Settings&, Output&)) {
+  command.callback([settings, &request, function] {
+    request.command = [settings, function](BusConnection& connection, Output& output) {
+      function(connection, *settings, output);
+    };
+  });
+}
+
 void addWatch(CLI::App& app, Request& request) {
   CLI::App* command = addCommand(app, "watch", "Show messages as they pass, one line each.",
                                  "  valtor-bus watch --path 'device*' --kind NOT\n"
@@ -196,11 +207,7 @@ void addGet(CLI::App& app, Request& request) {
   command->add_option("NAME", settings->names, "names of objects")->required();
   command->add_option("--path", settings->path, "where they are")->capture_default_str();
   addTimeout(*command, settings->timeout);
-  command->callback([settings, &request] {
-    request.command = [settings](BusConnection& connection, Output& output) {
-      get(connection, *settings, output);
-    };
-  });
+  asksFor(*command, request, settings, get);
 }
 
 struct SendTexts {
@@ -334,11 +341,7 @@ void addStatus(CLI::App& app, Request& request) {
                  "one line; exit 0 only if every enabled connection point is connected")
       ->excludes(watch);
   addTimeout(*command, settings->timeout);
-  command->callback([settings, &request] {
-    request.command = [settings](BusConnection& connection, Output& output) {
-      status(connection, *settings, output);
-    };
-  });
+  asksFor(*command, request, settings, status);
 }
 
 void addRoute(CLI::App& app, Request& request) {
@@ -368,16 +371,8 @@ void addRoute(CLI::App& app, Request& request) {
   take->add_flag("--machine-control", settings->machineControl, "take machine control along");
   take->add_flag("--no-wait", settings->noWait, "send and wait for no answer");
   query->add_flag("--json", settings->json, "the answer's value as it is");
-  take->callback([settings, &request] {
-    request.command = [settings](BusConnection& connection, Output& output) {
-      takeRoute(connection, *settings, output);
-    };
-  });
-  query->callback([settings, &request] {
-    request.command = [settings](BusConnection& connection, Output& output) {
-      queryRoute(connection, *settings, output);
-    };
-  });
+  asksFor(*take, request, settings, takeRoute);
+  asksFor(*query, request, settings, queryRoute);
 }
 
 void addRecord(CLI::App& app, Request& request) {

@@ -11,7 +11,8 @@ namespace valtor {
 // socket has no room for is left out, and once there is room again a line says how much that was.
 // What is left out ends with a whole line. A file takes everything; its disk may take its time.
 //
-// One thread at a time. The descriptor is not owned and has to stay open.
+// One thread at a time. The descriptor is not owned and has to stay open; SIGPIPE has to be
+// ignored.
 class ConsoleWriter {
  public:
   explicit ConsoleWriter(int descriptor);
