@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/PellInternalStreamParser.h"
+#include "bus/message/PellInternalStreamParser.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "bus/PellInternalStreamParser.h"
-#include "bus/RSPMessage.h"
+#include "bus/message/PellInternalStreamParser.h"
+#include "bus/message/RSPMessage.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "bus/RSPMessage.h"
-#include "bus/RequestMessages.h"
+#include "bus/message/RSPMessage.h"
+#include "bus/message/RequestMessages.h"
 
 namespace valtor {
 

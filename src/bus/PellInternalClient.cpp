@@ -17,9 +17,9 @@
 #include "app/util/UniqueDescriptor.h"
 #include "bus/PellInternalClientMsgQThread.h"
 #include "bus/PellInternalClientRxThread.h"
-#include "bus/RSPMessage.h"
-#include "bus/RequestMessages.h"
 #include "bus/SocketConnect.h"
+#include "bus/message/RSPMessage.h"
+#include "bus/message/RequestMessages.h"
 #include "connections/phy/IPPhy.h"
 
 namespace valtor {

@@ -14,8 +14,8 @@
 #include "app/util/UniqueDescriptor.h"
 #include "bus/BusLink.h"
 #include "bus/IPellInternalClient.h"
-#include "bus/PellInternalStreamParser.h"
 #include "bus/ReceiveQueue.h"
+#include "bus/message/PellInternalStreamParser.h"
 
 namespace valtor {
 

@@ -8,7 +8,7 @@
 
 #include "app/util/ErrnoText.h"
 #include "bus/PellInternalClient.h"
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 

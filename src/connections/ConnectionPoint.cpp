@@ -6,7 +6,7 @@
 
 #include "app/util/Console.h"
 #include "app/util/ErrnoText.h"
-#include "bus/RequestMessages.h"
+#include "bus/message/RequestMessages.h"
 #include "router/DeviceParamList.h"
 
 namespace valtor {

@@ -9,7 +9,7 @@
 
 #include "app/util/Mutex.h"
 #include "bus/IPellInternalClient.h"
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 #include "connections/AbstractDeviceConnection.h"
 #include "connections/phy/ConnectionPointPhy.h"
 #include "connections/phy/IPPhy.h"

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
-#include "bus/RSPMessage.h"
+#include "bus/message/RSPMessage.h"
 
 namespace valtor {
 

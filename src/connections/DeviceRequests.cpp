@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
-#include "bus/RSPMessage.h"
+#include "bus/message/RSPMessage.h"
 #include "connections/AbstractConnectionPointManager.h"
 
 namespace valtor {

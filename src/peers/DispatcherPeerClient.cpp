@@ -6,7 +6,7 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 #include "peers/ForwardingFilters.h"
 
 namespace valtor {

@@ -7,7 +7,7 @@
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
 #include "bus/IPellaMessageForwarder.h"
-#include "bus/RequestMessages.h"
+#include "bus/message/RequestMessages.h"
 #include "peers/ValtorRouterPeerConnection.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "router/RouteOperation.h"

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "app/util/OwnedJSON.h"
-#include "bus/PellInternalMessage.h"
-#include "bus/RSPMessage.h"
+#include "bus/message/PellInternalMessage.h"
+#include "bus/message/RSPMessage.h"
 #include "peers/ForwardingFilters.h"
 
 namespace valtor {

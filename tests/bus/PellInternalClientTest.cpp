@@ -7,7 +7,7 @@
 #include <thread>
 #include <unistd.h>
 
-#include "BusSupport.h"
+#include "bus/BusSupport.h"
 #include "bus/PellInternalClient.h"
 #include "bus/SocketConnect.h"
 #include "support/Eventually.h"

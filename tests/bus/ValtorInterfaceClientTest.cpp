@@ -1,9 +1,9 @@
 #include <atomic>
 #include <gtest/gtest.h>
 
-#include "BusSupport.h"
-#include "bus/RSPMessage.h"
+#include "bus/BusSupport.h"
 #include "bus/ValtorInterfaceClient.h"
+#include "bus/message/RSPMessage.h"
 #include "support/Eventually.h"
 #include "support/ScriptedNode.h"
 

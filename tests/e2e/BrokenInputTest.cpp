@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "bus/PellInternalStreamParser.h"
+#include "bus/message/PellInternalStreamParser.h"
 #include "e2e/EndToEnd.h"
 
 namespace valtor::test {

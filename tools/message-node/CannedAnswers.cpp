@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-#include "bus/RSPMessage.h"
+#include "bus/message/RSPMessage.h"
 #include "message-node/JSONChecks.h"
 
 namespace valtor {

@@ -4,7 +4,7 @@
 #include <string>
 
 #include "app/util/OwnedJSON.h"
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 

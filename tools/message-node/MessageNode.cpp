@@ -16,7 +16,7 @@
 #include <asio.hpp>
 
 #include "app/util/Mutex.h"
-#include "bus/PellInternalStreamParser.h"
+#include "bus/message/PellInternalStreamParser.h"
 #include "message-node/CannedAnswers.h"
 #include "message-node/NodeConnection.h"
 

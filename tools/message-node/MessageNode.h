@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 #include "message-node/Subscriptions.h"
 
 namespace valtor {

@@ -9,7 +9,7 @@
 
 #include <asio.hpp>
 
-#include "bus/PellInternalStreamParser.h"
+#include "bus/message/PellInternalStreamParser.h"
 #include "message-node/Subscriptions.h"
 
 namespace valtor {

@@ -10,7 +10,7 @@
 
 #include <asio.hpp>
 
-#include "bus/PellInternalStreamParser.h"
+#include "bus/message/PellInternalStreamParser.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
 #include "valtor-bus/Output.h"

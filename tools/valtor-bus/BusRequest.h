@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 #include "valtor-bus/MessageText.h"
 
 namespace valtor {

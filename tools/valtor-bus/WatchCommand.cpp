@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/PersistentLink.h"

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 

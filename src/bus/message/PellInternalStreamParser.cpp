@@ -1,4 +1,4 @@
-#include "bus/PellInternalStreamParser.h"
+#include "bus/message/PellInternalStreamParser.h"
 
 #include <algorithm>
 #include <cstdio>

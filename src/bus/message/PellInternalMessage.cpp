@@ -1,4 +1,4 @@
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 #include <array>
 #include <cerrno>
@@ -12,7 +12,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
-#include "bus/ScheduledTime.h"
+#include "bus/message/ScheduledTime.h"
 
 namespace valtor {
 

@@ -6,8 +6,8 @@
 #include <syslog.h>
 #include <utility>
 
-#include "BusSupport.h"
-#include "bus/ScheduledTime.h"
+#include "bus/BusSupport.h"
+#include "bus/message/ScheduledTime.h"
 #include "support/LogCapture.h"
 
 namespace valtor {

@@ -4,8 +4,8 @@
 #include <utility>
 #include <vector>
 
-#include "BusSupport.h"
-#include "bus/PellInternalMessage.h"
+#include "bus/BusSupport.h"
+#include "bus/message/PellInternalMessage.h"
 #include "support/LogCapture.h"
 
 namespace valtor {

@@ -1,4 +1,4 @@
-#include "bus/RSPMessage.h"
+#include "bus/message/RSPMessage.h"
 
 #include <algorithm>
 #include <array>

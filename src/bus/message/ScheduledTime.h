@@ -2,7 +2,7 @@
 
 #include <cjson/cJSON.h>
 
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 

@@ -1,4 +1,4 @@
-#include "bus/RequestMessages.h"
+#include "bus/message/RequestMessages.h"
 
 #include <array>
 

@@ -1,4 +1,4 @@
-#include "bus/ScheduledTime.h"
+#include "bus/message/ScheduledTime.h"
 
 #include <cerrno>
 #include <cstdint>

@@ -2,9 +2,9 @@
 #include <string>
 #include <vector>
 
-#include "BusSupport.h"
-#include "bus/RSPMessage.h"
-#include "bus/RequestMessages.h"
+#include "bus/BusSupport.h"
+#include "bus/message/RSPMessage.h"
+#include "bus/message/RequestMessages.h"
 #include "router/RouteOperation.h"
 
 namespace valtor {

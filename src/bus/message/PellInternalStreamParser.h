@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 

@@ -11,7 +11,7 @@
 #include "app/util/Mutex.h"
 #include "app/util/Paths.h"
 #include "app/util/UniqueDescriptor.h"
-#include "bus/PellInternalMessage.h"
+#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 

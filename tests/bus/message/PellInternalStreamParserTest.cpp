@@ -3,7 +3,7 @@
 #include <syslog.h>
 #include <vector>
 
-#include "bus/PellInternalStreamParser.h"
+#include "bus/message/PellInternalStreamParser.h"
 #include "support/LogCapture.h"
 
 namespace valtor {
