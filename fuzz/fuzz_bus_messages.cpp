@@ -60,7 +60,10 @@ void sendOn(const PellInternalMessage& message) {
     return;
   }
   const std::string payload = message.encode();
-  const std::vector<PellInternalMessage> again = parsed(frame(payload), 7);
+  const SharedFrame framed = frameOf(message, message.header.sourceConnID);
+  const std::string stream(framed->data(), framed->size());
+  require(stream == frame(payload), "every way of framing gives the same bytes");
+  const std::vector<PellInternalMessage> again = parsed(stream, 7);
   require(again.size() == 1, "an encoded message is one message");
   require(again[0].getKind() == message.getKind() && again[0].getPath() == message.getPath() &&
               again[0].header.sourceConnID == message.header.sourceConnID &&

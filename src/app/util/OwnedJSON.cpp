@@ -11,15 +11,15 @@ OwnedJSON::OwnedJSON(JSONPtr item)
 
 OwnedJSON parseJSON(const std::string& text) { return OwnedJSON(cJSON_Parse(text.c_str())); }
 
-std::string printJSON(const cJSON* item, bool formatted) {
+JSONText renderJSON(const cJSON* item, bool formatted) {
   if (item == nullptr) {
-    return {};
+    return nullptr;
   }
-  struct TextDeleter {
-    void operator()(char* text) const { cJSON_free(text); }
-  };
-  const std::unique_ptr<char, TextDeleter> text(formatted ? cJSON_Print(item)
-                                                          : cJSON_PrintUnformatted(item));
+  return JSONText(formatted ? cJSON_Print(item) : cJSON_PrintUnformatted(item));
+}
+
+std::string printJSON(const cJSON* item, bool formatted) {
+  const JSONText text = renderJSON(item, formatted);
   return text ? std::string(text.get()) : std::string();
 }
 

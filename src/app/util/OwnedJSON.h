@@ -33,7 +33,17 @@ class OwnedJSON {
 // apart looks at the text itself.
 OwnedJSON parseJSON(const std::string& text);
 
-// The item as text, formatted or compact. Null, or an item that cannot be rendered, gives "".
+struct JSONTextDeleter {
+  void operator()(char* text) const { cJSON_free(text); }
+};
+
+// Owns a text that cJSON rendered, or none.
+using JSONText = std::unique_ptr<char, JSONTextDeleter>;
+
+// The item as text, formatted or compact. None for null and for an item that cannot be rendered.
+JSONText renderJSON(const cJSON* item, bool formatted);
+
+// The same as a string, "" for none.
 std::string printJSON(const cJSON* item, bool formatted);
 
 // The string that a member holds, or null when the object has no such member or it is no string.

@@ -276,12 +276,18 @@ std::string PellInternalMessage::encode() const { return encodeFrom(header.sourc
 
 std::string PellInternalMessage::encodeFrom(int32_t sourceConnID) const {
   std::string payload = formatHeaderLine(sourceConnID, true);
-  if (body_) {
-    payload += printJSON(body_.get(), false);
-  } else if (bodyText_ != nullptr) {
-    payload += bodyText_;
-  }
+  JSONText rendered;
+  payload += bodyBytes(rendered);
   return payload;
+}
+
+std::string_view PellInternalMessage::bodyBytes(JSONText& rendered) const {
+  const char* text = bodyText_;
+  if (body_) {
+    rendered = renderJSON(body_.get(), false);
+    text = rendered.get();
+  }
+  return text != nullptr ? std::string_view(text) : std::string_view();
 }
 
 bool PellInternalMessage::isCommand() const {

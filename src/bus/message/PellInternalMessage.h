@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/util/OwnedJSON.h"
+#include "bus/message/Frame.h"
 
 namespace valtor {
 
@@ -156,8 +157,12 @@ class PellInternalMessage {
   cJSON* builtBody() { return body_.get(); }
 
  private:
+  friend SharedFrame frameOf(const PellInternalMessage& message, int32_t sourceConnID);
+
   void decode(char* payload);
   std::string formatHeaderLine(int32_t sourceConnID, bool reportCut) const;
+  // The body as encode() writes it, in this message or rendered into the text handed in.
+  std::string_view bodyBytes(JSONText& rendered) const;
 
   const char* bodyText_ = nullptr;     // points into rawBuffer_ or rawVector_
   std::unique_ptr<char[]> rawBuffer_;  // the received payload, header line cut off in place

@@ -6,6 +6,7 @@
 
 #include "bus/BusSupport.h"
 #include "bus/message/PellInternalMessage.h"
+#include "bus/message/PellInternalStreamParser.h"
 #include "support/LogCapture.h"
 
 namespace valtor {
@@ -72,6 +73,18 @@ TEST(PellInternalMessage, ReceivedBodyCrossesByteForByteForWhoeverOnlyLooks) {
   addMember(message.getBody(), "more", JSONPtr(cJSON_CreateTrue()));
   EXPECT_EQ(message.encode(),
             line + "{\"id\":\"7@x\",\"n\":1.5,\"big\":1.2345678901234567e+19,\"more\":true}");
+}
+
+TEST(PellInternalMessage, IsFramedOnceWithTheSourceItIsSentFrom) {
+  PellInternalMessage message = received("[\"NOT\",\"a;\",1,2]\n" + kOddBody);
+  const std::string line = "[\"NOT\", \"a;\", 101, 2, 0]\n";
+  for (const std::string& body :
+       {kOddBody, std::string(R"({"id":"7@x","n":1.5,"big":1.2345678901234567e+19})")}) {
+    const SharedFrame framed = frameOf(message, 101);
+    EXPECT_EQ(framed->payload(), line + body);
+    EXPECT_EQ(std::string(framed->data(), framed->size()), frame(line + body));
+    message.getBody();  // from now on rendered
+  }
 }
 
 TEST(PellInternalMessage, BodyThatIsNoJsonReadsAsNullAndStillCrosses) {
