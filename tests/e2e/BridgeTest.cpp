@@ -7,24 +7,6 @@ namespace {
 
 using BridgeTest = EndToEndTest;
 
-TEST_F(BridgeTest, LinkUpRequestsGoToTheControllerAndTheirAnswersToTheRouter) {
-  writeActiveDatabase(site.alphaEntry());
-  startDaemon();
-  const auto countHolding = [](const RunningNode& node, const std::string& part) {
-    return node.countPassed(
-        [&](const PassedMessage& one) { return one.payload->find(part) != std::string::npos; });
-  };
-  for (const char* answer :
-       {R"("param":{"logicalSources":[11],"logicalDests":[12]})", R"("param":{"stat":[13]})"}) {
-    EXPECT_TRUE(eventually([&] { return countHolding(*site.alpha, answer) > 0; })) << answer;
-    EXPECT_EQ(countHolding(*site.alpha, answer), 1U);
-  }
-  for (const char* request :
-       {R"("objectName":["logicalSources","logicalDests"])", R"("stat":[{"level":[0,1,)"}) {
-    EXPECT_EQ(countHolding(*site.controller, request), 1U) << request;
-  }
-}
-
 TEST_F(BridgeTest, LinksStandInEveryRoleButStandby) {
   site.startController("standby");
   startDaemon("-m");

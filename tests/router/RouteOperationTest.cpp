@@ -68,16 +68,5 @@ TEST(RouteOperationTest, ListLoadsWholeOrThrows) {
                std::runtime_error);
 }
 
-// Walked by index, such an array would take hours.
-TEST(RouteOperationTest, MillionEntriesLoadAndRender) {
-  std::string entries = "[1,[2]]";
-  for (int count = 1; count < 1000000; ++count) {
-    entries += ",[1,[2]]";
-  }
-  RouteOperationStatus status;
-  EXPECT_EQ(load(status, "[" + entries + "]"), 0);
-  EXPECT_EQ(rendered(status).size(), entries.size() + 2);
-}
-
 }  // namespace
 }  // namespace valtor::test

@@ -63,17 +63,6 @@ TEST(PhyFactory, LoadsWhatItIsGivenAndRendersItForTheNextLoad) {
   EXPECT_EQ(log.count(LOG_WARNING, "TCPPhy::loadFromJSON - invalid server type.\n"), 1);
 }
 
-TEST(IPPhy, IsConnectableWithAnAddressAndARealPort) {
-  const std::pair<const char*, bool> cases[] = {{R"("ipAddress":"1.2.3.4","port":65535)", true},
-                                                {R"("ipAddress":"1.2.3.4","port":65536)", false},
-                                                {R"("ipAddress":"1.2.3.4","port":-5)", false},
-                                                {R"("port":15000)", false}};
-  for (const auto& [members, connectable] : cases) {
-    const PhyPtr phy = load(std::string(R"({"type":"tcp",)") + members + "}");
-    EXPECT_EQ(dynamic_cast<const IPPhy&>(*phy).isConnectable(), connectable) << members;
-  }
-}
-
 TEST(Phy, EqualityLooksAtWhatDescribesTheInterface) {
   const PhyPtr tcp = load(kTCP);
   const PhyPtr serial = load(R"({"type":"serial"})");

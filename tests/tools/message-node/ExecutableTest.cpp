@@ -1,15 +1,16 @@
-#include "message-node/Scenario.h"
+#include <regex>
+
 #include "tools/ChildProcess.h"
 #include "tools/message-node/NodeFixture.h"
 
 namespace valtor::test {
 namespace {
 
-// A started valtor-node; output and errors come mixed.
+// A started valtor-node.
 class NodeProcess : public ChildProcess {
  public:
   explicit NodeProcess(const std::string& options)
-      : ChildProcess("exec " VALTOR_NODE_EXECUTABLE " --port 0 " + options + " >out 2>&1") {
+      : ChildProcess("exec " VALTOR_NODE_EXECUTABLE " --port 0 " + options + " >out 2>err") {
     EXPECT_TRUE(prints("LISTEN 127.0.0.1:"));
     port = static_cast<uint16_t>(std::stoul(out().substr(read_)));
   }
@@ -46,7 +47,7 @@ TEST(NodeExecutableTest, ServesTracesTakesCommandsAndQuits) {
   EXPECT_TRUE(process.prints("MSG kind=RSP path=\"db\" src=100 dst=101 from=node to=daemon"));
   EXPECT_NE(client->readFrame().find("{\"dests\":[1,2]}"), std::string::npos);
   client->send("3:[];;");
-  EXPECT_TRUE(process.prints("Bad Header"));
+  EXPECT_TRUE(eventually([&] { return process.err().find("Bad Header") != std::string::npos; }));
   process.say("role active\n");
   EXPECT_TRUE(process.prints("ROLE active"));
   process.say("send 490 CMD route 0   {\"id\": \"a  b\"}\n");
@@ -61,68 +62,45 @@ TEST(NodeExecutableTest, ServesTracesTakesCommandsAndQuits) {
   EXPECT_EQ(process.wait(), 0);
 }
 
-TEST(ScenarioTest, TheExampleControllerSendsForAPanelAndChangesItsRole) {
-  NodeProcess process("--no-trace --scenario " VALTOR_NODE_EXAMPLES "/controller.json");
-  const auto daemon = process.join("valtorRemote", {"route", "system", "mv"});
-  daemon->sendPayload("[\"CMD\", \"route\", 101, 0, 0]\n{\"id\":\"1\",\"stat\":[]}");
-  EXPECT_NE(daemon->readFrame().find("\"stat\":[{\"level\":[0],"), std::string::npos);
-  std::string received;
-  while (received.find("\"active\"") == std::string::npos) {
-    received += daemon->readFrame() + "\n";
-  }
-  const std::size_t standby = received.find("{\"mdxMasterState\":\"standby\"}");
-  EXPECT_LT(standby, received.find("{\"mdxMasterState\":\"active\"}")) << received;
-  EXPECT_NE(received.find("[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"1@panel\",\"take\":[{"),
-            std::string::npos)
-      << received;
-}
-
-TEST(ScenarioTest, TheExampleRouterAnnouncesEachTake) {
-  NodeProcess process("--scenario " VALTOR_NODE_EXAMPLES "/router.json");
-  const auto peer = process.join("north", {"route"});
-  for (int i = 0; i < 2; ++i) {
-    peer->sendPayload(
-        "[\"CMD\", \"route\", 101, 0, 0]\n"
-        R"({"id":"1","take":[{}]})");
-    EXPECT_NE(peer->readFrame().find("\"statusCode\":200"), std::string::npos);
-    EXPECT_NE(peer->readFrame().find("\"id\":\"1@router\""), std::string::npos);
-  }
-}
-
-TEST(ScenarioTest, TheExampleRouterFailsInEveryWayAndComesBack) {
-  NodeProcess process("--scenario " VALTOR_NODE_EXAMPLES "/failing-router.json");
+// The example without its waits.
+TEST(NodeExecutableTest, TheExampleRouterFailsInEveryWayAndComesBack) {
+  const TemporaryFolder folder;
+  const std::string quick =
+      std::regex_replace(fileContent(VALTOR_NODE_EXAMPLES "/failing-router.json"),
+                         std::regex("\"delay\": [0-9]+"), "\"delay\": 0.01");
+  NodeProcess process("--scenario " + folder.write("quick.json", quick));
   const auto peer = process.join("north", {});
   EXPECT_EQ(peer->readFrame(), "[\"get\", \"db\", 100, 0, 0]");
   EXPECT_TRUE(process.prints("STEP 2 listen (nobody gets in)"));
   EXPECT_TRUE(peer->waitForHangUp());
   EXPECT_TRUE(process.prints("STEP 4 listen (open again)"));
   EXPECT_TRUE(process.prints("LISTEN 127.0.0.1:"));  // only one that had stopped says so
+  EXPECT_TRUE(process.prints("STEP 6 resumeWriting"));
   EXPECT_NE(connectTo(process.port), nullptr);
 }
 
-TEST(ScenarioTest, ABadStepIsNamedWithItsFault) {
-  const std::pair<std::string, std::string> cases[] = {
-      {"[\n{\"at\": 1,\n", "no JSON from line 3 on"},
-      {"{}", "not a list of steps"},
-      {R"([{"at":1,"role":"active"},{"at":1}])", "step 2: no action"},
-      {R"([{"at":1,"role":"a","close":"b"}])", "step 1: more than one action: role and close"},
-      {R"([{"role":"active"}])", R"(step 1: needs either "at" or "after")"},
-      {R"([{"at":-1,"role":"a"}])", R"(step 1: "at" is not a number of seconds from 0 to 1000000)"},
-      {R"([{"at":1,"role":"active","repeat":2}])", R"(step 1: "repeat" needs "every")"},
-      {R"([{"at":1,"rolle":"active"}])", R"(step 1: unknown member "rolle")"},
-      {R"([{"at":1,"send":{"from":1,"kind":"get"}}])", R"(step 1: "get" is no kind of message)"},
-      {R"([{"at":1,"send":{"from":1,"kind":"GET"}}])", R"(step 1: "send" has no "path")"},
-      {R"([{"at":1,"raw":{"to":"*","hex":"0g"}}])",
-       R"(step 1: "hex" is not pairs of hexadecimal digits)"},
-  };
-  for (const auto& [text, fault] : cases) {
-    try {
-      const Scenario scenario(text);
-      ADD_FAILURE() << text;
-    } catch (const std::runtime_error& error) {
-      EXPECT_EQ(error.what(), fault) << text;
-    }
+TEST(NodeExecutableTest, ListensLateWhenAScenarioSaysSoAndLogsNothingBesideItsTrace) {
+  const TemporaryFolder folder;
+  NodeProcess process("--scenario " + folder.write("late.json", R"([{"at": 0, "listen": false},
+                                              {"at": 0.01, "listen": true}])"));
+  EXPECT_LT(process.out().find("STEP 2 listen"), process.out().find("LISTEN "));
+  process.say("role standby\nquit\n");
+  EXPECT_EQ(process.wait(), 0);
+  EXPECT_EQ(process.err(), "");
+}
+
+TEST(NodeExecutableTest, EndsWithTheReaderOfItsOutputAndNamesTheFileAtFault) {
+  const std::string node = "node='" VALTOR_NODE_EXECUTABLE " --port 0'; exec 2>err; ";
+  for (const auto& [script, complaint] :
+       {std::pair("set -o pipefail; timeout 60 $node | head -1",
+                  "nobody reads standard output any more"),
+        std::pair("printf '{}\\n}' >bad.json; exec $node -a bad.json",
+                  "bad.json: no JSON from line 2 on")}) {
+    ChildProcess shell(node + script);
+    EXPECT_EQ(shell.wait(), 1) << script;
+    EXPECT_EQ(shell.err(), "valtor-node: " + std::string(complaint) + "\n");
   }
+  EXPECT_GT(ChildProcess(node + "exec $node --role ''").wait(), 1);
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
-#include <functional>
+#include <filesystem>
+#include <initializer_list>
+#include <iterator>
 #include <regex>
-#include <sys/wait.h>
 #include <utility>
 
 #include "app/util/Mutex.h"
@@ -54,16 +54,6 @@ class ScenarioStepTest : public NodeFixture {
     ASSERT_TRUE(eventually([&] { return countOf("STEP " + text + " ") > 0; }));
     (*node)->role();  // the report comes before the action, this after both
   }
-  // Gives the node the turns in which it would do what it must not do.
-  void settle() {
-    for (int turn = 0; turn < 10; ++turn) {
-      (*node)->role();
-    }
-  }
-  std::size_t receivedFrom(const std::string& name) {
-    return node->countPassed(
-        [&](const PassedMessage& message) { return message.from == name && message.path == "db"; });
-  }
 
  private:
   std::unique_ptr<Scenario> scenario_;
@@ -107,32 +97,11 @@ TEST_F(ScenarioStepTest, AWritingPauseHoldsForItsNames) {
   EXPECT_EQ(received("north").size(), 5U);  // late, but all
 }
 
-TEST_F(ScenarioStepTest, AReadingPauseHoldsForItsNames) {
-  follow(R"([{"after": "\"go.1\"", "pauseReading": "north"},
-             {"after": "\"go.2\"", "resumeReading": "north"},
-             {"after": "\"go.3\"", "pauseReading": "*"},
-             {"after": "\"go.4\"", "resumeReading": "*"}])");
-  join("north", 1, {});
-  join("south", 2, {});
-  std::size_t sent = 0;
-  for (const std::string paused : {"north", "", "north south", ""}) {
-    step(static_cast<int>(++sent));
-    for (const std::string name : {"north", "south"}) {
-      peers.at(name)->sendPayload("[\"NOT\", \"db\", 1, 0, 0]\n{}");
-      if (paused.find(name) == std::string::npos) {
-        ASSERT_TRUE(eventually([&] { return receivedFrom(name) == sent; })) << sent << name;
-      } else {
-        settle();
-        EXPECT_LT(receivedFrom(name), sent) << name;
-      }
-    }
-  }
-}
-
 TEST_F(ScenarioStepTest, ConnectionsEndAsTheStepSaysAndAFailureIsReported) {
   follow(R"([{"after": "\"go.1\"", "reset": "north"}, {"after": "\"go.2\"", "close": "south"},
              {"after": "\"go.3\"", "close": "north", "note": "gone"},
-             {"after": "\"go.4\"", "raw": {"to": "east", "hex": "353a7b7d0a3aFf3b"}}])");
+             {"after": "\"go.4\"", "raw": {"to": "east", "hex": "353a7b7d0a3aFf3b"}},
+             {"after": "\"go.5\"", "listen": false}, {"after": "\"go.6\"", "listen": true}])");
   const auto errorAtTheEnd = [](ScriptedPeer& peer) {
     errno = 0;
     EXPECT_TRUE(peer.waitForHangUp());
@@ -149,154 +118,105 @@ TEST_F(ScenarioStepTest, ConnectionsEndAsTheStepSaysAndAFailureIsReported) {
   EXPECT_EQ(reports().back(), "STEP 3 close (gone) failed: no connection has the name north");
   step(4);
   EXPECT_EQ(east.readFrame(), "{}\n:\xff");
+  const uint16_t port = node->port();
+  step(5);
+  EXPECT_EQ(connectTo(port), nullptr);
+  step(6);
+  EXPECT_NE(connectTo(port), nullptr);
 }
 
-// The text of a manual page's examples that begin like this.
-std::vector<std::string> pageExamples(char first) {
-  std::string page = fileContent(VALTOR_NODE_MAN_PAGE);
-  page = std::regex_replace(page, std::regex(R"(\\e)"), "\\");
-  std::vector<std::string> examples;
-  for (std::size_t at = page.find(".nf\n"); at != std::string::npos; at = page.find(".nf\n", at)) {
-    at += 4;
-    if (page.at(at) == first) {
-      examples.push_back(page.substr(at, page.find(".fi\n", at) - at));
-    }
-  }
-  return examples;
+// The manual page's examples; one begins with a line ".nf".
+std::vector<std::string> pageExamples() {
+  const std::string page =
+      std::regex_replace(fileContent(VALTOR_NODE_MAN_PAGE), std::regex(R"(\\e)"), "\\");
+  const std::regex example("\\.nf\n([^]*?)\\.fi\n");
+  std::vector<std::string> texts;
+  std::copy(std::sregex_token_iterator(page.begin(), page.end(), example, 1), {},
+            std::back_inserter(texts));
+  return texts;
 }
 
 TEST_F(ScenarioStepTest, ThePagesParticipantRepliesWithTheIdentifierOfEachQuestion) {
-  std::string steps;
-  for (const std::string& example : pageExamples('[')) {
-    EXPECT_NO_THROW(Scenario{example}) << example;
-    steps = example.find("\"reply\"") != std::string::npos ? example : steps;
+  std::string reply;
+  for (const std::string& example : pageExamples()) {
+    if (example[0] == '[') {
+      EXPECT_NO_THROW(Scenario{example}) << example;
+      reply = example.find("\"reply\"") != std::string::npos ? example : reply;
+    } else if (example[0] == '{') {
+      EXPECT_NO_THROW(CannedAnswers{example}) << example;
+    }
   }
-  follow(steps);
+  follow(reply);
   join("panel", 490, {});
   const std::string head = "[\"GET\", \"tally\", 490, 0, 0]\n";
   say("panel", head + R"({"id":"1@panel","lamp":1})");
   for (const std::string id : {"2", "3"}) {
     say("panel", head + R"({"level":1,"id":")" + id + R"("})");
+  }
+  (*node)->inject(0, "GET", "tally", 0, R"({"id":"4","level":1})");
+  for (const std::string id : {"2", "3"}) {
     EXPECT_EQ(peers.at("panel")->readFrame(),
               "[\"RSP\", \"tally\", 700, 490, 0]\n{\"id\":\"" + id +
                   R"(","requestCommand":"GET","statusCode":200,"statusMsg":"OK",)"
                   R"("param":{"on":[4,7]}})");
   }
-  (*node)->inject(0, "GET", "tally", 0, R"({"id":"4","level":1})");
   EXPECT_TRUE(eventually(
       [&] { return countOf("failed: the message has no \"id\", or its sender none") == 1; }));
 }
 
-std::string faultOf(const std::function<void()>& load) {
+// What loading the text complains of.
+template <class Written>
+std::string faultOf(const std::string& text) {
   try {
-    load();
+    const Written written(text);
     return "none";
   } catch (const std::runtime_error& error) {
     return error.what();
   }
 }
 
-TEST(WrittenJSONTest, WhatIsWrittenTwiceOrTooMuchIsRefused) {
-  const std::pair<std::string, std::string> steps[] = {
-      {R"({"at":0,"at":1,"role":"a"})", R"("at" twice)"},
-      {R"({"at":1,"role":"a","note":"b","note":"c"})", R"("note" twice)"},
-      {R"({"at":1,"send":{"from":1,"from":2,"kind":"GET","path":""}})",
-       R"("send" has "from" twice)"},
-      {R"({"at":1,"raw":{"to":"*","bytes":"a","hex":"00"}})",
-       R"("raw" has both "bytes" and "hex")"},
-      {R"({"at":1,"every":0.0001,"role":"a"})", R"("every" is below 0.001)"},
-      {R"({"at":1,"reply":{"from":1,"body":{}}})", R"("reply" needs "after")"},
-      {R"({"after":"a","reply":{"from":1,"body":{"id":"1"}}})", R"("body" has an "id" of its own)"},
-      {R"({"after":[],"role":"a"})", R"("after" is empty)"},
-      {R"({"after":["a",1],"role":"a"})", R"("after" holds something else than texts)"},
-      {R"({"at":0,"answers":{"db":5}})", R"("db" is not an object)"},
-  };
-  for (const auto& [text, fault] : steps) {
-    const std::string list = "[" + text + "]";
-    EXPECT_EQ(faultOf([&] { const Scenario scenario(list); }), "step 1: " + fault) << text;
+TEST(WrittenJSONTest, AFaultIsNamedWithItsPlaceAndTheExamplesHaveNone) {
+  using Cases = std::initializer_list<std::pair<std::string, std::string>>;
+  for (const auto& [text, fault] :
+       Cases{{"[\n{\"at\": 1,\n", "no JSON from line 3 on"},
+             {"{}", "not a list of steps"},
+             {R"([{"at":1,"role":"active"},{"at":1}])", "step 2: no action"}}) {
+    EXPECT_EQ(faultOf<Scenario>(text), fault) << text;
   }
-  const std::pair<std::string, std::string> answers[] = {
-      {"", "no JSON from line 1 on"},
-      {"{\"db\":{}\n}\n{}", "no JSON from line 3 on"},
-      {"[]", "not an object"},
-      {R"({"db":[1]})", R"("db" is not an object)"},
-      {R"({"bd":{}})", R"(an unknown member "bd")"},
-  };
-  for (const auto& [text, fault] : answers) {
-    EXPECT_EQ(faultOf([&, &text = text] { const CannedAnswers canned(text); }), fault) << text;
+  for (const auto& [step, fault] : Cases{
+           {R"("at":1,"role":"a","close":"b")", "more than one action: role and close"},
+           {R"("role":"active")", R"(needs either "at" or "after")"},
+           {R"("at":-1,"role":"a")", R"("at" is not a number of seconds from 0 to 1000000)"},
+           {R"("at":1,"role":"active","repeat":2)", R"("repeat" needs "every")"},
+           {R"("at":1,"rolle":"active")", R"(unknown member "rolle")"},
+           {R"("at":1,"send":{"from":1,"kind":"get"})", R"("get" is no kind of message)"},
+           {R"("at":1,"send":{"from":1,"kind":"GET"})", R"("send" has no "path")"},
+           {R"("at":1,"raw":{"to":"*","hex":"0g"})", R"("hex" is not pairs of hexadecimal digits)"},
+           {R"("at":0,"at":1,"role":"a")", R"("at" twice)"},
+           {R"("at":1,"role":"a","note":"b","note":"c")", R"("note" twice)"},
+           {R"("at":1,"send":{"from":1,"from":2,"kind":"GET","path":""})",
+            R"("send" has "from" twice)"},
+           {R"("at":1,"raw":{"to":"*","bytes":"a","hex":"00"})",
+            R"("raw" has both "bytes" and "hex")"},
+           {R"("at":1,"every":0.0001,"role":"a")", R"("every" is below 0.001)"},
+           {R"("at":1,"reply":{"from":1,"body":{}})", R"("reply" needs "after")"},
+           {R"("after":"a","reply":{"from":1,"body":{"id":"1"}})",
+            R"("body" has an "id" of its own)"},
+           {R"("after":[],"role":"a")", R"("after" is empty)"},
+           {R"("after":["a",1],"role":"a")", R"("after" holds something else than texts)"},
+           {R"("at":0,"answers":{"db":5})", R"("db" is not an object)"}}) {
+    EXPECT_EQ(faultOf<Scenario>("[{" + step + "}]"), "step 1: " + fault) << step;
   }
-  for (const std::string& example : pageExamples('{')) {
-    EXPECT_NO_THROW(CannedAnswers{example}) << example;
+  for (const auto& [text, fault] : Cases{{"", "no JSON from line 1 on"},
+                                         {"{\"db\":{}\n}\n{}", "no JSON from line 3 on"},
+                                         {"[]", "not an object"},
+                                         {R"({"db":[1]})", R"("db" is not an object)"},
+                                         {R"({"bd":{}})", R"(an unknown member "bd")"}}) {
+    EXPECT_EQ(faultOf<CannedAnswers>(text), fault) << text;
   }
-}
-
-// A shell command in a folder of its own, in which $node is valtor-node; its input is a pipe.
-class NodeCommand {
- public:
-  explicit NodeCommand(const std::string& command)
-      : input_(popen(
-            ("node=" VALTOR_NODE_EXECUTABLE "; cd " + folder_.path() + "; " + command).c_str(),
-            "we")) {}
-  ~NodeCommand() { end(); }
-  NodeCommand(const NodeCommand&) = delete;
-  NodeCommand& operator=(const NodeCommand&) = delete;
-
-  void say(const std::string& line) const {
-    std::fputs((line + "\n").c_str(), input_);
-    std::fflush(input_);
+  for (const auto& file : std::filesystem::directory_iterator(VALTOR_NODE_EXAMPLES)) {
+    EXPECT_EQ(faultOf<Scenario>(fileContent(file.path())), "none") << file.path();
   }
-  std::string file(const std::string& name) const { return fileContent(folder_.at(name)); }
-  // Waits for the end; the exit status.
-  int end() { return input_ != nullptr ? WEXITSTATUS(pclose(std::exchange(input_, nullptr))) : -1; }
-
- private:
-  const TemporaryFolder folder_;
-  FILE* input_;
-};
-
-TEST(NodeCommandTest, ListensLateWhenAScenarioSaysSoAndLogsNothingBesideItsTrace) {
-  NodeCommand command(
-      R"(echo '[{"at": 0, "listen": false}, {"at": 0.1, "listen": true}]' >late.json
-         exec $node --port 0 --scenario late.json >out 2>err)");
-  EXPECT_TRUE(eventually([&] { return command.file("out").find("LISTEN ") != std::string::npos; }));
-  EXPECT_LT(command.file("out").find("STEP 2 listen"), command.file("out").find("LISTEN "));
-  command.say("role standby\nquit");
-  EXPECT_EQ(command.end(), 0);
-  EXPECT_EQ(command.file("err"), "");
-}
-
-TEST(NodeCommandTest, EndsWithTheReaderOfItsOutput) {
-  NodeCommand command("{ timeout 60 $node --port 0 2>err; echo $? >status; } | head -1 >out");
-  EXPECT_EQ(command.end(), 0);
-  EXPECT_NE(command.file("out").find("LISTEN "), std::string::npos);
-  EXPECT_EQ(command.file("status"), "1\n");
-  EXPECT_EQ(command.file("err"), "valtor-node: nobody reads standard output any more\n");
-}
-
-TEST(NodeCommandTest, NamesTheFileAtFaultAndRefusesAnEmptyRole) {
-  NodeCommand command("printf '{}\\n}' >bad.json; exec $node --port 0 -a bad.json 2>err");
-  EXPECT_EQ(command.end(), 1);
-  EXPECT_EQ(command.file("err"), "valtor-node: bad.json: no JSON from line 2 on\n");
-  EXPECT_GT(NodeCommand("exec $node --port 0 --role '' 2>err").end(), 1);
-}
-
-TEST(NodeCommandTest, TellsItsVersionAndHelpsWithAllThatThePageDescribes) {
-  NodeCommand version("exec $node --version >out");
-  EXPECT_EQ(version.end(), 0);
-  EXPECT_TRUE(
-      std::regex_match(version.file("out"), std::regex("valtor-node \\d+\\.\\d+\\.\\d+\n")));
-  NodeCommand help("exec $node --help >out");
-  EXPECT_EQ(help.end(), 0);
-  std::string page = fileContent(VALTOR_NODE_MAN_PAGE);
-  page.erase(page.find(".SH SEE ALSO"));
-  const std::regex described(R"(\\fB("\w+")|\.B[RI]? (?:\\-\w ", " )?((?:\\-\\-)?[a-z\-\\]+)\b)");
-  int count = 0;
-  for (std::sregex_iterator at(page.begin(), page.end(), described), last; at != last; ++at) {
-    const std::string name = std::regex_replace(at->str(1) + at->str(2), std::regex(R"(\\)"), "");
-    EXPECT_NE(help.file("out").find(name), std::string::npos) << name;
-    ++count;
-  }
-  EXPECT_GT(count, 25);
 }
 
 }  // namespace

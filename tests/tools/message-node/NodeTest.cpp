@@ -3,9 +3,9 @@
 namespace valtor::test {
 namespace {
 
-using DeliveryTest = NodeFixture;
+using NodeTest = NodeFixture;
 
-TEST_F(DeliveryTest, GoesWhereDestinationAndSubscriptionsSay) {
+TEST_F(NodeTest, GoesWhereDestinationAndSubscriptionsSay) {
   join("daemon", 101, {"device", "db", "system", "route"}, true);
   join("panel", 490, {"device", "dev*", "route"});
   join("peerA", 10000, {"controller*"});
@@ -47,7 +47,7 @@ TEST_F(DeliveryTest, GoesWhereDestinationAndSubscriptionsSay) {
   }
 }
 
-TEST_F(DeliveryTest, AConnectionThatDoesNotReadIsClosedAtTheLimit) {
+TEST_F(NodeTest, AConnectionThatDoesNotReadIsClosedAtTheLimit) {
   MessageNode::Options options;
   options.unsentLimit = 100'000;
   node = std::make_unique<RunningNode>(std::move(options));
@@ -62,6 +62,52 @@ TEST_F(DeliveryTest, AConnectionThatDoesNotReadIsClosedAtTheLimit) {
   EXPECT_TRUE(slow.waitForHangUp());
   ASSERT_TRUE((*node)->inject(100, "NOT", "route", 0, "{}"));
   EXPECT_EQ(received("quick"), Payloads{"[\"NOT\", \"route\", 100, 0, 0]\n{}"});
+}
+
+TEST_F(NodeTest, AKeepAliveIsAcknowledgedToItsSenderOnly) {
+  join("peerA", 10000, {});
+  join("peerB", 10000, {""}, true);
+  say("peerA", "[\"SET\", \"\", 10000, 0, 0]\n{\"id\":\"7@1.aa\"}");
+  EXPECT_EQ(received("peerA"), Payloads{"[\"ACK\", \"\", 1, 10000, 0]\n{\"id\":\"7@1.aa\"}"});
+  EXPECT_EQ(received("peerB"), Payloads{});
+  EXPECT_EQ(node->countPassed([](const PassedMessage& message) {
+    return message.kind == MessageKind::ACK && message.source == MessageNode::kNodeConnID;
+  }),
+            1U);
+}
+
+TEST_F(NodeTest, TheRoleIsAnsweredToWhoeverAsksAndAnnounced) {
+  join("daemon", 101, {"system"}, true);
+  (*node)->setRole("standby");
+  const std::string announced = received("daemon").at(0);
+  EXPECT_EQ(announced.rfind("[\"SET\", \"system\", 1, 0, 0]\n{\"id\":\"", 0), 0U);
+  EXPECT_NE(announced.find(",\"param\":{\"mdxMasterState\":\"standby\"}}"), std::string::npos);
+  const std::string request = "{\"id\":\"5\",\"param\":{\"objectName\":[\"mdxMasterState\"]}}";
+  const std::string answer = "{\"id\":\"5\",\"param\":{\"mdxMasterState\":\"standby\"}}";
+  say("daemon", "[\"GET\", \"system\", 101, 0, 0]\n" + request);
+  EXPECT_EQ(received("daemon"), Payloads{"[\"RSP\", \"system\", 1, 101, 0]\n" + answer});
+  // Somebody without a login gets the answer on the connection that asked.
+  const auto stranger = connectTo(node->port());
+  stranger->sendPayload("[\"GET\", \"system\", 0, 0, 0]\n" + request);
+  EXPECT_EQ(stranger->readFrame(), "[\"RSP\", \"system\", 1, 0, 0]\n" + answer);
+}
+
+TEST_F(NodeTest, CannedAnswersStandForParticipants) {
+  MessageNode::Options options;
+  options.answers = R"({"db":{"dests":[1],"sources":[]}})";
+  node = std::make_unique<RunningNode>(std::move(options));
+  join("daemon", 101, {});
+  say("daemon",
+      "[\"GET\", \"db\", 101, 0, 0]\n{\"id\":\"1\",\"objectName\":[\"dests\",7,\"unknown\"]}");
+  EXPECT_EQ(
+      received("daemon"),
+      Payloads{
+          "[\"RSP\", \"db\", 100, 101, 0]\n"
+          R"({"id":"1","requestCommand":"GET","statusCode":200,"statusMsg":"OK","param":{"dests":[1]}})"});
+  // Nobody answers to what is not known, or is for somebody else.
+  say("daemon", "[\"GET\", \"db\", 101, 0, 0]\n{\"objectName\":[\"unknown\"]}");
+  say("daemon", "[\"GET\", \"db\", 101, 55, 0]\n{\"objectName\":[\"dests\"]}");
+  EXPECT_EQ(received("daemon"), Payloads{});
 }
 
 }  // namespace
