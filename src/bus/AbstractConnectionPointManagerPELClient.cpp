@@ -33,7 +33,7 @@ int AbstractConnectionPointManagerPELClient::onMessage(const PellInternalMessage
     return 0;
   }
   if (responses.empty()) {
-    sendMessage(RSPMessage(message, 200));
+    sendMessage(RSPMessage(message, kStatusOK));
   }
   for (std::unique_ptr<PellInternalMessage>& response : responses) {
     sendMessage(*response);
@@ -58,10 +58,10 @@ bool AbstractConnectionPointManagerPELClient::handleMasterState(
     error = setSkipDatabase(std::string_view(role) == "standby");
   } catch (...) {
     // Whoever announced the role learns that it was not taken on; the log says why.
-    sendMessage(RSPMessage(message, 400));
+    sendMessage(RSPMessage(message, kStatusBadRequest));
     throw;
   }
-  sendMessage(RSPMessage(message, error ? 400 : 200));
+  sendMessage(RSPMessage(message, error ? kStatusBadRequest : kStatusOK));
   return true;
 }
 

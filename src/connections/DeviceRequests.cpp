@@ -17,7 +17,6 @@ constexpr const char* kConnectionPoint = "connectionPoint";
 constexpr const char* kConnectionPointManager = "connectionPointManager";
 constexpr const char* kServerConnectionPoint = "serverConnectionPoint";
 constexpr const char* kDeviceConnection = "deviceConnection";
-constexpr int kStatusOK = 200;
 
 const cJSON* paramOf(const PellInternalMessage& message) {
   return cJSON_GetObjectItem(message.viewBody(), "param");

@@ -179,12 +179,12 @@ JSONPtr DispatcherPeerClient::toJSON() const {
   for (const auto& phy : phys_) {
     addElement(phys.get(), phy->toJSON());
   }
-  addMember(object.get(), "type", JSONPtr(cJSON_CreateString(type_.c_str())));
-  addMember(object.get(), "name", JSONPtr(cJSON_CreateString(descriptionName_.c_str())));
-  addMember(object.get(), "uniqueID", JSONPtr(cJSON_CreateString(uniqueID_.c_str())));
+  cJSON_AddStringToObject(object.get(), "type", type_.c_str());
+  cJSON_AddStringToObject(object.get(), "name", descriptionName_.c_str());
+  cJSON_AddStringToObject(object.get(), "uniqueID", uniqueID_.c_str());
   addMember(object.get(), "phy", std::move(phys));
-  addMember(object.get(), "enabled", JSONPtr(cJSON_CreateBool(enabled_ ? 1 : 0)));
-  addMember(object.get(), "connected", JSONPtr(cJSON_CreateBool(connected ? 1 : 0)));
+  cJSON_AddBoolToObject(object.get(), "enabled", enabled_ ? 1 : 0);
+  cJSON_AddBoolToObject(object.get(), "connected", connected ? 1 : 0);
   return object;
 }
 
@@ -201,16 +201,6 @@ std::string DispatcherPeerClient::uniqueID() const {
 void DispatcherPeerClient::setUniqueID(const std::string& uniqueID) {
   const Locked lock(descriptionLock_);
   uniqueID_ = uniqueID;
-}
-
-std::string DispatcherPeerClient::descriptionName() const {
-  const Locked lock(descriptionLock_);
-  return descriptionName_;
-}
-
-std::size_t DispatcherPeerClient::physCount() const {
-  const Locked lock(descriptionLock_);
-  return phys_.size();
 }
 
 }  // namespace valtor

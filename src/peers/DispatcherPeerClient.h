@@ -60,9 +60,6 @@ class DispatcherPeerClient : public PellInternalClient, public AbstractJSONBacke
   std::string type() const;
   std::string uniqueID() const;
   void setUniqueID(const std::string& uniqueID);
-  // The name of the description, which is not the client's name on the bus.
-  std::string descriptionName() const;
-  std::size_t physCount() const;
 
   bool isEnabled() const { return enabled_; }
 
@@ -87,6 +84,7 @@ class DispatcherPeerClient : public PellInternalClient, public AbstractJSONBacke
   std::string type_ VALTOR_GUARDED_BY(descriptionLock_);
   std::string uniqueID_ VALTOR_GUARDED_BY(descriptionLock_);
   PhyList phys_ VALTOR_GUARDED_BY(descriptionLock_);
+  // Not the client's name on the bus.
   std::string descriptionName_ VALTOR_GUARDED_BY(descriptionLock_);
   const bool enabled_ = true;  // what "enabled" renders; nothing disables a peer
   std::atomic<bool> markedForErase_{false};

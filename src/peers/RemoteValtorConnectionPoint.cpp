@@ -35,6 +35,7 @@ int RemoteValtorConnectionPoint::connect() {
     warnOfPlace(*phy);
     return 0;
   }
+  warnedPlace_.clear();
   const auto peers = routerPeerManager();
   if (peers == nullptr) {
     return 0;
@@ -48,7 +49,7 @@ int RemoteValtorConnectionPoint::connect() {
   return 1;
 }
 
-// Once per place: start-up and every reload connect again.
+// Once until it has another place: start-up and every reload connect again.
 void RemoteValtorConnectionPoint::warnOfPlace(const IPPhy& phy) {
   const std::string place = phy.getIPAddress() + ":" + std::to_string(phy.getPort());
   if (std::exchange(warnedPlace_, place) == place) {

@@ -39,14 +39,13 @@ bool RemoteValtorConnectionPointManager::handleMessage(const PellInternalMessage
 
 std::unique_ptr<ConnectionPoint> RemoteValtorConnectionPointManager::createConnectionPoint(
     const cJSON* item) {
-  const bool rejectLoopback = rejectLoopback_;
   auto connectionPoint =
-      std::make_unique<RemoteValtorConnectionPoint>(busClient(), *this, rejectLoopback);
+      std::make_unique<RemoteValtorConnectionPoint>(busClient(), *this, rejectLoopback_);
   if (connectionPoint->loadFromJSON(item) != 0) {
     return nullptr;
   }
   const auto phy = connectionPoint->firstTCPPhy();
-  if (rejectLoopback && phy && isLoopback(*phy)) {
+  if (rejectLoopback_ && phy && isLoopback(*phy)) {
     return nullptr;
   }
   busClient().subscribe("device*");

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -13,13 +12,10 @@ namespace valtor {
 // bus to the routers. Bus client and router peer manager outlive its connection points.
 class RemoteValtorConnectionPointManager : public ConnectionPointManager {
  public:
+  // With rejectLoopback, routers at 127.0.0.1, the controller itself, are refused.
   RemoteValtorConnectionPointManager(const std::string& name, const std::string& type,
                                      IPellInternalClient& busClient, bool rejectLoopback = true);
   ~RemoteValtorConnectionPointManager() override;
-
-  // Whether routers at 127.0.0.1 are refused. Holds for connection points created afterwards.
-  bool rejectsLoopback() const { return rejectLoopback_; }
-  void setRejectLoopback(bool reject) { rejectLoopback_ = reject; }
 
   // The inherited handling and its result; the message then goes to the routers in any case.
   bool handleMessage(const PellInternalMessage& message, ResponseList& responses) override;
@@ -27,7 +23,7 @@ class RemoteValtorConnectionPointManager : public ConnectionPointManager {
   std::unique_ptr<ConnectionPoint> createConnectionPoint(const cJSON* item) override;
 
  private:
-  std::atomic<bool> rejectLoopback_;
+  const bool rejectLoopback_;
 };
 
 }  // namespace valtor

@@ -88,7 +88,7 @@ void ValtorNodeConnectionPointManager::erasePeer(const PeerPtr& peer) {
 
 JSONPtr ValtorNodeConnectionPointManager::toJSON() const {
   JSONPtr object(cJSON_CreateObject());
-  addMember(object.get(), "type", JSONPtr(cJSON_CreateString(type_.c_str())));
+  cJSON_AddStringToObject(object.get(), "type", type_.c_str());
   // The phys are those of the peers; the manager has none of its own.
   addMember(object.get(), "phy", JSONPtr(cJSON_CreateArray()));
   addMember(object.get(), kConnectionPoint, peersToJSON());

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "app/util/Immortal.h"
 #include "app/util/Mutex.h"
 #include "peers/ForwardingFilters.h"
 
@@ -14,18 +15,9 @@ struct Slot {
   std::shared_ptr<ValtorRouterPeerManager> manager VALTOR_GUARDED_BY(lock);
 };
 
-// Lives until the process is gone: threads may still look while static objects are destroyed.
-union ImmortalSlot {
-  ImmortalSlot() : slot() {}
-  ~ImmortalSlot() {}
-  ImmortalSlot(const ImmortalSlot&) = delete;
-  ImmortalSlot& operator=(const ImmortalSlot&) = delete;
-  Slot slot;
-};
-
 Slot& theSlot() {
-  static ImmortalSlot immortal;
-  return immortal.slot;
+  static Immortal<Slot> slot;
+  return *slot;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "data/AbstractJSONBackedData.h"
+#include "data/StatusCode.h"
 #include "router/ParamOID.h"
 #include "router/ParamStringValue.h"
 
@@ -42,7 +43,7 @@ class DeviceParam : public AbstractJSONBackedData {
   // Carried and copied; no operation reads it.
   std::int32_t reserved = 3;
   // How the parameter's request ended, as in the status codes of bus responses.
-  std::int32_t statusCode = 200;
+  std::int32_t statusCode = kStatusOK;
   bool pending = false;
   bool complete = false;
 };

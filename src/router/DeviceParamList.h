@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "app/util/Mutex.h"
+#include "data/StatusCode.h"
 #include "router/DeviceParam.h"
 
 namespace valtor {
@@ -80,7 +81,7 @@ class DeviceParamList {
   mutable Mutex lock_;
   // In order of first appearance.
   std::vector<Group> groups_ VALTOR_GUARDED_BY(lock_);
-  std::int32_t statusCode_ VALTOR_GUARDED_BY(lock_) = 200;
+  std::int32_t statusCode_ VALTOR_GUARDED_BY(lock_) = kStatusOK;
   bool hasInvalidValue_ = false;
   const bool keepDuplicates_;
 };

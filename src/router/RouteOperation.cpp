@@ -82,7 +82,7 @@ JSONPtr RouteOperation::toJSON() const {
     addDestinations(object.get());
   }
   if (machineControl) {
-    addMember(object.get(), "machineControl", JSONPtr(cJSON_CreateBool(1)));
+    cJSON_AddBoolToObject(object.get(), "machineControl", 1);
   }
   if (!status.isEmpty()) {
     addMember(object.get(), "status", status.toJSON());
@@ -91,10 +91,10 @@ JSONPtr RouteOperation::toJSON() const {
     addMember(object.get(), "protect", protect.toJSON());
   }
   if (hasUserID) {
-    addMember(object.get(), "userID", makeNumber(userID));
+    cJSON_AddNumberToObject(object.get(), "userID", userID);
   }
   if (!sessionID.empty()) {
-    addMember(object.get(), "sessionID", JSONPtr(cJSON_CreateString(sessionID.c_str())));
+    cJSON_AddStringToObject(object.get(), "sessionID", sessionID.c_str());
   }
   return object;
 }

@@ -46,8 +46,8 @@ int SupportedInterface::loadFromJSON(const cJSON* item) {
 
 JSONPtr SupportedInterface::toJSON() const {
   JSONPtr object(cJSON_CreateObject());
-  addMember(object.get(), "name", JSONPtr(cJSON_CreateString(name_.c_str())));
-  addMember(object.get(), "version", JSONPtr(cJSON_CreateNumber(version_)));
+  cJSON_AddStringToObject(object.get(), "name", name_.c_str());
+  cJSON_AddNumberToObject(object.get(), "version", version_);
   if (details_) {
     addMember(object.get(), "details", duplicate(details_.get()));
   }

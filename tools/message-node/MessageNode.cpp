@@ -72,7 +72,7 @@ class PausedNames {
 
 void addRole(PellInternalMessage& message, const std::string& role) {
   JSONPtr param(cJSON_CreateObject());
-  addMember(param.get(), kRoleMember, JSONPtr(cJSON_CreateString(role.c_str())));
+  cJSON_AddStringToObject(param.get(), kRoleMember, role.c_str());
   addMember(message.getBody(), "param", std::move(param));
 }
 

@@ -39,7 +39,7 @@ BusRequest routeRequest(const char* key, const std::vector<RouteOperation>& oper
     addElement(list.get(), operation.toJSON());
   }
   addMember(body.get(), key, std::move(list));
-  addMember(body.get(), "userID", JSONPtr(cJSON_CreateNumber(settings.userID.value_or(0))));
+  cJSON_AddNumberToObject(body.get(), "userID", settings.userID.value_or(0));
   return makeRequest(MessageKind::CMD, "route", printJSON(body.get(), false));
 }
 

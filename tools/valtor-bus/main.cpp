@@ -11,6 +11,7 @@
 #include <CLI/CLI.hpp>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/Immortal.h"
 #include "support/LogSink.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/CommandOptions.h"
@@ -104,9 +105,9 @@ int main(int argc, char** argv) {
       return answer(app, error);
     }
     valtor::Output output;
-    // Never destroyed: a name server that does not answer would hold up the end.
-    static BusConnection& connection = *new BusConnection(request.bus);  // NOLINT(*-owning-memory)
-    request.command(connection, output);
+    // A name server that does not answer would hold up its end.
+    static valtor::Immortal<BusConnection> connection(request.bus);
+    request.command(*connection, output);
     return 0;
   } catch (const CommandFailure& failure) {
     return fail(failure.exitCode, failure.what(), failure.hint);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "app/util/ConsoleWriter.h"
+#include "app/util/Immortal.h"
 
 namespace valtor {
 
@@ -36,10 +37,9 @@ void initConsole() { setvbuf(stdout, nullptr, _IOLBF, BUFSIZ); }
 void keepConsoleFromBlocking() {
   // The C library's streams are variables (glibc manual, "Standard Streams"), so that everything
   // that prints goes through this one. Without memory for it the old one stays.
-  static ConsoleWriter& writer =
-      *new ConsoleWriter(STDOUT_FILENO);  // NOLINT(*-owning-memory): threads may print to the end
+  static Immortal<ConsoleWriter> writer(STDOUT_FILENO);
   const cookie_io_functions_t operations{nullptr, writeToConsole, nullptr, nullptr};
-  if (FILE* const stream = fopencookie(&writer, "w", operations); stream != nullptr) {
+  if (FILE* const stream = fopencookie(&*writer, "w", operations); stream != nullptr) {
     std::fflush(stdout);
     stdout = stream;
     initConsole();

@@ -1,5 +1,7 @@
 #include "app/util/Paths.h"
 
+#include "app/util/Immortal.h"
+
 namespace valtor {
 
 namespace {
@@ -13,10 +15,9 @@ Paths makePaths(const std::string& prefix) {
   return made;
 }
 
-// Never destroyed: threads may still read a path while the process exits.
 Paths& storage() {
-  static Paths& instance = *new Paths(makePaths(VALTOR_PATH_PREFIX));  // NOLINT(*-owning-memory)
-  return instance;
+  static Immortal<Paths> instance(makePaths(VALTOR_PATH_PREFIX));
+  return *instance;
 }
 
 }  // namespace

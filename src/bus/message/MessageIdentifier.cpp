@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "app/util/Immortal.h"
 #include "app/util/Mutex.h"
 #include "app/util/Paths.h"
 #include "app/util/UniqueDescriptor.h"
@@ -25,10 +26,9 @@ struct Identifiers {
   std::string host VALTOR_GUARDED_BY(mutex) = "*";  // until the address is known
 };
 
-// Never destroyed: threads may still build messages while the process exits.
 Identifiers& identifiers() {
-  static Identifiers& instance = *new Identifiers;  // NOLINT(*-owning-memory)
-  return instance;
+  static Immortal<Identifiers> instance;
+  return *instance;
 }
 
 // What the file holds, read to its end: files of sysfs report a size that they do not have. None

@@ -183,7 +183,7 @@ PellInternalMessage::PellInternalMessage(MessageKind kind, std::string path, int
   header.kind = kind;
   header.path = std::move(path);
   header.destConnID = destConnID;
-  addMember(body_.get(), "id", JSONPtr(cJSON_CreateString(uniqueId_.c_str())));
+  cJSON_AddStringToObject(body_.get(), "id", uniqueId_.c_str());
 }
 
 PellInternalMessage::PellInternalMessage(MessageKind kind, std::string path, JSONPtr body)
@@ -191,7 +191,7 @@ PellInternalMessage::PellInternalMessage(MessageKind kind, std::string path, JSO
       uniqueId_(nextMessageIdentifier()) {
   header.kind = kind;
   header.path = std::move(path);
-  addMember(body_.get(), "id", JSONPtr(cJSON_CreateString(uniqueId_.c_str())));
+  cJSON_AddStringToObject(body_.get(), "id", uniqueId_.c_str());
 }
 
 PellInternalMessage::PellInternalMessage(std::unique_ptr<char[]> payload)

@@ -14,12 +14,12 @@ struct Status {
 };
 
 constexpr std::array<Status, 21> kStatusTable = {{
-    {200, "OK"},
+    {kStatusOK, "OK"},
     {201, "Created"},
     {202, "Accepted"},
     {204, "No Content"},
     {210, "OK With Info"},
-    {400, "Bad Request"},
+    {kStatusBadRequest, "Bad Request"},
     {403, "Forbidden"},
     {404, "Not Found"},
     {405, "Method Not Allowed"},
@@ -37,9 +37,6 @@ constexpr std::array<Status, 21> kStatusTable = {{
     {496, "Out of Range"},
 }};
 
-constexpr int kNoStatus = 0;
-constexpr int kOK = 200;
-
 // Null for a code outside the table.
 const char* validStatusText(int code) {
   const auto* const found =
@@ -55,7 +52,7 @@ RSPMessage::Request describe(const PellInternalMessage& request) {
 }  // namespace
 
 const char* statusText(int code) {
-  if (code == kNoStatus) {
+  if (code == kStatusNone) {
     return "Unknown";
   }
   const char* text = validStatusText(code);
@@ -78,7 +75,7 @@ RSPMessage::RSPMessage(const PellInternalMessage& request, const char* objectNam
 
 RSPMessage::RSPMessage(const PellInternalMessage& request, const char* objectBase, JSONPtr value,
                        ValueKey key)
-    : RSPMessage(request, kOK) {
+    : RSPMessage(request, kStatusOK) {
   addText("objectBase", objectBase);
   addMember(builtBody(), key == ValueKey::ParamDescriptor ? "paramDescriptor" : "param",
             std::move(value));
@@ -95,26 +92,26 @@ RSPMessage::~RSPMessage() = default;
 
 RSPMessage RSPMessage::withoutRequestCommand(const PellInternalMessage& request, JSONPtr param) {
   RSPMessage response(request, request.knownUniqueId());
-  response.addStatus(kOK);
+  response.addStatus(kStatusOK);
   addMember(response.builtBody(), "param", std::move(param));
   return response;
 }
 
 void RSPMessage::addStatus(int statusCode) {
-  addMember(builtBody(), "statusCode", JSONPtr(cJSON_CreateNumber(statusCode)));
+  cJSON_AddNumberToObject(builtBody(), "statusCode", statusCode);
   addText("statusMsg", statusText(statusCode));
 }
 
 void RSPMessage::addText(const char* key, const char* text) {
   if (text != nullptr) {
-    addMember(builtBody(), key, JSONPtr(cJSON_CreateString(text)));
+    cJSON_AddStringToObject(builtBody(), key, text);
   }
 }
 
 int RSPMessage::getStatusCode() const {
   const cJSON* member = cJSON_GetObjectItem(viewBody(), "statusCode");
   if (cJSON_IsNumber(member) == 0 || validStatusText(member->valueint) == nullptr) {
-    return kNoStatus;
+    return kStatusNone;
   }
   return member->valueint;
 }

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "bus/message/PellInternalMessage.h"
+#include "data/StatusCode.h"
 
 namespace valtor {
 

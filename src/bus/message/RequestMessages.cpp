@@ -70,7 +70,7 @@ CMDMessage::CMDMessage(const std::vector<RouteOperation>& operations, const char
     addElement(rendered.get(), operation.toJSON());
   }
   addMember(builtBody(), key, std::move(rendered));
-  addMember(builtBody(), "userID", JSONPtr(cJSON_CreateNumber(userID)));
+  cJSON_AddNumberToObject(builtBody(), "userID", userID);
 }
 
 CMDMessage::CMDMessage(JSONPtr value, const char* key)
