@@ -1,0 +1,139 @@
+#include "load/Bridge.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+#include "app/util/Paths.h"
+
+namespace valtor::bench {
+
+namespace {
+
+constexpr uint16_t kPort = 15000;
+constexpr std::chrono::seconds kStartLimit{120};
+
+void writeDatabase(const std::string& entries) {
+  namespace fs = std::filesystem;
+  if (std::string(VALTOR_BENCH_ROOT).empty()) {
+    throw std::runtime_error("this build's daemon would use the fixed paths of the machine");
+  }
+  fs::remove_all(VALTOR_BENCH_ROOT);
+  for (const fs::path path : {paths().containerDirectory, paths().hostAddressFile}) {
+    fs::create_directories(path.parent_path());
+  }
+  fs::create_directories(paths().databaseDirectory + "bench");
+  std::ofstream(paths().hostAddressFile) << "00:11:a2:b3:c4:d5\n";
+  std::ofstream(paths().databaseDirectory + "activeDatabase.json") << "bench\n";
+  std::ofstream(paths().databaseDirectory + "bench/connectionPoints.json")
+      << "{\"connectionPoint\":[" << entries << "]}";
+}
+
+// The value of the first "id" of a body.
+std::string idOf(std::string_view payload) {
+  constexpr std::string_view kMember = "\"id\":\"";
+  const std::size_t start = payload.find(kMember);
+  if (start == std::string_view::npos) {
+    return {};
+  }
+  const std::size_t begin = start + kMember.size();
+  return std::string(payload.substr(begin, payload.find('"', begin) - begin));
+}
+
+}  // namespace
+
+std::string Bridge::entry(const std::string& id, const std::string& address, bool enabled) {
+  return R"({"type":"valtor","name":")" + id + R"(","uniqueID":")" + id +
+         R"(","phy":[{"type":"tcp","ipAddress":")" + address + R"(","port":)" +
+         std::to_string(kPort) + R"(,"server":true}],"enabled":)" + (enabled ? "true}" : "false}");
+}
+
+std::string Bridge::disabledEntries(int count, const std::string& idPrefix) {
+  std::string entries;
+  for (int i = 0; i < count; ++i) {
+    const std::string address =
+        "127.1." + std::to_string(i / 250) + "." + std::to_string(1 + i % 250);
+    entries += (i > 0 ? "," : "") + entry(idPrefix + std::to_string(i), address, false);
+  }
+  return entries;
+}
+
+Bridge::Bridge(EventLoop& loop, int routers, int disabled)
+    : controller(loop, "127.0.0.1", kPort), loop_(loop) {
+  std::string entries;
+  for (int i = 0; i < routers; ++i) {
+    const std::string address = "127.0.0." + std::to_string(2 + i);
+    routers_.push_back(std::make_unique<Node>(loop, address, kPort));
+    entries += (i > 0 ? "," : "") + entry("router-" + std::to_string(i), address, true);
+  }
+  if (disabled > 0) {
+    entries += (routers > 0 ? "," : "") + disabledEntries(disabled, "off-");
+  }
+  writeDatabase(entries);
+  controller.onMessage = [this](std::string_view payload) { receive(payload); };
+
+  const int64_t start = nowNs();
+  daemon = std::make_unique<Process>(std::vector<std::string>{VALTOR_REMOTE_EXECUTABLE});
+  bool asked = false;
+  const bool up = loop.runUntil(
+      [&] {
+        if (!asked && controller.isReady()) {
+          asked = true;
+          askForConnectionPoints();
+        }
+        const double now = static_cast<double>(nowNs() - start) / 1e9;
+        if (secondsToAnswer_ == 0 && answerTimes_.count() > 0) {
+          secondsToAnswer_ = now;
+        }
+        if (secondsToLinks_ == 0 && std::all_of(routers_.begin(), routers_.end(),
+                                                [](const auto& one) { return one->isReady(); })) {
+          secondsToLinks_ = now;
+        }
+        return secondsToAnswer_ > 0 && secondsToLinks_ > 0;
+      },
+      kStartLimit);
+  if (!up) {
+    throw std::runtime_error("the daemon does not come up");
+  }
+  answerTimes_ = Samples();
+}
+
+std::vector<Node*> Bridge::routers() const {
+  std::vector<Node*> nodes;
+  for (const auto& one : routers_) {
+    nodes.push_back(one.get());
+  }
+  return nodes;
+}
+
+void Bridge::ask(const std::string& kind, const std::string& members) {
+  const std::string id = "ask-" + std::to_string(++questions_);
+  asked_[id] = nowNs();
+  controller.sendPayload("[\"" + kind + "\", \"device\", 490, 0, 0]\n{\"id\":\"" + id + "\"," +
+                         members + "}");
+}
+
+bool Bridge::allAnswered(std::chrono::seconds limit) {
+  return loop_.runUntil([this] { return asked_.empty(); }, limit);
+}
+
+void Bridge::announceRole(const std::string& role) {
+  controller.sendPayload(
+      "[\"SET\", \"system\", 1, 0, 0]\n{\"id\":\"1@node\",\"param\":{\"mdxMasterState\":\"" + role +
+      "\"}}");
+}
+
+void Bridge::receive(std::string_view payload) {
+  constexpr std::string_view kAnswer = "[\"RSP\", \"device\", 101, ";
+  if (payload.substr(0, kAnswer.size()) != kAnswer) {
+    return;
+  }
+  const auto found = asked_.find(idOf(payload));
+  if (found != asked_.end()) {
+    answerTimes_.add(static_cast<double>(nowNs() - found->second) / 1e9);
+    asked_.erase(found);
+  }
+}
+
+}  // namespace valtor::bench
