@@ -40,6 +40,15 @@ std::vector<PellInternalMessage> parsed(const std::string& stream, std::size_t c
 // Whoever only looks at a message leaves its bytes alone.
 void look(const PellInternalMessage& message) {
   const std::string before = message.encode();
+  // A blank in front makes it another spelling than the one that is read without a tree.
+  PellInternalHeader header;
+  require(HeaderLine::decode(" " + std::string(message.receivedLine()), header) &&
+              header.kind == message.getKind() && header.path == message.getPath() &&
+              header.sourceConnID == message.header.sourceConnID &&
+              header.sourceName == message.header.sourceName &&
+              header.destConnID == message.header.destConnID &&
+              header.destName == message.header.destName,
+          "both ways to read a header line agree");
   require(message.isDecoded() && message.getDestConnID() >= 0, "only good headers pass");
   message.getSequence();
   elementsOfPath(message.getPath());

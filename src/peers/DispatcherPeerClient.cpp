@@ -6,6 +6,7 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
+#include "bus/message/MessageIdentifier.h"
 #include "bus/message/PellInternalMessage.h"
 #include "peers/ForwardingFilters.h"
 

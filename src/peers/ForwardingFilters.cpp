@@ -7,6 +7,7 @@
 
 #include "app/util/Console.h"
 #include "app/util/OwnedJSON.h"
+#include "bus/message/MessageIdentifier.h"
 #include "peers/DatabaseIdHandler.h"
 
 namespace valtor {
@@ -147,11 +148,6 @@ FilterResult routerPeerToMaster(const PellInternalMessage& message) {
     return FilterResult::blocked("isDeviceInfoRSP");
   }
   return FilterResult::passed();
-}
-
-std::string hostOfIdentifier(const std::string& identifier) {
-  const std::size_t point = identifier.find('.');
-  return point == std::string::npos ? std::string() : identifier.substr(point + 1);
 }
 
 void traceBlocked(const char* direction, const PellInternalMessage& message, const char* rule) {

@@ -29,9 +29,6 @@ FilterResult nodePeerToMaster(const PellInternalMessage& message);
 // commands of its panels (2 and 3), without the configuration of either side.
 FilterResult routerPeerToMaster(const PellInternalMessage& message);
 
-// The host part of a message identifier: the text after its first ".", "" when there is none.
-std::string hostOfIdentifier(const std::string& identifier);
-
 // Writes the console line about a blocked message; nothing when its header line is empty. The
 // direction is "master->peer" or "peer->master"; a null rule reads "??".
 void traceBlocked(const char* direction, const PellInternalMessage& message, const char* rule);

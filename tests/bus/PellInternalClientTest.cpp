@@ -10,6 +10,7 @@
 #include "bus/BusSupport.h"
 #include "bus/PellInternalClient.h"
 #include "bus/SocketConnect.h"
+#include "bus/message/MessageIdentifier.h"
 #include "bus/message/PellInternalStreamParser.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"

@@ -3,20 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "bus/message/HeaderLine.h"
+
 namespace valtor {
-
-namespace {
-
-bool entryCovers(const NodeSubscription& entry, std::string_view path) {
-  const std::string_view pattern = entry.path;
-  if (pattern.empty() || pattern.back() != '*') {
-    return pattern == path;
-  }
-  const std::string_view start = pattern.substr(0, pattern.size() - 1);
-  return path.substr(0, start.size()) == start;
-}
-
-}  // namespace
 
 void Subscriptions::add(NodeSubscription entry) {
   const auto same = std::find_if(entries_.begin(), entries_.end(),
@@ -30,12 +19,12 @@ void Subscriptions::add(NodeSubscription entry) {
 
 bool Subscriptions::covers(std::string_view path) const {
   return std::any_of(entries_.begin(), entries_.end(),
-                     [&](const auto& entry) { return entryCovers(entry, path); });
+                     [&](const auto& entry) { return coversPath(entry.path, path); });
 }
 
 bool Subscriptions::coversForOthers(std::string_view path) const {
   return std::any_of(entries_.begin(), entries_.end(), [&](const auto& entry) {
-    return entry.receiveAll && entryCovers(entry, path);
+    return entry.receiveAll && coversPath(entry.path, path);
   });
 }
 

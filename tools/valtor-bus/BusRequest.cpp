@@ -1,6 +1,5 @@
 #include "valtor-bus/BusRequest.h"
 
-#include <algorithm>
 #include <array>
 #include <unistd.h>
 
@@ -28,13 +27,12 @@ int statusCode(const PellInternalMessage& answer) {
 }
 
 void checkPath(MessageKind kind, const std::string& path) {
-  const bool plain = std::all_of(path.begin(), path.end(), [](char byte) {
-    return static_cast<unsigned char>(byte) >= 0x20 && byte != '"' && byte != '\\';
-  });
   // The longest numbers a header can carry, so that it fits whoever sends it.
-  PellInternalMessage longest(kind, path, INT32_MIN, "");
-  longest.header.sourceConnID = INT32_MIN;
-  if (!plain || longest.headerLine().back() != '\n') {
+  PellInternalHeader longest;
+  longest.kind = kind;
+  longest.path = path;
+  longest.destConnID = INT32_MIN;
+  if (!isPlainPath(path) || HeaderLine(longest, INT32_MIN).isCut()) {
     throw CommandFailure(ExitCode::Usage,
                          "path \"" + printable(path) + "\" does not fit a message header",
                          "A path has no quotes, backslashes or control characters and at most "
@@ -66,9 +64,11 @@ BusRequest makeRequest(MessageKind kind, const std::string& path, const std::str
 }
 
 std::string payloadOf(const BusRequest& request, int32_t source) {
-  PellInternalMessage header(request.kind, request.path, request.destination, "");
-  header.header.sourceConnID = source;
-  return header.headerLine() + request.body;
+  PellInternalHeader header;
+  header.kind = request.kind;
+  header.path = request.path;
+  header.destConnID = request.destination;
+  return std::string(HeaderLine(header, source).text()) + request.body;
 }
 
 bool isAnswerTo(const BusRequest& request, const PellInternalMessage& message) {

@@ -69,23 +69,13 @@ std::string bodyJSON(const PellInternalMessage& message) {
 
 // The header's schedule element as JSON; "" when it is 0 or not there.
 std::string scheduleOf(const PellInternalMessage& message) {
-  const std::string text = message.receivedText();
-  const OwnedJSON header = parseJSON(text.substr(0, text.find('\n')));
-  constexpr int kPlace = 4;
-  const cJSON* element = header.get()->child;
-  for (int at = 0; at < kPlace && element != nullptr; ++at) {
-    element = element->next;
-  }
+  const char* line = message.receivedLine();
+  const HeaderElements elements(line != nullptr ? line : "");
+  const cJSON* element = elements.schedule;
   if (element == nullptr || (cJSON_IsNumber(element) != 0 && element->valuedouble == 0)) {
     return "";
   }
   return printJSON(element, false);
-}
-
-bool covers(const std::string& pattern, const std::string& path) {
-  return !pattern.empty() && pattern.back() == '*'
-             ? path.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0
-             : path == pattern;
 }
 
 template <class Value>
@@ -134,9 +124,10 @@ std::string messageJSON(const PellInternalMessage& message, WallTime time) {
 
 bool MessageFilter::accepts(const PellInternalMessage& message) const {
   const PellInternalHeader& header = message.header;
-  return (paths.empty() ||
-          std::any_of(paths.begin(), paths.end(),
-                      [&](const std::string& pattern) { return covers(pattern, header.path); })) &&
+  return (paths.empty() || std::any_of(paths.begin(), paths.end(),
+                                       [&](const std::string& pattern) {
+                                         return coversPath(pattern, header.path);
+                                       })) &&
          lists(kinds, header.kind) && lists(sources, header.sourceConnID) &&
          lists(destinations, header.destConnID);
 }

@@ -14,7 +14,8 @@ std::string_view Frame::payload() const {
 }
 
 SharedFrame frameOf(const PellInternalMessage& message, int32_t sourceConnID) {
-  const std::string line = message.formatHeaderLine(sourceConnID, true);
+  const HeaderLine written = message.writtenLine(sourceConnID);
+  const std::string_view line = written.text();
   JSONText rendered;
   const std::string_view body = message.bodyBytes(rendered);
   const std::string length = std::to_string(line.size() + body.size());

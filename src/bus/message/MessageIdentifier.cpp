@@ -1,3 +1,5 @@
+#include "bus/message/MessageIdentifier.h"
+
 #include <array>
 #include <cerrno>
 #include <cstdio>
@@ -12,7 +14,6 @@
 #include "app/util/Mutex.h"
 #include "app/util/Paths.h"
 #include "app/util/UniqueDescriptor.h"
-#include "bus/message/PellInternalMessage.h"
 
 namespace valtor {
 
@@ -99,6 +100,11 @@ std::string nextMessageIdentifier() {
     shared.primed = true;
   }
   return std::to_string(static_cast<int32_t>(shared.counter++)) + "@" + shared.host;
+}
+
+std::string hostOfIdentifier(const std::string& identifier) {
+  const std::size_t point = identifier.find('.');
+  return point == std::string::npos ? std::string() : identifier.substr(point + 1);
 }
 
 void resetMessageIdentifiersForTest() {

@@ -1,129 +1,18 @@
 #include "bus/message/PellInternalMessage.h"
 
-#include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <new>
-#include <optional>
 #include <stdexcept>
 #include <syslog.h>
 #include <utility>
 
 #include "app/util/ErrnoText.h"
-#include "bus/message/ScheduledTime.h"
+#include "bus/message/MessageIdentifier.h"
 
 namespace valtor {
 
 namespace {
-
-constexpr std::array<const char*, 11> kKindNames = {
-    "CMD", "CMDRSP", "CMDNOT", "RSP", "NOT", "ACK", "NAK", "GET", "SET", "DEL", "UPDATE"};
-
-constexpr std::size_t kHeaderLineBuffer = 256;  // bytes, the closing NUL included
-
-// The first elements of a header line; null where the array is shorter.
-using HeaderElements = std::array<const cJSON*, 5>;
-
-HeaderElements headerElements(const cJSON* array) {
-  HeaderElements elements{};
-  const cJSON* item = cJSON_IsArray(array) ? array->child : nullptr;
-  for (const cJSON*& element : elements) {
-    element = item;
-    item = item != nullptr ? item->next : nullptr;
-  }
-  return elements;
-}
-
-// The path is written without escaping, so one that needs escapes would leave as another message
-// than the one that was looked at.
-bool isPlainPath(const char* path) {
-  for (const char* c = path; *c != '\0'; ++c) {
-    if (static_cast<unsigned char>(*c) < 0x20 || *c == '"' || *c == '\\') {
-      return false;
-    }
-  }
-  return true;
-}
-
-// The number before the "@" of a connection element, with the base prefixes of strtol.
-std::optional<int32_t> connectionNumber(const std::string& text) {
-  constexpr std::size_t kLongestNumber = 15;
-  if (text.empty() || text.size() > kLongestNumber) {
-    return std::nullopt;
-  }
-  char* end = nullptr;
-  errno = 0;
-  const long number = std::strtol(text.c_str(), &end, 0);
-  if (errno != 0 || end == text.c_str() || *end != '\0' || !std::in_range<int32_t>(number)) {
-    return std::nullopt;
-  }
-  return static_cast<int32_t>(number);
-}
-
-// A number, or a string of the form number "@" name. Anything else leaves both values alone.
-void decodeConnection(const cJSON* element, int32_t& connID, std::string& name) {
-  if (cJSON_IsNumber(element) != 0) {
-    connID = element->valueint;
-    name.clear();
-    return;
-  }
-  const char* text = cJSON_GetStringValue(element);
-  const char* at = text != nullptr ? std::strchr(text, '@') : nullptr;
-  if (at == nullptr) {
-    return;
-  }
-  const std::optional<int32_t> number = connectionNumber(std::string(text, at));
-  if (!number) {
-    return;
-  }
-  connID = *number;
-  if (at[1] != '\0') {
-    name = at + 1;
-  }
-}
-
-void logSchedule(const timespec& time) {
-  constexpr long kNanosecondsPerMillisecond = 1'000'000;
-  std::tm local{};
-  localtime_r(&time.tv_sec, &local);
-  char text[64] = "";
-  std::strftime(text, sizeof text, "%FT%T", &local);
-  syslog(LOG_INFO, "Message Scheduled at %s.%03d\n", text,
-         static_cast<int>(time.tv_nsec / kNanosecondsPerMillisecond));
-}
-
-// False when a rule is broken. The kind is stored as soon as it is known, everything else only when
-// the whole header is good.
-bool decodeHeader(PellInternalHeader& header, const cJSON* array) {
-  const auto [kind, path, source, destination, schedule] = headerElements(array);
-  const char* kindText = cJSON_GetStringValue(kind);
-  if (kindText == nullptr) {
-    return false;
-  }
-  header.kind = kindFromName(kindText);
-  const char* pathText = cJSON_GetStringValue(path);
-  if (header.kind == MessageKind::Unknown || pathText == nullptr || !isPlainPath(pathText) ||
-      source == nullptr || destination == nullptr) {
-    return false;
-  }
-  header.path = pathText;
-  decodeConnection(source, header.sourceConnID, header.sourceName);
-  decodeConnection(destination, header.destConnID, header.destName);
-  if (parseScheduledTime(header, schedule)) {
-    logSchedule(header.scheduledTime);
-  }
-  return true;
-}
-
-// Whether the line is worth parsing. One of a megabyte would only cost memory, since none longer
-// than 255 characters is ever written; and a NUL spelled out would cut the path short when it is
-// decoded.
-bool isPlausibleHeader(const char* begin, const char* end) {
-  constexpr std::ptrdiff_t kLongestHeader = std::ptrdiff_t{64} * 1024;
-  return end - begin <= kLongestHeader && std::strstr(begin, "\\u0000") == nullptr;
-}
 
 JSONPtr makeNull() {
   JSONPtr item(cJSON_CreateNull());
@@ -146,33 +35,6 @@ JSONPtr parseText(const char* text) {
 }
 
 }  // namespace
-
-const char* kindName(MessageKind kind) {
-  const auto index = static_cast<std::size_t>(kind);
-  return index < kKindNames.size() ? kKindNames[index] : "";
-}
-
-MessageKind kindFromName(std::string_view name) {
-  int32_t index = 0;
-  for (const char* known : kKindNames) {
-    if (name == known) {
-      return static_cast<MessageKind>(index);
-    }
-    ++index;
-  }
-  return MessageKind::Unknown;
-}
-
-std::vector<std::string> elementsOfPath(const std::string& path) {
-  std::vector<std::string> elements;
-  std::size_t start = 0;
-  for (std::size_t dot = path.find('.'); dot != std::string::npos; dot = path.find('.', start)) {
-    elements.push_back(path.substr(start, dot - start));
-    start = dot + 1;
-  }
-  elements.push_back(path.substr(start));
-  return elements;
-}
 
 PellInternalMessage::PellInternalMessage(MessageKind kind, std::string path)
     : PellInternalMessage(kind, std::move(path), 0, nextMessageIdentifier()) {}
@@ -241,8 +103,7 @@ void PellInternalMessage::decode(char* payload) {
     return;
   }
   *lineEnd = '\0';
-  const JSONPtr line(isPlausibleHeader(payload, lineEnd) ? cJSON_Parse(payload) : nullptr);
-  if (!decodeHeader(header, line.get())) {
+  if (!HeaderLine::decode(std::string_view(payload, lineEnd), header)) {
     syslog(LOG_INFO, "PellInternalMessage header decode error:%s\n", quotedForLog(payload).c_str());
     return;
   }
@@ -250,32 +111,25 @@ void PellInternalMessage::decode(char* payload) {
   decoded_ = true;
 }
 
-std::string PellInternalMessage::formatHeaderLine(int32_t sourceConnID, bool reportCut) const {
-  char line[kHeaderLineBuffer] = "";
-  const char* kind = kindName(header.kind);
-  const int length =
-      isScheduled()
-          ? std::snprintf(line, sizeof line, "[\"%s\", \"%s\", %d, %d, \"%s\"]\n", kind,
-                          header.path.c_str(), sourceConnID, header.destConnID, "datehere")
-          : std::snprintf(line, sizeof line, "[\"%s\", \"%s\", %d, %d, 0]\n", kind,
-                          header.path.c_str(), sourceConnID, header.destConnID);
-  if (reportCut && length >= static_cast<int>(sizeof line)) {
+HeaderLine PellInternalMessage::writtenLine(int32_t sourceConnID) const {
+  const HeaderLine line(header, sourceConnID);
+  if (line.isCut()) {
     syslog(LOG_WARNING,
            "PellInternalMessage header line cut at %zu characters, the message will not be "
            "understood: kind %s, path of %zu characters\n",
-           sizeof line - 1, kind, header.path.size());
+           HeaderLine::kLongest, kindName(header.kind), header.path.size());
   }
   return line;
 }
 
 std::string PellInternalMessage::headerLine() const {
-  return formatHeaderLine(header.sourceConnID, false);
+  return std::string(HeaderLine(header, header.sourceConnID).text());
 }
 
 std::string PellInternalMessage::encode() const { return encodeFrom(header.sourceConnID); }
 
 std::string PellInternalMessage::encodeFrom(int32_t sourceConnID) const {
-  std::string payload = formatHeaderLine(sourceConnID, true);
+  std::string payload(writtenLine(sourceConnID).text());
   JSONText rendered;
   payload += bodyBytes(rendered);
   return payload;
@@ -333,10 +187,6 @@ std::pair<int, int> PellInternalMessage::getSequence() const {
     return {0, 0};
   }
   return {number->valueint, count->valueint};
-}
-
-bool PellInternalMessage::isScheduled() const {
-  return header.scheduledTime.tv_sec != 0 || header.scheduledTime.tv_nsec != 0;
 }
 
 void PellInternalMessage::splitPath() {

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <ctime>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -10,62 +9,9 @@
 
 #include "app/util/OwnedJSON.h"
 #include "bus/message/Frame.h"
+#include "bus/message/HeaderLine.h"
 
 namespace valtor {
-
-// The kinds of bus messages. The number is the index in the table of names; the name is what
-// travels.
-enum class MessageKind : int32_t {
-  CMD = 0,
-  CMDRSP = 1,
-  CMDNOT = 2,
-  RSP = 3,
-  NOT = 4,
-  ACK = 5,
-  NAK = 6,
-  GET = 7,
-  SET = 8,
-  DEL = 9,
-  UPDATE = 10,
-  Unknown = 11,
-};
-
-// The name of a kind; "" for Unknown and for anything outside the table.
-const char* kindName(MessageKind kind);
-// The kind of a name, compared exactly; Unknown when no kind has it.
-MessageKind kindFromName(std::string_view name);
-
-// A new process-wide unique message identifier: a counter from 0, "@", and the host identity (the
-// process id, ".", and the hardware address of eth0 without colons; "*" when that cannot be read).
-// Any thread may call it.
-std::string nextMessageIdentifier();
-
-// The parts of a path between "."; a path without one is its own only part.
-std::vector<std::string> elementsOfPath(const std::string& path);
-
-// Makes the host identity be read again at the next identifier and the counter start from 0. For
-// tests only; no other thread may build messages meanwhile.
-void resetMessageIdentifiersForTest();
-
-// What a message says about itself before its body.
-class PellInternalHeader {
- public:
-  virtual ~PellInternalHeader() = default;
-  PellInternalHeader() = default;
-  PellInternalHeader(const PellInternalHeader&) = default;
-  PellInternalHeader(PellInternalHeader&&) = default;
-  PellInternalHeader& operator=(const PellInternalHeader&) = default;
-  PellInternalHeader& operator=(PellInternalHeader&&) = default;
-
-  MessageKind kind = MessageKind::Unknown;
-  int32_t sourceConnID = 0;  // sender's connection id as received; sending leaves it as it is
-  int32_t destConnID = 0;    // connection id of the addressee; 0 for requests and notifications
-  std::string path;          // the object path, such as "system.connection"
-  timespec scheduledTime{};  // both parts 0: not scheduled
-  std::vector<std::string> pathElements;  // filled by PellInternalMessage::splitPath
-  std::string sourceName;                 // text after "@" of a string-valued source element
-  std::string destName;                   // the same of the destination element
-};
 
 // One message of the bus: header and JSON body. It owns its body tree and the payload it was
 // decoded from. Movable, not copyable; a moved-from message is empty. One thread at a time uses a
@@ -130,14 +76,18 @@ class PellInternalMessage {
   // The undecoded body of a received message, or null.
   const char* bodyText() const { return bodyText_; }
 
-  // The payload as it was received, up to its first NUL: what a node hands on. "" when the message
-  // was built, or received with a header that did not decode.
-  std::string receivedText() const {
+  // The header line as it was received, without its line feed, or null when the message was built,
+  // or received with a header that did not decode.
+  const char* receivedLine() const {
     if (bodyText_ == nullptr) {
-      return {};
+      return nullptr;
     }
-    const char* headerText = rawVector_.empty() ? rawBuffer_.get() : rawVector_.data();
-    return std::string(headerText) + '\n' + bodyText_;
+    return rawVector_.empty() ? rawBuffer_.get() : rawVector_.data();
+  }
+  // The payload as it was received, up to its first NUL: what a node hands on. "" where
+  // receivedLine() is null.
+  std::string receivedText() const {
+    return bodyText_ != nullptr ? std::string(receivedLine()) + '\n' + bodyText_ : std::string();
   }
 
   // The message identifier: the "id" of the body, "" when there is none.
@@ -146,7 +96,7 @@ class PellInternalMessage {
   const std::string& knownUniqueId() const { return uniqueId_; }
   // The two integers of the body's "seq" when it is an array of exactly 2 elements, else 0 and 0.
   std::pair<int, int> getSequence() const;
-  bool isScheduled() const;
+  bool isScheduled() const { return header.isScheduled(); }
   // Appends elementsOfPath(path) to header.pathElements.
   void splitPath();
 
@@ -160,7 +110,8 @@ class PellInternalMessage {
   friend SharedFrame frameOf(const PellInternalMessage& message, int32_t sourceConnID);
 
   void decode(char* payload);
-  std::string formatHeaderLine(int32_t sourceConnID, bool reportCut) const;
+  // Logs a cut.
+  HeaderLine writtenLine(int32_t sourceConnID) const;
   // The body as encode() writes it, in this message or rendered into the text handed in.
   std::string_view bodyBytes(JSONText& rendered) const;
 

@@ -2,7 +2,7 @@
 
 #include <cjson/cJSON.h>
 
-#include "bus/message/PellInternalMessage.h"
+#include "bus/message/HeaderLine.h"
 
 namespace valtor {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "app/util/Paths.h"
-#include "bus/message/PellInternalMessage.h"
+#include "bus/message/MessageIdentifier.h"
 #include "support/LogCapture.h"
 #include "support/TemporaryFolder.h"
 

@@ -24,6 +24,10 @@ TEST(PellInternalMessage, HeaderFieldsFollowTheirElements) {
     std::string line, written, names;
   } cases[] = {
       {R"(["GET", "system", 490, 100, 0])", R"(["GET", "system", 490, 100, 0])", "|"},
+      {R"(["ACK", "", -0, 007, 0])", R"(["ACK", "", 0, 7, 0])", "|"},
+      {R"(["NAK", "a", 2147483648, -2147483649, 0])", R"(["NAK", "a", 2147483647, -2147483648, 0])",
+       "|"},
+      {R"(["CMD", "a", 1e2, 1.9, 0])", R"(["CMD", "a", 100, 1, 0])", "|"},
       {R"(["SET","",1,2,"datehere"])", R"(["SET", "", 1, 2, 0])", "|"},
       {R"( [ "UPDATE" , "a.b" , -3 , 2.9 , null , 7 ] x)", R"(["UPDATE", "a.b", -3, 2, 0])", "|"},
       {R"(["DEL","a","12@node","0x10@x@y"])", R"(["DEL", "a", 12, 16, 0])", "node|x@y"},
