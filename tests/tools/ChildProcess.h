@@ -32,9 +32,11 @@ class ChildProcess {
     static_cast<void>(pipe2(ends, O_CLOEXEC) == 0);  // without it the program finds no input
     const UniqueDescriptor output(ends[0]);
     input_.reset(ends[1]);
+    std::signal(SIGPIPE, SIG_IGN);  // it may end before it has read what it is told
     process_ = fork();
     if (process_ == 0) {
       // A process with threads was forked: from here on only what is safe in a signal handler.
+      std::signal(SIGPIPE, SIG_DFL);
       prctl(PR_SET_PDEATHSIG, SIGKILL);
       dup2(output.get(), STDIN_FILENO);
       close_range(STDERR_FILENO + 1, ~0U, 0);  // the nodes' sockets do not close by themselves

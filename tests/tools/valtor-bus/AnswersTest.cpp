@@ -1,164 +1,167 @@
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <utility>
-#include <vector>
+#include <regex>
 
-#include "message-node/RunningNode.h"
-#include "support/Eventually.h"
-#include "tools/ChildProcess.h"
-#include "valtor-bus/Recording.h"
+#include "tools/valtor-bus/ToolFixture.h"
 
 namespace valtor::test {
 namespace {
 
-using Texts = std::vector<std::string>;
-
-// The real executable on a node with several participants, who all answer the same request.
-class AnswersTest : public ::testing::Test {
- protected:
-  // The script has the tool's command line as "$@".
-  std::unique_ptr<ChildProcess> start(Texts arguments, const std::string& script = "exec \"$@\"",
-                                      const std::string& input = "") {
-    arguments.insert(arguments.begin(),
-                     {VALTOR_BUS_EXECUTABLE, "--port", std::to_string(node.port())});
-    auto tool = std::make_unique<ChildProcess>("exec >out 2>err; " + script, arguments);
-    tool->say(input);
-    tool->endInput();
-    return tool;
-  }
-
-  // The last message on a path, once a tool has sent one.
-  PassedMessage sent(const std::string& path) {
-    PassedMessage message;
-    EXPECT_TRUE(eventually([&] {
-      for (const PassedMessage& one : node.passed()) {
-        message = one.path == path ? one : message;
-      }
-      return message.path == path;
-    }));
-    return message;
-  }
-
-  // Answers the last message on the path with each text behind its identifier, from connection 101
-  // on; all at once, so that no answer is late.
-  void answer(const std::string& path, const Texts& texts) {
-    const PassedMessage request = sent(path);
-    const std::string identifier(request.body().substr(0, request.body().find(',')));
-    int source = 101;
-    std::string frames;
-    for (const std::string& text : texts) {
-      const std::string payload = "[\"RSP\",\"" + path + "\"," + std::to_string(source++) + "," +
-                                  std::to_string(request.source) + ",0]\n" + identifier + "," +
-                                  text + "}";
-      frames += std::to_string(payload.size()) + ":" + payload + ";";
-    }
-    node->writeRaw("valtor-bus", frames);
-  }
-
-  RunningNode node;
-};
+using AnswersTest = ToolFixture;
 
 const std::string kDone = R"("statusCode":200,"statusMsg":"OK")";
 const std::string kRefusal = R"("statusCode":404,"details":{"n":12345678901234567890})";
+const std::string kRefused = " was refused by connection 10";
+const std::string kWhy = ": 404, details {\"n\":12345678901234567890}\n";
 
 std::string route(const std::string& status) {
   return R"("param":{"stat":[{"level":[0],"status":)" + status + "}]}";
 }
 
-TEST_F(AnswersTest, EveryParticipantIsHeard) {
-  const std::string refused = " was refused by connection 10";
-  const std::string why = ": 404, details {\"n\":12345678901234567890}\n";
-  const struct {
-    Texts arguments;
-    std::string path;
-    Texts answers;
-    int exitCode;
-    std::string out;
-    std::string err;
-  } cases[] = {
-      {{"get", "a", "b"},
-       "device",
-       {kRefusal, R"("param":{"b":[],"a":[12345678901234567890]})",
-        R"("param":{"b":{},"a":[1.0e2]})", R"("param":{"b":"\u007f\u0085","a":[]})"},
-       0,
-       "{\n\t\"b\":\t\"\\u007f\\u0085\",\n\t\"a\":\t[12345678901234567890, 1.0e2]\n}\n",
-       ""},
-      {{"set", "a=1"},
-       "device",
-       {kRefusal, kDone},
-       0,
-       "200 OK\n",
-       "valtor-bus: refused by connection 101" + why},
-      {{"set", "a=1"},
-       "device",
-       {kRefusal},
-       1,
-       "",
-       "valtor-bus: SET on \"device\"" + refused + "1" + why},
-      {{"send", "GET", "a", "{\"n\":1}", "--answers", "2"},
-       "a",
-       {"\"x\":1.0", kRefusal},
-       1,
-       "{\n\t\"id\":\t\"I\",\n\t\"x\":\t1.0\n}\n{\n\t\"id\":\t\"I\",\n\t\"statusCode\":\t404,\n\t"
-       "\"details\":\t{\n\t\t\"n\":\t12345678901234567890\n\t}\n}\n",
-       "valtor-bus: answer of connection 101:\nvaltor-bus: answer of connection 102:\n"
-       "valtor-bus: GET on \"a\"" +
-           refused + "2" + why},
-      {{"route", "take", "--dest", "1", "--source", "2"},
-       "route",
-       {kDone, kRefusal, kDone},
-       1,
-       "200 OK\n200 OK\n",
-       "valtor-bus: CMD on \"route\"" + refused + "2" + why},
-      {{"route", "query", "--dest", "1-2"},
-       "route",
-       {route("[[1,[7]]]"), route("[[1,[7]],[2,[8]]]")},
-       0,
-       "destination 1 level 0 source 7\ndestination 2 level 0 source 8\n",
-       ""},
-      {{"route", "query", "--dest", "1-5", "--level", "0-1"},
-       "route",
-       {route("[[1,[7]],[4,[8]]]"), kRefusal},
-       1,
-       "destination 1 level 0 source 7\ndestination 4 level 0 source 8\n",
-       "valtor-bus: no answer tells what feeds destination 1-5 level 1; destination 2-3,5 level 0\n"
-       "  Refused by connection 102" +
-           why},
-      {{"status", "--check"},
-       "device",
-       {R"("param":{"connectionPoint":[]})"},
-       1,
-       "UNKNOWN: no connection points are listed by connection 101\n",
-       "valtor-bus: no connection points are listed by connection 101\n"},
-  };
-  for (const auto& one : cases) {
-    node.forget();
-    Texts arguments = one.arguments;
+// A command line, what comes back and out, and the kind and body of what it sends (anything if
+// empty). "I" stands for the identifier.
+const struct {
+  Texts arguments;
+  Texts answers;
+  std::string out;
+  std::string sent = {};
+  std::string err = {};
+  int exitCode = 0;
+} kExchanges[] = {
+    // What is sent, with numbers as they were written.
+    {{"set", R"({"a": 12345678901234567890})"},
+     {kDone},
+     "200 OK\n",
+     R"(SET "param":{"a":12345678901234567890}})"},
+    {{"update", "a=1", "b=x y"},
+     {R"("statusCode":201)"},
+     "201\n",
+     R"(UPDATE "param":{"a":1,"b":"x y"}})"},
+    {{"set", "-"}, {R"("x":1)"}, "RSP\n", R"(SET "param":{"from":"input"}})"},
+    {{"del", "--base", "point", "a", "b"},
+     {kDone},
+     "200 OK\n",
+     R"(DEL "objectBase":"point","objectName":["a","b"]})"},
+    {{"route", "take", "--dest", "1-2", "--level", "0,2-3", "--source", "7,8,9"},
+     {kDone},
+     "200 OK\n",
+     R"(CMD "take":[{"level":[0,2,3],"status":[[1,[7,8,9]],[2,[7,8,9]]]}],"userID":0})"},
+    {{"route", "take", "--dest", "010", "--level", "5,3", "--source", "1,2", "--user-id", "010"},
+     {kDone},
+     "200 OK\n",
+     R"(CMD "take":[{"level":[3,5],"status":[[10,[2,1]]],"userID":10}],"userID":10})"},
+    {{"route", "query", "--dest", "2,5,1", "--level", "0-1"},
+     {R"("param":{"stat":[{"level":[0,1],"status":[[1,[7]],[2,[8,9]],[5,[3]]]}]})"},
+     "destination 1 level 0 source 7\ndestination 1 level 1 source 7\n"
+     "destination 2 level 0 source 8\ndestination 2 level 1 source 9\n"
+     "destination 5 level 0 source 3\ndestination 5 level 1 source 3\n",
+     R"(CMD "stat":[{"level":[0,1],"destRange":[1,2]},{"level":[0,1],"destRange":[5,5]}],"userID":0})"},
+    // Several answers, of which some are refusals.
+    {{"get", "a", "b"},
+     {kRefusal, R"("param":{"b":[],"a":[12345678901234567890]})", R"("param":{"b":{},"a":[1.0e2]})",
+      R"("param":{"b":"\u007f\u0085","a":[]})"},
+     "{\n\t\"b\":\t\"\\u007f\\u0085\",\n\t\"a\":\t[12345678901234567890, 1.0e2]\n}\n",
+     R"(GET "param":{"objectName":["a","b"]},"objectName":["a","b"]})"},
+    {{"get", "a", "b", "c"},
+     {R"("param":{"b":7})", kRefusal},
+     "{\n\t\"b\":\t7\n}\n",
+     "",
+     "valtor-bus: no answer has a value for [\"a\",\"c\"]\n  Refused by connection 102" + kWhy,
+     1},
+    {{"set", "a=1"},
+     {kRefusal, kDone},
+     "200 OK\n",
+     "",
+     "valtor-bus: refused by connection 101" + kWhy},
+    {{"set", "a=1"},
+     {kRefusal},
+     "",
+     "",
+     "valtor-bus: SET on \"device\"" + kRefused + "1" + kWhy,
+     1},
+    {{"send", "GET", "device", "{\"n\":1}", "--answers", "2"},
+     {"\"x\":1.0", kRefusal},
+     "{\n\t\"id\":\t\"I\",\n\t\"x\":\t1.0\n}\n{\n\t\"id\":\t\"I\",\n\t\"statusCode\":\t404,\n\t"
+     "\"details\":\t{\n\t\t\"n\":\t12345678901234567890\n\t}\n}\n",
+     "",
+     "valtor-bus: answer of connection 101:\nvaltor-bus: answer of connection 102:\n"
+     "valtor-bus: GET on \"device\"" +
+         kRefused + "2" + kWhy,
+     1},
+    {{"route", "take", "--dest", "1", "--source", "2"},
+     {kDone, kRefusal, kDone},
+     "200 OK\n200 OK\n",
+     "",
+     "valtor-bus: CMD on \"route\"" + kRefused + "2" + kWhy,
+     1},
+    {{"route", "query", "--dest", "1-2"},
+     {route("[[1,[7]]]"), route("[[1,[7]],[2,[8]]]")},
+     "destination 1 level 0 source 7\ndestination 2 level 0 source 8\n"},
+    {{"route", "query", "--dest", "1-5", "--level", "0-1"},
+     {route("[[1,[7]],[4,[8]]]"), kRefusal},
+     "destination 1 level 0 source 7\ndestination 4 level 0 source 8\n",
+     "",
+     "valtor-bus: no answer tells what feeds destination 1-5 level 1; destination 2-3,5 level 0\n"
+     "  Refused by connection 102" +
+         kWhy,
+     1},
+    {{"status", "--check"},
+     {R"("param":{"connectionPoint":[]})"},
+     "UNKNOWN: no connection points are listed by connection 101\n",
+     "",
+     "valtor-bus: no connection points are listed by connection 101\n",
+     1},
+};
+
+TEST_F(AnswersTest, WhatWasAskedIsSentAndEveryParticipantIsHeard) {
+  // All at once, since most wait some time for further answers.
+  const auto nameOf = [](std::size_t row) { return "tool" + std::to_string(row); };
+  std::vector<std::unique_ptr<ChildProcess>> tools;
+  for (const auto& one : kExchanges) {
+    Texts arguments = {"--name", nameOf(tools.size())};
+    arguments.insert(arguments.end(), one.arguments.begin(), one.arguments.end());
     arguments.insert(arguments.end(), {"--timeout", "60"});
-    const auto tool = start(arguments);
-    if (one.arguments[0] == "status") {  // its second question is the one that counts
-      ASSERT_TRUE(eventually([&] { return node.passed().size() == 3; }));
-    }
-    answer(one.path, one.answers);
-    const std::string body(sent(one.path).body());
-    EXPECT_EQ(tool->wait(), one.exitCode);
-    std::string out = tool->out();
-    const std::string identifier = body.substr(7, body.find('"', 7) - 7);
-    for (std::size_t at = out.find(identifier); at != std::string::npos;
-         at = out.find(identifier)) {
-      out.replace(at, identifier.size(), "I");
-    }
-    EXPECT_EQ(out, one.out);
-    EXPECT_EQ(tool->err(), one.err);
+    tools.push_back(start(arguments, R"({"from":"input"})"));
   }
+  std::vector<PassedMessage> requests;
+  for (const auto& one : kExchanges) {
+    const std::string name = nameOf(requests.size());
+    const std::string path = one.arguments[0] == "route" ? "route" : "device";
+    if (one.arguments[0] == "status") {  // its second question is the one that counts
+      nextSent(path, name);
+    }
+    requests.push_back(answerNext(path, one.answers, name));
+  }
+  for (std::size_t row = 0; row < tools.size(); ++row) {
+    const auto& one = kExchanges[row];
+    SCOPED_TRACE(::testing::PrintToString(one.arguments));
+    EXPECT_EQ(tools[row]->wait(), one.exitCode);
+    const std::string id = identifier(requests[row]);  // {"id":"..."
+    const std::string value = id.substr(7, id.size() - 8);
+    EXPECT_EQ(std::regex_replace(tools[row]->out(), std::regex(value), "I"), one.out);
+    EXPECT_EQ(tools[row]->err(), one.err);
+    EXPECT_TRUE(one.sent.empty() || content(requests[row]) == one.sent) << content(requests[row]);
+  }
+  EXPECT_EQ(start({"send", "NOT", "device", "{\"id\":\"mine\"}", "--dest", "5"})->wait(), 0);
+  const PassedMessage sent = nextSent("device");
+  EXPECT_EQ(sent.destination, 5);
+  EXPECT_EQ(sent.body(), "{\"id\":\"mine\"}");
 }
 
-TEST_F(AnswersTest, WhatIsNoJSONOrNoNumberIsRefusedBeforeAnythingIsSent) {
+TEST_F(AnswersTest, WrongUsageIsRefusedBeforeAnythingIsSentAndAMissingNodeIsNamed) {
   const struct {
     Texts arguments;
     std::string error;
   } cases[] = {
+      {{}, "Usage: valtor-bus"},
+      {{"frob"}, "\"frob\" is no command"},
+      {{"watch", "--kind", "no"}, "no"},
+      {{"watch", "--json", "--raw"}, "--json"},
+      {{"set", "no pair"}, "\"no pair\" is neither"},
+      {{"send", "GET", "a\"b"}, "path"},
+      {{"send", "GET", std::string(250, 'a')}, "path"},
+      {{"send", "GET", "a", "[]"}, "JSON object"},
+      {{"get", "a", "--timeout", "-1"}, "\"-1\" is no number of seconds"},
+      {{"route", "take", "--dest", "2-1", "--source", "1"}, "--dest"},
+      {{"route", "take", "--dest", "1", "--level", "0-2", "--source", "1,2"}, "2 sources for 3"},
       {{"set", "-"}, "standard input is not a JSON object, line 2, column 3: Missing a name"},
       {{"update", "--file", "/dev/null"}, "/dev/null is not a JSON object: it is empty"},
       {{"set", "a={b"}, "the value of \"a\" is no JSON: line 1, column 2"},
@@ -170,57 +173,16 @@ TEST_F(AnswersTest, WhatIsNoJSONOrNoNumberIsRefusedBeforeAnythingIsSent) {
        "--level: 2 stands there twice"},
   };
   for (const auto& one : cases) {
-    const auto tool = start(one.arguments, "exec \"$@\"", "{\"a\":1,\n  =2}");
-    EXPECT_EQ(tool->wait(), 2);
+    const auto tool = start(one.arguments, "{\"a\":1,\n  =2}");
+    EXPECT_EQ(tool->wait(), 2) << ::testing::PrintToString(one.arguments);
     EXPECT_NE(tool->err().find(one.error), std::string::npos) << tool->err();
+    EXPECT_EQ(tool->out(), "");
   }
   EXPECT_TRUE(node.passed().empty());
-  EXPECT_EQ(start({"route", "take", "--dest", "010", "--level", "5,3", "--source", "1,2",
-                   "--user-id", "010", "--no-wait"})
-                ->wait(),
-            0);
-  const PassedMessage take = sent("route");
-  EXPECT_NE(take.body().find(R"("take":[{"level":[3,5],"status":[[10,[2,1]]],"userID":10}])"),
-            std::string::npos)
-      << take.body();
-}
-
-TEST_F(AnswersTest, ARecordingThatWasCutShortIsReplayedUpToThere) {
-  const TemporaryFolder folder;
-  const std::string file = folder.at("recording");
-  const auto recorder =
-      start({"record", file}, "trap '' XFSZ; ulimit -f 1; exec \"$@\"");  // in KiB
-  ASSERT_TRUE(eventually([&] { return node.countEvents("SUBSCRIBE") == 1; }));
-  const std::string body(300, 'x');
-  for (int i = 0; i < 4; ++i) {
-    node->inject(101, "NOT", "a", 0, "{\"n\":\"" + body + "\"}");
-  }
-  EXPECT_EQ(recorder->wait(), 1);
-  EXPECT_NE(recorder->err().find("recorded 2 messages"), std::string::npos) << recorder->err();
-  const std::string whole = fileContent(file);
-  ASSERT_EQ(whole.back(), '\n');
-
-  const std::string half = "{\"offset\":0,\"payl";
-  const std::string nul = R"({"offset":0,"payload":"[\"NOT\",\"b\",3,0,0]\n{\u0000}"})"
-                          "\n\n";
-  const auto countReplayed = [&] {
-    return node.countPassed([](const PassedMessage& one) { return one.kind == MessageKind::NOT; });
-  };
-  for (const std::string script : {"exec \"$@\" \"$FILE\"", "cat \"$FILE\" | \"$@\" -"}) {
-    folder.write("recording", whole + nul + half);
-    node.forget();
-    const auto replay = start({"replay", "--no-timing"}, "FILE=" + file + "; " + script);
-    EXPECT_EQ(replay->wait(), 0);
-    EXPECT_NE(replay->err().find("is unfinished and was left out"), std::string::npos);
-    EXPECT_EQ(countReplayed(), 3U);
-  }
-  RecordingReader reader(file);
-  ASSERT_TRUE(reader.next() && reader.next());
-  EXPECT_EQ(reader.next()->payload, std::string("[\"NOT\",\"b\",3,0,0]\n{") + '\0' + "}");
-  node.forget();
-  folder.write("recording", whole + half + "\n" + nul);
-  EXPECT_EQ(start({"replay", file})->wait(), 1);
-  EXPECT_EQ(countReplayed(), 0U);
+  node->stopListening();
+  const auto alone = start({"watch"});
+  EXPECT_EQ(alone->wait(), 1);
+  EXPECT_NE(alone->err().find(": Connection refused\n  Is a message node"), std::string::npos);
 }
 
 }  // namespace

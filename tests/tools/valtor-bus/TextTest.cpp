@@ -35,24 +35,29 @@ TEST(JSONTextTest, NumbersKeepTheirSpellingAndWhatIsBrokenIsSeen) {
 }
 
 TEST(RecordingTest, EveryByteSurvivesAndWhatIsNoMessageIsRefusedWithItsLine) {
-  std::string bytes(255, '\0');
-  std::iota(bytes.begin(), bytes.end(), '\1');
+  std::string payloads[] = {std::string(256, '\0'), std::string("text\0more", 9)};
+  std::iota(payloads[0].begin(), payloads[0].end(), '\0');
   const TemporaryFolder folder;
   const std::string path = folder.at("file");
-  RecordingWriter(path, RecordingWriter::Existing::Keep).add({std::chrono::hours(100), bytes});
+  RecordingWriter writer(path, RecordingWriter::Existing::Keep);
+  for (const std::string& payload : payloads) {
+    writer.add({std::chrono::hours(100), payload});
+  }
   const std::string good = fileContent(path);
   for (const char* wrong : {"{}", "x", "{\"offset\":1}", "{\"offset\":-1,\"payload\":\"a\"}",
                             "{\"offset\":1,\"hex\":\"4\"}", "{\"offset\":1,\"hex\":\"4g\"}"}) {
     RecordingReader reader(folder.write("file", good + wrong));
-    const auto first = reader.next();
-    ASSERT_TRUE(first);
-    EXPECT_EQ(first->payload, bytes);
-    EXPECT_EQ(first->offset, std::chrono::hours(100));
+    for (const std::string& payload : payloads) {
+      const auto read = reader.next();
+      ASSERT_TRUE(read);
+      EXPECT_EQ(read->payload, payload);
+      EXPECT_EQ(read->offset, std::chrono::hours(100));
+    }
     try {
       reader.next();
       ADD_FAILURE() << wrong;
     } catch (const CommandFailure& failure) {
-      EXPECT_EQ(failure.what(), path + ", line 3, is no recorded message");
+      EXPECT_EQ(failure.what(), path + ", line 4, is no recorded message");
     }
   }
   EXPECT_THROW(RecordingReader(folder.write("other", "{\"offset\":0}\n")), CommandFailure);
