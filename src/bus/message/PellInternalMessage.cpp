@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/JSONValues.h"
 #include "bus/message/MessageIdentifier.h"
 
 namespace valtor {
@@ -22,13 +23,21 @@ JSONPtr makeNull() {
   return item;
 }
 
-JSONPtr parseText(const char* text) {
-  if (text == nullptr) {
+JSONPtr parseText(const char* begin) {
+  if (begin == nullptr) {
     return makeNull();
   }
-  JSONPtr tree(cJSON_Parse(text));
+  const std::string_view text = begin;
+  if (holdsMoreValues(text, PellInternalMessage::kMostValues)) {
+    syslog(LOG_WARNING,
+           "PellInternalMessage body of %zu bytes is not looked into, it holds more than %zu "
+           "values\n",
+           text.size(), PellInternalMessage::kMostValues);
+    return makeNull();
+  }
+  JSONPtr tree(cJSON_ParseWithLength(begin, text.size() + 1));
   if (!tree) {
-    syslog(LOG_INFO, "PellInternalMessage data decode error:%s\n", quotedForLog(text).c_str());
+    syslog(LOG_INFO, "PellInternalMessage data decode error:%s\n", quotedForLog(begin).c_str());
     return makeNull();
   }
   return tree;

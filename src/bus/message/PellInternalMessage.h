@@ -62,6 +62,10 @@ class PellInternalMessage {
   std::string getPath() const { return header.path; }
   int32_t getDestConnID() const { return header.destConnID; }
 
+  // A received body is not parsed when its tree would hold more values than this, names of members
+  // counted: one frame of small values would take a gigabyte. It reads as one that does not parse.
+  static constexpr std::size_t kMostValues = 2'000'000;
+
   // The message's own body tree, parsed from the received text on first use and kept; from then on
   // encode() renders it. A JSON null when there is no text or it does not parse. Never null. The
   // tree belongs to the message.
@@ -87,7 +91,8 @@ class PellInternalMessage {
   // The payload as it was received, up to its first NUL: what a node hands on. "" where
   // receivedLine() is null.
   std::string receivedText() const {
-    return bodyText_ != nullptr ? std::string(receivedLine()) + '\n' + bodyText_ : std::string();
+    return bodyText_ != nullptr ? std::string(receivedLine()).append("\n").append(bodyText_)
+                                : std::string();
   }
 
   // The message identifier: the "id" of the body, "" when there is none.

@@ -104,6 +104,25 @@ TEST(PellInternalMessage, BodyThatIsNoJsonReadsAsNullAndStillCrosses) {
   }
 }
 
+TEST(PellInternalMessage, BodyOfMoreThanTwoMillionValuesIsNotParsed) {
+  const test::LogCapture log;
+  std::string body = "[1";
+  while (body.size() < 3'999'998) {
+    body += ",1";
+  }
+  const std::string line = "[\"GET\", \"a\", 1, 2, 0]\n";
+  EXPECT_EQ(cJSON_GetArraySize(received(line + body + "]").viewBody()), 1'999'999);
+  EXPECT_TRUE(log.lines().empty());
+  PellInternalMessage message = received(line + body + ",1]");
+  EXPECT_TRUE(cJSON_IsNull(message.viewBody()) && cJSON_IsNull(message.parseBody().get()));
+  EXPECT_TRUE(message.encode() == line + body + ",1]");
+  EXPECT_TRUE(cJSON_IsNull(message.getBody()));
+  EXPECT_EQ(log.count(LOG_WARNING,
+                      "PellInternalMessage body of 4000001 bytes is not looked into, it holds more "
+                      "than 2000000 values\n"),
+            2);
+}
+
 TEST(PellInternalMessage, HeaderLineIsCutAt255CharactersWithAWarning) {
   const test::LogCapture log;
   for (const std::size_t length : {234U, 235U}) {  // the line has 21 characters more
