@@ -8,7 +8,7 @@ namespace valtor::bench {
 // What was measured, and what went wrong. Figures of one name from several runs stand side by side.
 class Results {
  public:
-  // Units: "s", "bytes", "/s", "" for a count.
+  // Units: "s", "bytes", "/s", "" for a count or a share in percent.
   void record(const std::string& name, double value, const std::string& unit);
   // Something that must not happen: said at once, and the program will not end with success.
   void fail(const std::string& text);

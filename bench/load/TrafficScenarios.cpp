@@ -82,8 +82,12 @@ void measureRate(const Run& run, EventLoop& loop, Bridge& bridge,
   const int64_t start = nowNs();
   loop.runFor(run.seconds(5, 1));
   const auto count = static_cast<double>(arrived() - before);
-  run.record(name + "/rate", count / (static_cast<double>(nowNs() - start) / 1e9), "/s");
-  run.record(name + "/cpu", (bridge.daemon->cpuSeconds() - cpu) / count, "s");
+  const double seconds = static_cast<double>(nowNs() - start) / 1e9;
+  const double cpuUsed = bridge.daemon->cpuSeconds() - cpu;
+  run.record(name + "/rate", count / seconds, "/s");
+  run.record(name + "/each", count / seconds / static_cast<double>(bridge.routers().size()), "/s");
+  run.record(name + "/cpu", cpuUsed / count, "s");
+  run.record(name + "/load", 100 * cpuUsed / seconds, "");  // percent of one core
   for (const auto& flow : flows) {
     flow->stop();
   }

@@ -39,7 +39,7 @@ void neverReads(const Run& run) {
   loop.runFor(time);
   loop.cancel(asking);
   const double seconds = std::chrono::duration<double>(time).count();
-  run.record("neverReads/cpu", (bridge.daemon->cpuSeconds() - cpu) / seconds, "s");
+  run.record("neverReads/load", 100 * (bridge.daemon->cpuSeconds() - cpu) / seconds, "");
   run.record("neverReads/memory", bridge.daemon->residentBytes(), "bytes");
   recordHealthy(run, loop, flow, seconds, "neverReads");
   stalled.resumeReading();

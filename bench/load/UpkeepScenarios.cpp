@@ -21,7 +21,7 @@ void idle(const Run& run) {
     const std::string name = "idle/" + std::to_string(routers);
     run.record(name + "/wakeups", static_cast<double>(bridge.daemon->wakeUps() - wakeUps) / seconds,
                "/s");
-    run.record(name + "/cpu", (bridge.daemon->cpuSeconds() - cpu) / seconds, "s");
+    run.record(name + "/load", 100 * (bridge.daemon->cpuSeconds() - cpu) / seconds, "");
     run.record(name + "/memory", bridge.daemon->residentBytes(), "bytes");
     for (const Node* router : bridge.routers()) {
       if (router->links() != 1) {

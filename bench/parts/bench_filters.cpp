@@ -1,0 +1,74 @@
+// The rules of the bridge, and the one that looks for a body's "id".
+
+#include <benchmark/benchmark.h>
+#include <memory>
+#include <string>
+
+#include "parts/AllocationCount.h"
+#include "peers/DatabaseIdHandler.h"
+#include "peers/ForwardingFilters.h"
+
+namespace {
+
+using namespace valtor;
+using bench::AllocationCount;
+
+PellInternalMessage received(const std::string& payload) {
+  auto buffer = std::make_unique<char[]>(payload.size() + 1);
+  payload.copy(buffer.get(), payload.size());
+  return PellInternalMessage(std::move(buffer));
+}
+
+const char* const kCommand = "[\"CMD\", \"route\", 490, 0, 0]\n{\"id\":\"1@2.aa\",\"take\":[]}";
+
+void BM_FilterToRouter(benchmark::State& state) {
+  const PellInternalMessage message = received(kCommand);
+  const AllocationCount count(state);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(routerMasterToPeer(message, "aa"));
+  }
+}
+BENCHMARK(BM_FilterToRouter);
+
+void BM_FilterFromRouter(benchmark::State& state) {
+  const PellInternalMessage message = received(kCommand);
+  const AllocationCount count(state);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(routerPeerToMaster(message));
+  }
+}
+BENCHMARK(BM_FilterFromRouter);
+
+// The most costly test: it looks into the body, which is parsed for it once a message.
+void BM_FilterThatParses(benchmark::State& state) {
+  const std::string payload =
+      "[\"GET\", \"device\", 490, 0, 0]\n{\"id\":\"1@2.aa\",\"objectName\":[\"connectionPoint\"]}";
+  const AllocationCount count(state);
+  for (auto _ : state) {
+    const PellInternalMessage message = received(payload);
+    benchmark::DoNotOptimize(routerMasterToPeer(message, "aa"));
+  }
+}
+BENCHMARK(BM_FilterThatParses);
+
+// A database answer of 1 MiB whose "id" stands first, or last.
+void BM_BodyId(benchmark::State& state) {
+  std::string sources = "\"param\":{\"logicalSources\":[";
+  for (int i = 0; sources.size() < std::size_t{1024} * 1024; ++i) {
+    sources += (i > 0 ? ",{\"id\":" : "{\"id\":") + std::to_string(i) + ",\"name\":\"Camera\"}";
+  }
+  sources += "]}";
+  const std::string id = "\"id\":\"12@25226.0011a2b3c4d5\"";
+  const std::string body =
+      "{" + (state.range(0) == 0 ? id + "," + sources : sources + "," + id) + "}";
+  const AllocationCount count(state);
+  for (auto _ : state) {
+    if (DatabaseIdHandler::findId(body.c_str()).empty()) {
+      state.SkipWithError("no id");
+      break;
+    }
+  }
+}
+BENCHMARK(BM_BodyId)->ArgName("last")->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
