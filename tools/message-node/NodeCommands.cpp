@@ -1,9 +1,9 @@
 #include "message-node/NodeCommands.h"
 
-#include <charconv>
 #include <sstream>
 
 #include "message-node/NodeTrace.h"
+#include "support/WholeNumber.h"
 
 namespace valtor {
 
@@ -20,12 +20,6 @@ const char* const kNodeCommandHelp =
 
 namespace {
 
-bool toInteger(const std::string& text, int32_t& value) {
-  const char* end = text.data() + text.size();
-  const auto [stop, error] = std::from_chars(text.data(), end, value);
-  return error == std::errc() && stop == end;
-}
-
 std::string restOf(std::istringstream& input) {
   std::string rest;
   input >> std::ws;
@@ -39,13 +33,13 @@ std::string sendMessage(MessageNode& node, std::istringstream& input) {
   std::string path;
   std::string destination;
   input >> source >> kind >> path >> destination;
-  int32_t sourceID = 0;
-  int32_t destinationID = 0;
-  if (!toInteger(source, sourceID) || !toInteger(destination, destinationID)) {
+  const auto sourceID = wholeNumber<int32_t>(source);
+  const auto destinationID = wholeNumber<int32_t>(destination);
+  if (!sourceID || !destinationID) {
     return "ERROR send needs SRC KIND PATH DEST BODY, SRC and DEST numbers\n";
   }
   const bool sent =
-      node.inject(sourceID, kind, path == "\"\"" ? "" : path, destinationID, restOf(input));
+      node.inject(*sourceID, kind, path == "\"\"" ? "" : path, *destinationID, restOf(input));
   return sent ? "" : "ERROR send: no such kind, or a header that no reader accepts\n";
 }
 

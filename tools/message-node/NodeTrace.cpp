@@ -2,24 +2,17 @@
 
 #include <string_view>
 
+#include "support/PrintableText.h"
+
 namespace valtor {
 
 namespace {
 
-bool isControl(char byte) { return static_cast<unsigned char>(byte) < 0x20 || byte == 0x7f; }
-
-std::string printable(std::string_view text) {
-  std::string result(text);
-  for (char& byte : result) {
-    byte = isControl(byte) ? ' ' : byte;
-  }
-  return result;
-}
-
 std::string printableName(std::string_view name) {
   std::string result(name);
   for (char& byte : result) {
-    byte = isControl(byte) || byte == ' ' || byte == ',' ? '_' : byte;
+    byte =
+        isControl(static_cast<unsigned char>(byte), 0) || byte == ' ' || byte == ',' ? '_' : byte;
   }
   return result;
 }

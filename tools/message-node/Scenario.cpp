@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 #include <utility>
 
 #include "message-node/CannedAnswers.h"
 #include "message-node/JSONChecks.h"
 #include "message-node/NodeTrace.h"
+#include "support/HexText.h"
 
 namespace valtor {
 
@@ -119,19 +121,6 @@ Action listenAction(const cJSON* member) {
   };
 }
 
-std::string bytesOfHex(const cJSON* member) {
-  const std::string digits = textOf(member);
-  if (digits.size() % 2 != 0 ||
-      digits.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
-    refuse(quoted(member->string) + " is not pairs of hexadecimal digits");
-  }
-  std::string bytes;
-  for (std::size_t at = 0; at < digits.size(); at += 2) {
-    bytes += static_cast<char>(std::stoi(digits.substr(at, 2), nullptr, 16));
-  }
-  return bytes;
-}
-
 Action rawAction(const cJSON* member) {
   expectObject(member, {"to", "bytes", "hex"});
   const std::string name = filledTextOf(memberOf(member, "to"));
@@ -139,9 +128,13 @@ Action rawAction(const cJSON* member) {
   if (hex != nullptr && cJSON_GetObjectItem(member, "bytes") != nullptr) {
     refuse("\"raw\" has both \"bytes\" and \"hex\"");
   }
-  const std::string bytes = hex != nullptr ? bytesOfHex(hex) : textOf(memberOf(member, "bytes"));
+  const std::optional<std::string> bytes =
+      hex != nullptr ? bytesOfHex(textOf(hex)) : textOf(memberOf(member, "bytes"));
+  if (!bytes) {
+    refuse("\"hex\" is not pairs of hexadecimal digits");
+  }
   return [=](MessageNode& node, const PassedMessage&) {
-    return nobodyUnless(node.writeRaw(name, bytes), name);
+    return nobodyUnless(node.writeRaw(name, *bytes), name);
   };
 }
 

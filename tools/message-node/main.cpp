@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <fcntl.h>
 #include <iostream>
 #include <memory>
 #include <poll.h>
@@ -16,12 +17,14 @@
 
 #include "app/util/Console.h"
 #include "app/util/Files.h"
+#include "app/util/StandardDescriptors.h"
 #include "message-node/CannedAnswers.h"
 #include "message-node/MessageNode.h"
 #include "message-node/NodeCommands.h"
 #include "message-node/NodeTrace.h"
 #include "message-node/Scenario.h"
 #include "support/LogSink.h"
+#include "support/PrintableText.h"
 
 namespace {
 
@@ -178,13 +181,14 @@ int serve(Settings settings) {
 void takeLogLine(int priority, const std::string& text) {
   if (LOG_PRI(priority) <= LOG_INFO) {
     std::fprintf(stderr, "valtor-node: %s\n",
-                 text.substr(0, text.find_last_not_of('\n') + 1).c_str());
+                 valtor::printable(valtor::withoutLineFeeds(text)).c_str());
   }
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+  valtor::occupyStandardDescriptors(O_RDONLY | O_CLOEXEC);
   valtor::initConsole();
   std::signal(SIGPIPE, SIG_IGN);
   // In the background of a terminal it goes without commands, instead of being stopped.

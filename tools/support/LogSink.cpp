@@ -46,4 +46,8 @@ namespace valtor {
 
 void setLogSink(LogSink sink) { currentSink = sink; }
 
+std::string withoutLineFeeds(const std::string& text) {
+  return text.substr(0, text.find_last_not_of('\n') + 1);
+}
+
 }  // namespace valtor

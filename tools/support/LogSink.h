@@ -15,4 +15,7 @@ using LogSink = void (*)(int priority, const std::string& text);
 // Before other threads start.
 void setLogSink(LogSink sink);
 
+// The text without the line feeds at its end, for a line of one's own.
+std::string withoutLineFeeds(const std::string& text);
+
 }  // namespace valtor

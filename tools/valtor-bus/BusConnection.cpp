@@ -11,6 +11,7 @@
 #include <asio.hpp>
 
 #include "bus/message/PellInternalStreamParser.h"
+#include "support/PrintableText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
 #include "valtor-bus/Output.h"

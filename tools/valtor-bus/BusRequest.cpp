@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "app/util/OwnedJSON.h"
+#include "support/PrintableText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
 

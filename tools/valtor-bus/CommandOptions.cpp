@@ -4,7 +4,6 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <cmath>
 #include <fcntl.h>
@@ -18,6 +17,8 @@
 #include <CLI/CLI.hpp>
 
 #include "app/util/ErrnoText.h"
+#include "support/PrintableText.h"
+#include "support/WholeNumber.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/JSONText.h"
@@ -31,14 +32,12 @@ namespace {
 template <class Number>
 CLI::Validator numberCheck(const std::string& name, Number first, Number last) {
   const auto check = [=](std::string& text) -> std::string {
-    Number number{};
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (result.ec != std::errc() || result.ptr != text.data() + text.size() ||
-        !(number >= first && number <= last)) {
+    const auto number = wholeNumber<Number>(text);
+    if (!number || !(*number >= first && *number <= last)) {
       return "\"" + excerpt(text) + "\" is no " + name;
     }
     if constexpr (std::is_integral_v<Number>) {
-      text = std::to_string(number);
+      text = std::to_string(*number);
     }
     return "";
   };

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "app/util/OwnedJSON.h"
+#include "support/PrintableText.h"
 #include "valtor-bus/BusRequest.h"
 #include "valtor-bus/JSONText.h"
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <utility>
 
+#include "support/PrintableText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
 

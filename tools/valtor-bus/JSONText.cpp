@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <rapidjson/error/en.h>
-#include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <strings.h>
+
+#include "support/PrintableText.h"
 
 namespace valtor {
 namespace {
@@ -69,11 +70,6 @@ std::size_t endOfValue(const std::string& json, std::size_t at) {
     at = byte == '"' ? endOfString(json, at) : at + 1;
   }
   return at;
-}
-
-// U+0080 to U+009F are control characters too.
-bool isControl(unsigned char byte, unsigned char before) {
-  return byte < 0x20 || byte == 0x7f || (before == 0xc2 && byte < 0xa0);
 }
 
 }  // namespace
@@ -182,41 +178,12 @@ std::string escapedControls(const std::string& json) {
   return result;
 }
 
-std::string withoutBrokenUtf8(std::string_view text) {
-  std::string result;
-  result.reserve(text.size());
-  rapidjson::MemoryStream input(text.data(), text.size());
-  rapidjson::StringBuffer character;
-  while (input.Tell() < text.size()) {
-    character.Clear();
-    if (Utf8::Validate(input, character)) {
-      result.append(character.GetString(), character.GetSize());
-    } else {
-      result += "\xEF\xBF\xBD";
-    }
-  }
-  return result;
-}
-
 std::string quotedJSON(std::string_view text) {
   const std::string clean = withoutBrokenUtf8(text);
   rapidjson::StringBuffer buffer;
   rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
   writer.String(clean.data(), static_cast<rapidjson::SizeType>(clean.size()));
   return {buffer.GetString(), buffer.GetSize()};
-}
-
-std::string printable(std::string_view text) {
-  std::string result = withoutBrokenUtf8(text);
-  unsigned char before = 0;
-  for (char& byte : result) {
-    const auto value = static_cast<unsigned char>(byte);
-    if (isControl(value, before)) {
-      byte = value < 0x80 ? ' ' : '\xa0';  // the latter a blank that does not break
-    }
-    before = value;
-  }
-  return result;
 }
 
 std::string excerpt(const std::string& text) {

@@ -36,14 +36,8 @@ std::string formattedJSON(const std::string& compact);
 // are escaped.
 std::string escapedControls(const std::string& json);
 
-// The text with each byte that belongs to no UTF-8 character replaced by U+FFFD.
-std::string withoutBrokenUtf8(std::string_view text);
-
 // A JSON string, with its quotes.
 std::string quotedJSON(std::string_view text);
-
-// For one line of a terminal: valid UTF-8, and blanks for whatever would move the cursor or worse.
-std::string printable(std::string_view text);
 
 // The beginning of a text in an error: printable, cut where it is long.
 std::string excerpt(const std::string& text);

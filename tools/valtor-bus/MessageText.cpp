@@ -6,6 +6,7 @@
 #include <ctime>
 
 #include "app/util/OwnedJSON.h"
+#include "support/PrintableText.h"
 #include "valtor-bus/JSONText.h"
 
 namespace valtor {

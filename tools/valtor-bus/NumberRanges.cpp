@@ -1,9 +1,9 @@
 #include "valtor-bus/NumberRanges.h"
 
 #include <algorithm>
-#include <charconv>
 #include <string_view>
 
+#include "support/WholeNumber.h"
 #include "valtor-bus/CommandFailure.h"
 
 namespace valtor {
@@ -17,9 +17,9 @@ namespace {
 
 // False unless the whole text is one number from 0 up.
 bool readNumber(std::string_view text, int32_t& number) {
-  const char* end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, number);
-  return result.ec == std::errc() && result.ptr == end && number >= 0;
+  const auto read = wholeNumber<int32_t>(text);
+  number = read.value_or(0);
+  return read && number >= 0;
 }
 
 }  // namespace

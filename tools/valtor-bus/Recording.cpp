@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cerrno>
-#include <charconv>
 #include <cinttypes>
 #include <cmath>
 #include <filesystem>
@@ -10,6 +9,8 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
+#include "support/HexText.h"
+#include "support/PrintableText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
 #include "valtor-bus/MessageText.h"
@@ -20,30 +21,6 @@ namespace {
 constexpr const char* kFormatKey = "valtorRecording";
 constexpr double kMicroseconds = 1e6;
 constexpr double kLongestOffset = 1e9;  // seconds
-
-std::string hexText(const std::string& bytes) {
-  constexpr const char* kDigits = "0123456789abcdef";
-  std::string text;
-  for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    text += kDigits[value >> 4U];
-    text += kDigits[value & 0xfU];
-  }
-  return text;
-}
-
-std::optional<std::string> bytesOfHex(const std::string& text) {
-  std::string bytes;
-  for (std::size_t at = 0; at < text.size(); at += 2) {
-    unsigned value = 0;
-    const char* end = text.data() + std::min(at + 2, text.size());
-    if (std::from_chars(text.data() + at, end, value, 16).ptr != text.data() + at + 2) {
-      return std::nullopt;
-    }
-    bytes += static_cast<char>(value);
-  }
-  return bytes;
-}
 
 std::optional<std::string> payloadOfLine(const std::string& line) {
   // Not from a tree: its strings end at a "\u0000".

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <set>
 
+#include "support/PrintableText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/Exchange.h"

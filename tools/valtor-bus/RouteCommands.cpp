@@ -6,6 +6,7 @@
 
 #include "app/util/OwnedJSON.h"
 #include "router/RouteOperation.h"
+#include "support/PrintableText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/Exchange.h"

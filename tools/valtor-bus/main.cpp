@@ -12,7 +12,9 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/Immortal.h"
+#include "app/util/StandardDescriptors.h"
 #include "support/LogSink.h"
+#include "support/PrintableText.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/CommandOptions.h"
 #include "valtor-bus/JSONText.h"
@@ -39,20 +41,10 @@ int fail(ExitCode code, const std::string& text, const std::string& hint) {
   return static_cast<int>(code);
 }
 
-// Started without the standard streams, a socket would get their numbers. Read-only, so that
-// writing to one still fails.
-void occupyStandardDescriptors() {
-  int descriptor = 0;
-  do {
-    descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-  close(descriptor);
-}
-
 // What the stream parser says about broken frames is for the person.
 void takeLogLine(int priority, const std::string& text) {
   if (LOG_PRI(priority) <= LOG_WARNING) {
-    valtor::say(valtor::printable(text.substr(0, text.find_last_not_of('\n') + 1)));
+    valtor::say(valtor::printable(valtor::withoutLineFeeds(text)));
   }
 }
 
@@ -92,7 +84,8 @@ int answer(const CLI::App& app, const CLI::ParseError& error) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  occupyStandardDescriptors();
+  // Read-only, so that writing to one still fails.
+  valtor::occupyStandardDescriptors(O_RDONLY | O_CLOEXEC);
   valtor::setLogSink(takeLogLine);
   try {
     valtor::Request request;

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "support/PrintableText.h"
 #include "support/TemporaryFolder.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
