@@ -19,6 +19,15 @@ Flow::~Flow() {
   for (std::size_t i = 0; i < to_.size(); ++i) {
     to_[i]->forgetCheck(*checks_[i]);
   }
+  for (const auto& [node, check] : observed_) {
+    node->forgetCheck(*check);
+  }
+}
+
+NumberedCheck& Flow::observe(Node& node) {
+  observed_.emplace_back(&node, std::make_unique<NumberedCheck>(stream_));
+  node.registerCheck(*observed_.back().second);
+  return *observed_.back().second;
 }
 
 void Flow::send(uint64_t count) {

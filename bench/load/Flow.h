@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "load/EventLoop.h"
@@ -35,6 +36,9 @@ class Flow {
   Samples delays() const;
   void forgetDelays();
 
+  // Checks what arrives at one more node, which need not get everything and delays nobody.
+  NumberedCheck& observe(Node& node);
+
   // In the order of the receivers.
   NumberedCheck& check(std::size_t receiver) { return *checks_[receiver]; }
   std::size_t receivers() const { return checks_.size(); }
@@ -49,6 +53,7 @@ class Flow {
   std::vector<Node*> to_;
   NumberedStream stream_;
   std::vector<std::unique_ptr<NumberedCheck>> checks_;
+  std::vector<std::pair<Node*, std::unique_ptr<NumberedCheck>>> observed_;
   EventLoop::TimerId timer_ = 0;
 };
 

@@ -106,6 +106,9 @@ void Node::resumeReading() {
 
 void Node::readSlowly(std::size_t bytesPerSecond) {
   pauseReading();
+  if (bytesPerSecond == 0) {
+    return;
+  }
   slowReader_ = loop_.every(std::chrono::milliseconds(10), [this, bytesPerSecond] {
     if (link_.valid()) {
       readSome(bytesPerSecond / 100);

@@ -27,6 +27,7 @@ void neverReads(const Run& run) {
   std::vector<Node*> routers = bridge.routers();
   Node& stalled = *routers[0];
   Flow flow(loop, bridge.controller, {routers[1], routers[2]}, {"CMD", "route", 490, 16 * 1024});
+  const NumberedCheck& atStalled = flow.observe(stalled);
   flow.pace(kRate);
   loop.runFor(std::chrono::milliseconds(500));
   stalled.pauseReading();
@@ -44,6 +45,7 @@ void neverReads(const Run& run) {
   recordHealthy(run, loop, flow, seconds, "neverReads");
   stalled.resumeReading();
   expectWhole(run, loop, flow, "neverReads");
+  expectInOrder(run, atStalled, "neverReads, the stalled one");
   if (!bridge.allAnswered(std::chrono::seconds(60))) {
     run.results.fail("neverReads: " + std::to_string(bridge.unanswered()) + " GETs unanswered");
   }
@@ -102,13 +104,13 @@ void starved(const Run& run) {
   measureBurst(run, 3, run.pick(20'000U, 3'000U), "starved/3");
 }
 
-// More than a slow router takes, until the daemon has stopped reading; then the controller's node
+// More than one router takes, which reads this many bytes a second, then the controller's node
 // hangs up. Meanwhile the other router sends commands.
-void cut(const Run& run) {
+void measureCut(const Run& run, std::size_t readingRate, const std::string& name) {
   EventLoop loop;
   Bridge bridge(loop, 2);
   std::vector<Node*> routers = bridge.routers();
-  routers[0]->readSlowly(500'000);
+  routers[0]->readSlowly(readingRate);
   Flow down(loop, bridge.controller, routers, {"CMD", "route", 490, 64 * 1024});
   Flow up(loop, *routers[1], {&bridge.controller}, {"CMD", "route", 100, 300});
   down.flood(4 * 1024 * 1024);
@@ -119,18 +121,21 @@ void cut(const Run& run) {
   bridge.controller.hangUp();
   const int64_t start = nowNs();
   if (!loop.runUntil([&] { return bridge.controller.isReady(); }, std::chrono::seconds(120))) {
-    run.results.fail("cut: not connected again after 120 s");
+    run.results.fail(name + ": not connected again after 120 s");
   }
-  run.record("cut/back", static_cast<double>(nowNs() - start) / 1e9, "s");
+  run.record(name + "/back", static_cast<double>(nowNs() - start) / 1e9, "s");
   loop.runFor(std::chrono::seconds(2));
   up.stop();
   loop.runUntil([&] { return up.allArrived(); }, std::chrono::seconds(1));
-  run.record("cut/lostCommands", static_cast<double>(up.sent() - up.arrived()), "");
+  run.record(name + "/lostCommands", static_cast<double>(up.sent() - up.arrived()), "");
   for (NumberedCheck* check : {&down.check(0), &down.check(1), &up.check(0)}) {
-    expectInOrder(run, *check, "cut");
+    expectInOrder(run, *check, name);
   }
-  expectAlive(run, bridge, "cut");
+  expectAlive(run, bridge, name);
 }
+
+void cut(const Run& run) { measureCut(run, 500'000, "cut/slow"); }
+void cutStalled(const Run& run) { measureCut(run, 0, "cut/stalled"); }
 
 void standby(const Run& run) {
   EventLoop loop;
@@ -160,7 +165,8 @@ const std::vector<Scenario>& troubleScenarios() {
       {"pauses", "one of 2 routers pauses 7 s, 300 B at 460/s", pauses},
       {"burst", "20,000 messages at once to one router", burst},
       {"starved", "20,000 at once to 3 routers, all on one CPU with a busy loop", starved},
-      {"cut", "the controller's link is cut behind a backlog", cut},
+      {"cut", "the controller's link is cut behind a router that reads 500 kB/s", cut},
+      {"cutStalled", "the same behind one that reads nothing", cutStalled},
       {"standby", "a standby while a router is stalled", standby},
   };
   return scenarios;
