@@ -3,34 +3,23 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <mutex>
 #include <stdexcept>
 #include <syslog.h>
 #include <utility>
 
 #include "app/util/ErrnoText.h"
 #include "app/util/Files.h"
+#include "app/util/LineBudget.h"
 #include "app/util/Paths.h"
-#include "connections/IncomingClientDirectory.h"
 
 namespace valtor {
-
-namespace {
-
-void prepareIncomingClientDirectoryOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { prepareIncomingClientDirectory(paths().incomingClientDirectory); });
-}
-
-}  // namespace
 
 AbstractConnectionPointManager::AbstractConnectionPointManager(const std::string& name,
                                                                std::string type)
     : AbstractJSONTopLevelContainer(name + "ConnectionPointMgr", &paths().containerDirectory),
       name_(name),
-      type_(std::move(type)) {
-  prepareIncomingClientDirectoryOnce();
-}
+      type_(std::move(type)),
+      incomingClientFile_(name, type_) {}
 
 AbstractConnectionPointManager::~AbstractConnectionPointManager() { stopCleanupThread(); }
 
@@ -68,12 +57,11 @@ JSONPtr AbstractConnectionPointManager::toJSON() const {
 
 JSONPtr AbstractConnectionPointManager::renderSet(bool servers) const {
   JSONPtr array(cJSON_CreateArray());
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    if (entry.second->isServerConnectionPoint() == servers) {
-      addElement(array.get(), entry.second->toJSON());
+  set_.forEach([&array, servers](const ConnectionPoint& connectionPoint) {
+    if (connectionPoint.isServerConnectionPoint() == servers) {
+      addElement(array.get(), connectionPoint.toJSON());
     }
-  }
+  });
   return array;
 }
 
@@ -88,29 +76,15 @@ JSONPtr AbstractConnectionPointManager::getClientConnectionPointsJSON() const {
 
 JSONPtr AbstractConnectionPointManager::getDeviceConnectionsJSON(bool gone) const {
   JSONPtr array(cJSON_CreateArray());
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    entry.second->addDeviceConnectionsTo(array.get(), gone);
-  }
+  set_.forEach([&array, gone](const ConnectionPoint& connectionPoint) {
+    connectionPoint.addDeviceConnectionsTo(array.get(), gone);
+  });
   return array;
 }
 
 std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::findConnectionPoint(
     const std::string& uniqueID) const {
-  const Locked lock(lock_);
-  const auto found = connectionPoints_.find(uniqueID);
-  return found != connectionPoints_.end() ? found->second : nullptr;
-}
-
-unsigned AbstractConnectionPointManager::countConnectedServerConnectionPoints() const {
-  unsigned count = 0;
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    if (entry.second->isConnected() && entry.second->isServerConnectionPoint()) {
-      ++count;
-    }
-  }
-  return count;
+  return set_.find(uniqueID);
 }
 
 // --- Adding and merging --------------------------------------------------------------------------
@@ -122,36 +96,39 @@ std::unique_ptr<ConnectionPoint> AbstractConnectionPointManager::createConnectio
 
 void AbstractConnectionPointManager::addConnectionPoint(
     std::unique_ptr<ConnectionPoint> connectionPoint) {
-  add(std::move(connectionPoint));
-  writeIncomingClientConnections(false);
+  Additions additions;
+  add(std::move(connectionPoint), additions);
+  finish(additions);
 }
 
-void AbstractConnectionPointManager::add(std::unique_ptr<ConnectionPoint> connectionPoint) {
-  if (isTypeSupported(connectionPoint->getType())) {
-    if (countConnectedServerConnectionPoints() < maxConnectionPoints_) {
-      store(std::move(connectionPoint));
-    } else {
-      refuse(std::move(connectionPoint));
-    }
-  }
-}
-
-void AbstractConnectionPointManager::store(
-    const std::shared_ptr<ConnectionPoint>& connectionPoint) {
-  const std::string uniqueID = connectionPoint->getUniqueID();
-  std::shared_ptr<ConnectionPoint> replaced;
-  bool stored = false;
-  {
-    const Locked lock(lock_);
-    stored = connectionPoints_.size() < kMaxStored || connectionPoints_.count(uniqueID) > 0;
-    if (stored) {
-      replaced = std::exchange(connectionPoints_[uniqueID], connectionPoint);
-    }
-  }
-  if (!stored) {
-    syslog(LOG_WARNING, "ConnectionPoint %s refused, %zu are stored already.\n",
-           nameForLog(uniqueID).c_str(), kMaxStored);
+void AbstractConnectionPointManager::add(std::unique_ptr<ConnectionPoint> connectionPoint,
+                                         Additions& additions) {
+  additions.any = true;
+  if (!isTypeSupported(connectionPoint->getType())) {
     return;
+  }
+  if (set_.connectedServers() >= ConnectionPointSet::kMaxConnectedServers) {
+    refuse(std::move(connectionPoint));
+  } else if (!store(std::move(connectionPoint))) {
+    ++additions.withoutRoom;
+  }
+}
+
+void AbstractConnectionPointManager::finish(const Additions& additions) {
+  if (additions.withoutRoom > 0) {
+    syslog(LOG_WARNING, "%zu ConnectionPoints refused, there is room for %zu.\n",
+           additions.withoutRoom, ConnectionPointSet::kMaxStored);
+  }
+  if (additions.any) {
+    writeIncomingClientConnections(false);
+  }
+}
+
+bool AbstractConnectionPointManager::store(
+    const std::shared_ptr<ConnectionPoint>& connectionPoint) {
+  std::shared_ptr<ConnectionPoint> replaced;
+  if (!set_.store(connectionPoint, replaced)) {
+    return false;
   }
   // Before its successor connects: what both would use must be free by then.
   replaced.reset();
@@ -159,45 +136,37 @@ void AbstractConnectionPointManager::store(
     connectionPoint->connect();
   }
   ensureCleanupThread();
+  return true;
 }
 
 void AbstractConnectionPointManager::refuse(std::unique_ptr<ConnectionPoint> connectionPoint) {
   const std::string uniqueID = connectionPoint->getUniqueID();
-  syslog(LOG_INFO, "Add ConnectionPoint %s refused, Too Many.\n", nameForLog(uniqueID).c_str());
-  std::printf("Add ConnectionPoint %s refused, Too Many.\n", uniqueID.c_str());
-  connectionPoint->disconnect();
-}
-
-std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::findAndUnmark(
-    const std::string& uniqueID) {
-  const Locked lock(lock_);
-  const auto found = connectionPoints_.find(uniqueID);
-  if (found == connectionPoints_.end()) {
-    return nullptr;
+  if (LineBudget::spend()) {
+    syslog(LOG_INFO, "Add ConnectionPoint %s refused, Too Many.\n", nameForLog(uniqueID).c_str());
   }
-  found->second->markForDeletion(false);
-  return found->second;
+  if (LineBudget::spend()) {
+    std::printf("Add ConnectionPoint %s refused, Too Many.\n", uniqueID.c_str());
+  }
+  connectionPoint->disconnect();
 }
 
 std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::addOrUpdateConnectionPoint(
     std::unique_ptr<ConnectionPoint> connectionPoint) {
-  if (!isTypeSupported(connectionPoint->getType())) {
-    return nullptr;
-  }
-  std::shared_ptr<ConnectionPoint> existing = merge(std::move(connectionPoint));
-  if (!existing) {
-    writeIncomingClientConnections(false);
-  }
+  Additions additions;
+  std::shared_ptr<ConnectionPoint> existing = merge(std::move(connectionPoint), additions);
+  finish(additions);
   return existing;
 }
 
 std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::merge(
-    std::unique_ptr<ConnectionPoint> connectionPoint) {
-  // Found and unmarked in one step: between two the cleanup thread could purge it.
-  std::shared_ptr<ConnectionPoint> existing = findAndUnmark(connectionPoint->getUniqueID());
+    std::unique_ptr<ConnectionPoint> connectionPoint, Additions& additions) {
+  if (!isTypeSupported(connectionPoint->getType())) {
+    return nullptr;
+  }
+  std::shared_ptr<ConnectionPoint> existing = set_.findAndUnmark(connectionPoint->getUniqueID());
   if (!existing) {
     connectionPoint->markForDeletion(false);
-    add(std::move(connectionPoint));
+    add(std::move(connectionPoint), additions);
     return nullptr;
   }
   existing->update(*connectionPoint);
@@ -211,34 +180,48 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::merge(
 }
 
 void AbstractConnectionPointManager::addConnectionPoints(ConnectionPointList connectionPoints) {
-  bool added = false;
+  Additions additions;
   for (auto& connectionPoint : connectionPoints) {
-    added = merge(std::move(connectionPoint)) == nullptr || added;
+    merge(std::move(connectionPoint), additions);
   }
-  // Once for all: a list may be long, and the file holds the whole set.
-  if (added) {
-    writeIncomingClientConnections(false);
-  }
+  finish(additions);
 }
 
+// A frame holds hundreds of thousands of descriptions: what finds no room is not even loaded, and a
+// list is heeded as far as it could be stored.
 void AbstractConnectionPointManager::mergeConnectionPoints(const cJSON* array) {
-  bool added = false;
+  Additions additions;
+  std::size_t heeded = 0;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, array) {
-    std::unique_ptr<ConnectionPoint> connectionPoint = createSupported(element);
-    if (connectionPoint) {
-      added = merge(std::move(connectionPoint)) == nullptr || added;
+    if (!isSupported(element)) {
+      continue;
+    }
+    const char* uniqueID = stringMember(element, "uniqueID");
+    if (heeded == ConnectionPointSet::kMaxStored ||
+        (uniqueID != nullptr && !set_.hasRoomFor(uniqueID))) {
+      if (uniqueID != nullptr) {
+        set_.findAndUnmark(uniqueID);  // listed, so it stays
+      }
+      ++additions.withoutRoom;
+      continue;
+    }
+    ++heeded;
+    if (std::unique_ptr<ConnectionPoint> described = createConnectionPoint(element)) {
+      merge(std::move(described), additions);
     }
   }
-  if (added) {
-    writeIncomingClientConnections(false);
-  }
+  finish(additions);
+}
+
+bool AbstractConnectionPointManager::isSupported(const cJSON* item) const {
+  const char* type = stringMember(item, "type");
+  return type != nullptr && isTypeSupported(type);
 }
 
 std::unique_ptr<ConnectionPoint> AbstractConnectionPointManager::createSupported(
     const cJSON* item) {
-  const char* type = stringMember(item, "type");
-  return type != nullptr && isTypeSupported(type) ? createConnectionPoint(item) : nullptr;
+  return isSupported(item) ? createConnectionPoint(item) : nullptr;
 }
 
 AbstractConnectionPointManager::ConnectionPointList loadConnectionPointsFromFile(
@@ -283,49 +266,12 @@ int AbstractConnectionPointManager::loadFromJSON(const cJSON* item) {
   }
   markClientsForDeletion(true);
   mergeConnectionPoints(described);
-  sweepMarked();
+  set_.removeMarked();
   return 0;
 }
 
 void AbstractConnectionPointManager::markClientsForDeletion(bool marked) {
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    if (!entry.second->isServerConnectionPoint()) {
-      entry.second->markForDeletion(marked);
-    }
-  }
-}
-
-void AbstractConnectionPointManager::sweepMarked() {
-  std::vector<std::shared_ptr<ConnectionPoint>> swept;  // outlives the lock
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    if (entry.second->isMarkedForDeletion()) {
-      entry.second->disconnect();
-      swept.push_back(entry.second);
-    }
-  }
-  for (const auto& connectionPoint : swept) {
-    std::printf("%s erasing connectionPoint: %s\n",
-                "virtual int AbstractConnectionPointManager::loadFromJSON(cJSON*)",
-                connectionPoint->getUniqueID().c_str());
-    removeConnectionPoint(connectionPoint);
-  }
-}
-
-void AbstractConnectionPointManager::removeConnectionPoint(
-    const std::shared_ptr<ConnectionPoint>& connectionPoint) {
-  connectionPoint->disconnect();
-  connectionPoint->removeAllDeviceConnections();
-  connectionPoint->notifyDeleted();
-  const auto found = connectionPoints_.find(connectionPoint->getUniqueID());
-  if (found == connectionPoints_.end() || found->second != connectionPoint) {
-    return;
-  }
-  syslog(LOG_INFO,
-         "AbstractConnectionPointManager removeConnectionPoint %s, connections.size=%zu\n",
-         nameForLog(connectionPoint->getUniqueID()).c_str(), connectionPoints_.size());
-  connectionPoints_.erase(found);
+  set_.markClients(marked);
 }
 
 // --- Clients that connected to us ----------------------------------------------------------------
@@ -352,66 +298,13 @@ void AbstractConnectionPointManager::stopCleanupThread() {
 
 void AbstractConnectionPointManager::purgeMarkedClients() {
   std::fflush(stdout);
-  const int status = lock_.tryLock();
-  if (status != 0) {
-    const int failures = ++lockFailures_;
-    std::printf("CANT ACQUIRE LOCK = attempt %d (rv=%d)! %s\n", failures, status,
-                errnoText(status).c_str());
-    return;
+  if (!set_.purgeMarkedServers().empty()) {
+    writeIncomingClientConnections(true);
   }
-  std::vector<std::shared_ptr<ConnectionPoint>> removed;
-  {
-    const Locked lock(lock_, std::adopt_lock);
-    removed = removeMarkedClients();
-    lockFailures_ = 0;
-  }
-  if (removed.empty()) {
-    return;
-  }
-  removed.clear();
-  writeIncomingClientConnections(true);
-}
-
-std::vector<std::shared_ptr<ConnectionPoint>>
-AbstractConnectionPointManager::removeMarkedClients() {
-  std::vector<std::shared_ptr<ConnectionPoint>> marked;
-  for (const auto& entry : connectionPoints_) {
-    const ConnectionPoint& connectionPoint = *entry.second;
-    if (!connectionPoint.isConnected() && connectionPoint.isMarkedForDeletion() &&
-        connectionPoint.isServerConnectionPoint()) {
-      std::printf("Found client marked for deletion: %s\n", connectionPoint.getUniqueID().c_str());
-      marked.push_back(entry.second);
-    }
-  }
-  for (const auto& connectionPoint : marked) {
-    removeConnectionPoint(connectionPoint);
-  }
-  return marked;
 }
 
 void AbstractConnectionPointManager::writeIncomingClientConnections(bool force) {
-  // Rendered under the file lock too, so that of two writers the one with the newer list is last.
-  const Locked lock(fileLock_);
-  JSONPtr clients = getServerConnectionPointsJSON();
-  if (!clients && !force) {
-    return;
-  }
-  JSONPtr object(cJSON_CreateObject());
-  addMember(object.get(), "serverConnectionPoint",
-            clients ? std::move(clients) : JSONPtr(cJSON_CreateArray()));
-  cJSON_AddStringToObject(object.get(), "type", type_.c_str());
-  try {
-    saveTextFile(paths().incomingClientDirectory + name_ + "IncomingClientConnections.json",
-                 printJSON(object.get(), false));
-  } catch (const std::exception& error) {
-    syslog(LOG_ERR, "The list of incoming %s clients is not on disk until its next change: %s\n",
-           type_.c_str(), error.what());
-  }
-}
-
-void AbstractConnectionPointManager::saveDescription() {
-  const Locked lock(fileLock_);
-  save(false);
+  incomingClientFile_.write([this] { return getServerConnectionPointsJSON(); }, force);
 }
 
 }  // namespace valtor

@@ -1,20 +1,20 @@
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "app/util/Mutex.h"
 #include "bus/IPellaInternalProtocolHandler.h"
+#include "connections/AnswerRoom.h"
 #include "connections/ConnectionPoint.h"
 #include "connections/ConnectionPointCleanupThread.h"
+#include "connections/ConnectionPointSet.h"
+#include "connections/IncomingClientFile.h"
 #include "connections/phy/ConnectionPointPhy.h"
 #include "data/AbstractJSONTopLevelContainer.h"
 
@@ -30,11 +30,7 @@ namespace valtor {
 //
 // Requests, reloads and additions are the business of one thread at a time (start-up, later the
 // bus's message-queue thread); everything else may be called from any thread. The cleanup thread,
-// started by the first addition, purges beside them. Two locks, outermost first: the file lock,
-// held while a file is rendered and written, so that the newest content wins, and the manager lock,
-// which guards the set. Only the cleanup thread's first step gives way when the manager lock is
-// taken. Connection points are destroyed after the lock is released, since that may wait for
-// threads.
+// started by the first addition, purges beside them.
 //
 // Every most-derived manager calls stopCleanupThread() first thing in its own destructor: a purge
 // calls virtual operations.
@@ -72,12 +68,13 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
 
   // Stores the connection point, in place of one with its unique ID, and connects it when it is
   // enabled. It is discarded when its type is not served, and refused with a log line while too
-  // many clients are connected.
+  // many clients are connected or too much is stored.
   virtual void addConnectionPoint(std::unique_ptr<ConnectionPoint> connectionPoint);
   // Merges the description into the stored connection point of its unique ID, which then connects
   // or disconnects as the description says and is returned; adds it when there is none.
   virtual std::shared_ptr<ConnectionPoint> addOrUpdateConnectionPoint(
       std::unique_ptr<ConnectionPoint> connectionPoint);
+  // The same for each, in order; what finds no room is reported once, as a number.
   void addConnectionPoints(ConnectionPointList connectionPoints);
   virtual bool startConnectionPoints() = 0;
 
@@ -90,7 +87,7 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   bool handleMessage(const PellInternalMessage& message, ResponseList& responses) override;
 
   // The number of clients of the system's servers that are connected.
-  unsigned countConnectedServerConnectionPoints() const;
+  unsigned countConnectedServerConnectionPoints() const { return set_.connectedServers(); }
 
   // Marks every connection point that is not a server connection point, as far as it lets itself
   // be marked.
@@ -117,11 +114,6 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   virtual bool handleDEL(const PellInternalMessage& message, ResponseList& responses);
   virtual bool handleUPDATE(const PellInternalMessage& message, ResponseList& responses);
 
-  // Disconnects the connection point, announces it and its device connections as gone and takes it
-  // out of the set. It is destroyed with the caller's pointer, which should outlive the lock.
-  void removeConnectionPoint(const std::shared_ptr<ConnectionPoint>& connectionPoint)
-      VALTOR_REQUIRES(lock_);
-
   // Ends and joins the cleanup thread. May be called again. The caller holds no lock of this
   // manager and none that a connection point's end waits for.
   void stopCleanupThread();
@@ -136,21 +128,21 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // The text of a string item; "" for any other.
   static std::string_view textOf(const cJSON* item);
   // Appends an answer with the status 200 and {name: value} as its "param".
-  static void answer(ResponseList& responses, const PellInternalMessage& message, const char* name,
-                     JSONPtr value);
-  // False, with a warning, when a request has got as many answers as one request may: a frame can
-  // repeat a name a million times.
-  bool hasRoomForAnswer(const PellInternalMessage& message, const ResponseList& responses) const;
+  void answer(ResponseList& responses, const PellInternalMessage& message, const char* name,
+              JSONPtr value);
+  // False, with a warning, when the request has got as much as one request may.
+  bool hasRoomForAnswer(const PellInternalMessage& message) const {
+    return answerRoom_.isLeft(message);
+  }
   // Offers the message to every connection point; whether any took it.
   bool offerDeviceParam(const std::string& uniqueID, const PellInternalMessage& message);
 
-  // Guards the set. Not recursive.
-  mutable PosixMutex lock_;
-  // Iteration is in the order of the unique IDs.
-  std::map<std::string, std::shared_ptr<ConnectionPoint>> connectionPoints_
-      VALTOR_GUARDED_BY(lock_);
+  const ConnectionPointSet& connectionPoints() const { return set_; }
 
  private:
+  // The device connections by unique ID, made at the first name of a request that needs it.
+  class DeviceIndex;
+
   // How a "DEL" reads a name that does not say itself what it is the name of.
   enum class DeleteMode { None, ConnectionPoint, DeviceConnection };
 
@@ -158,41 +150,39 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // The manager's object with its server connection points, in an array.
   JSONPtr describeWithServers() const;
 
-  // addConnectionPoint() and addOrUpdateConnectionPoint() without the incoming-client file. What is
-  // merged has a supported type; merge() answers nothing when it was added.
-  void add(std::unique_ptr<ConnectionPoint> connectionPoint);
-  std::shared_ptr<ConnectionPoint> merge(std::unique_ptr<ConnectionPoint> connectionPoint);
-  void store(const std::shared_ptr<ConnectionPoint>& connectionPoint);
+  // What a run of additions leaves to be done at its end, once for all: a list may be long, and the
+  // file holds the whole set.
+  struct Additions {
+    bool any = false;
+    std::size_t withoutRoom = 0;
+  };
+
+  // addConnectionPoint() and addOrUpdateConnectionPoint() without what finish() does.
+  void add(std::unique_ptr<ConnectionPoint> connectionPoint, Additions& additions);
+  std::shared_ptr<ConnectionPoint> merge(std::unique_ptr<ConnectionPoint> connectionPoint,
+                                         Additions& additions);
+  void finish(const Additions& additions);
+  // Whether it was stored.
+  bool store(const std::shared_ptr<ConnectionPoint>& connectionPoint);
   static void refuse(std::unique_ptr<ConnectionPoint> connectionPoint);
-  std::shared_ptr<ConnectionPoint> findAndUnmark(const std::string& uniqueID);
+  bool isSupported(const cJSON* item) const;
   void mergeConnectionPoints(const cJSON* array);
   void ensureCleanupThread();
-  void sweepMarked();
-  std::vector<std::shared_ptr<ConnectionPoint>> removeMarkedClients() VALTOR_REQUIRES(lock_);
   bool handleDeviceConnections(const PellInternalMessage& message, ResponseList& responses,
                                bool notifyNew);
   bool applyDeviceConnections(const cJSON* array, bool notifyNew);
-  bool deleteElement(const std::string& element, DeleteMode& mode);
-  bool deleteConnectionPoint(const std::string& uniqueID);
-  bool deleteDeviceConnection(const std::string& uniqueID);
-  // Writes the container file.
-  void saveDescription();
-
-  static constexpr std::size_t kMaxAnswers = 1000;  // to one request
-  // Connection points that all answers to one request may hold together.
-  static constexpr std::size_t kMaxAnswered = 100000;
-  // Far above any plant; keeps memory and time bounded whatever the bus describes.
-  static constexpr std::size_t kMaxStored = 10000;
+  bool deleteElement(std::string_view element, DeleteMode& mode, DeviceIndex& devices);
+  bool deleteConnectionPoint(std::string_view uniqueID);
 
   const std::string name_;
   const std::string type_;
   // These two do not change once the object is built.
   std::vector<std::string> subtypes_;
   std::vector<std::unique_ptr<ConnectionPointPhy>> phys_;
-  const uint32_t maxConnectionPoints_ = 20;  // connected clients of our servers
 
-  Mutex fileLock_;
-  std::atomic<int32_t> lockFailures_{0};  // consecutive purges that found the lock taken
+  ConnectionPointSet set_;
+  IncomingClientFile incomingClientFile_;
+  AnswerRoom answerRoom_;  // of the request that is being handled
   std::chrono::milliseconds cleanupInterval_ = ConnectionPointCleanupThread::kPollTimeout;
   // Touched only by whoever adds connection points and by the destructors.
   std::unique_ptr<ConnectionPointCleanupThread> cleanupThread_;

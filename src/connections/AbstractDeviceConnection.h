@@ -17,8 +17,9 @@ class IPellInternalClient;
 // for the length of a call. It keeps its description, its online flag and its missed-poll count
 // under its own lock, the lowest of the connection point's locks; any thread may call it.
 //
-// The renderers run while the connection point holds its locks: they must not call back into it.
-// A subclass with threads of its own ends them in its own destructor.
+// The renderers and update() run while the connection point holds its locks: they may ask it for
+// its description and its state, and for nothing else. A subclass with threads of its own ends them
+// in its own destructor.
 class AbstractDeviceConnection {
  public:
   // Offline, with no missed poll, until its connection point takes it.
@@ -34,7 +35,7 @@ class AbstractDeviceConnection {
   // Applies device parameters. The list lives only for the call. Called with the manager's lock
   // held, so it must not wait for the manager.
   virtual void setParams(const DeviceParamList& params) = 0;
-  // Takes over a new description of the same device. No lock of the connection point is held.
+  // Takes over a new description of the same device.
   virtual void update(const DeviceConnectionDetails& details);
 
   DeviceConnectionDetails getDetails() const;

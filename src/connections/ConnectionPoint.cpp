@@ -6,6 +6,7 @@
 
 #include "app/util/Console.h"
 #include "app/util/ErrnoText.h"
+#include "app/util/LineBudget.h"
 #include "bus/message/RequestMessages.h"
 #include "router/DeviceParamList.h"
 
@@ -17,6 +18,15 @@ constexpr const char* kDevicePath = "device";
 constexpr const char* kParam = "param";
 constexpr const char* kParamDelete = "paramDelete";
 constexpr const char* kDeviceConnection = "deviceConnection";
+constexpr int kMaxPhys = 16;  // of which the first counts
+
+// What a load that misses a member returns.
+int lacks(const char* member) {
+  if (LineBudget::spend()) {
+    syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - %s not specified.\n", member);
+  }
+  return -1;
+}
 
 bool isNamed(const ConnectionPointPhy& phy, PhyTypeIndex type) {
   return phy.getType() == PhyTypeNames[type];
@@ -29,7 +39,9 @@ ConnectionPoint::ConnectionPoint(std::string type, IPellInternalClient& sender,
     : sender_(sender), manager_(manager), type_(std::move(type)) {}
 
 ConnectionPoint::~ConnectionPoint() {
-  traceLine("%s - %p\n", "~ConnectionPoint", static_cast<void*>(this));
+  if (LineBudget::spend()) {
+    traceLine("%s - %p\n", "~ConnectionPoint", static_cast<void*>(this));
+  }
   const Locked lock(deviceLock_);
   for (const auto& entry : deviceConnections_) {
     entry.second->attach(nullptr, nullptr);
@@ -42,8 +54,7 @@ int ConnectionPoint::loadFromJSON(const cJSON* item) {
   const Locked lock(descriptionLock_);
   const char* type = stringMember(item, "type");
   if (type == nullptr) {
-    syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - type not specified.\n");
-    return -1;
+    return lacks("type");
   }
   type_ = type;
   if (loadPhys(item) != 0) {
@@ -51,14 +62,12 @@ int ConnectionPoint::loadFromJSON(const cJSON* item) {
   }
   const char* name = stringMember(item, "name");
   if (name == nullptr) {
-    syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - name not specified.\n");
-    return -1;
+    return lacks("name");
   }
   name_ = name;
   const char* uniqueID = stringMember(item, "uniqueID");
   if (uniqueID == nullptr) {
-    syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - uniqueID not specified.\n");
-    return -1;
+    return lacks("uniqueID");
   }
   uniqueID_ = uniqueID;
   if (const cJSON* enabled = cJSON_GetObjectItem(item, "enabled"); enabled != nullptr) {
@@ -70,24 +79,32 @@ int ConnectionPoint::loadFromJSON(const cJSON* item) {
 int ConnectionPoint::loadPhys(const cJSON* item) {
   const cJSON* descriptions = cJSON_GetObjectItem(item, "phy");
   if (descriptions == nullptr) {
-    syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - phy not specified.\n");
-    return -1;
+    return lacks("phy");
   }
-  bool found = false;
+  int elementsSeen = 0;
   // An object's members must not be taken for elements.
   const cJSON* elements = cJSON_IsArray(descriptions) != 0 ? descriptions : nullptr;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, elements) {
-    std::unique_ptr<ConnectionPointPhy> phy = ConnectionPointPhy::createFromJSON(element);
-    if (!phy) {
-      syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - invalid phy details.\n");
-      continue;
+    if (++elementsSeen > kMaxPhys) {
+      if (LineBudget::spend()) {
+        syslog(LOG_WARNING,
+               "ConnectionPointDetails::loadFromJSON - more than %d phys, the rest is ignored.\n",
+               kMaxPhys);
+      }
+      break;
     }
-    phys_.push_back(std::move(phy));
-    found = true;
+    std::unique_ptr<ConnectionPointPhy> phy = ConnectionPointPhy::createFromJSON(element);
+    if (phy) {
+      phys_.push_back(std::move(phy));
+    } else if (LineBudget::spend()) {
+      syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - invalid phy details.\n");
+    }
   }
-  if (!found) {
-    syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - no valid phy found.\n");
+  if (phys_.empty()) {
+    if (LineBudget::spend()) {
+      syslog(LOG_WARNING, "ConnectionPointDetails::loadFromJSON - no valid phy found.\n");
+    }
     return -1;
   }
   return 0;
@@ -137,6 +154,10 @@ bool ConnectionPoint::showInUI() const { return true; }
 
 bool ConnectionPoint::isServerConnectionPoint() const {
   const Locked lock(descriptionLock_);
+  return hasServerPhy();
+}
+
+bool ConnectionPoint::hasServerPhy() const {
   if (phys_.empty() || (!isNamed(*phys_.front(), kTCPPhy) && !isNamed(*phys_.front(), kUDPPhy))) {
     return false;
   }
@@ -156,11 +177,34 @@ std::optional<TCPPhy> ConnectionPoint::firstTCPPhy() const {
 void ConnectionPoint::clearPhys() {
   const Locked lock(descriptionLock_);
   phys_.clear();
+  recount();
+}
+
+void ConnectionPoint::countIn(std::atomic<unsigned>* number) {
+  const Locked lock(descriptionLock_);
+  if (counted_) {
+    --*number_;
+    counted_ = false;
+  }
+  number_ = number;
+  recount();
+}
+
+void ConnectionPoint::recount() {
+  if (number_ == nullptr) {
+    return;
+  }
+  const bool counts = connected_ && hasServerPhy();
+  if (counts != std::exchange(counted_, counts)) {
+    counts ? ++*number_ : --*number_;
+  }
 }
 
 ConnectionPoint::Identity ConnectionPoint::takeIdentity() {
   const Locked lock(descriptionLock_);
-  return {std::exchange(phys_, {}), std::exchange(uniqueID_, {})};
+  Identity identity{std::exchange(phys_, {}), std::exchange(uniqueID_, {})};
+  recount();
+  return identity;
 }
 
 bool ConnectionPoint::hasEqualPhys(const Phys& phys) const {
@@ -192,6 +236,7 @@ void ConnectionPoint::update(ConnectionPoint& from) {
     }
     type_ = std::move(type);
     uniqueID_ = std::move(identity.uniqueID);
+    recount();
   }
   enabled_ = from.isEnabled();
 }
@@ -214,6 +259,10 @@ void ConnectionPoint::setConnected(bool connected) {
          nameForLog(getUniqueID()).c_str(), connected ? 1 : 0);
   if (connected_.exchange(connected) == connected) {
     return;
+  }
+  {
+    const Locked lock(descriptionLock_);
+    recount();
   }
   {
     const Locked lock(notificationLock_);
@@ -292,6 +341,15 @@ bool ConnectionPoint::hasDeviceConnection(const std::string& uniqueID) const {
   return findDeviceConnection(uniqueID) != nullptr;
 }
 
+std::vector<std::string> ConnectionPoint::deviceConnectionIDs() const {
+  std::vector<std::string> uniqueIDs;
+  const Locked lock(deviceLock_);
+  for (const auto& entry : deviceConnections_) {
+    uniqueIDs.push_back(entry.first);
+  }
+  return uniqueIDs;
+}
+
 void ConnectionPoint::addDeviceConnection(const DevicePtr& deviceConnection, bool notify) {
   if (!deviceConnection) {
     return;
@@ -328,13 +386,15 @@ void ConnectionPoint::announceSeen(AbstractDeviceConnection& deviceConnection, b
 }
 
 bool ConnectionPoint::updateDeviceConnection(const DeviceConnectionDetails& details) {
+  // Over the whole: a report that comes in between would be announced and then overwritten.
+  const Locked lock(notificationLock_);
   const DevicePtr deviceConnection = findDeviceConnection(details.getUniqueID());
   if (!deviceConnection) {
     return false;
   }
   const bool wasOnline = deviceConnection->isOnline();
   deviceConnection->update(details);
-  notifyDeviceConnection(*deviceConnection, !wasOnline);
+  announceSeen(*deviceConnection, !wasOnline);
   return !wasOnline;
 }
 
@@ -357,9 +417,10 @@ bool ConnectionPoint::removeDeviceConnection(const std::string& uniqueID) {
 }
 
 JSONPtr ConnectionPoint::renderGone(AbstractDeviceConnection& deviceConnection) {
-  deviceConnection.attach(nullptr, nullptr);
   deviceConnection.setOnline(false);
-  return deviceConnection.toStatusJSON(true);
+  JSONPtr status = deviceConnection.toStatusJSON(true);
+  deviceConnection.attach(nullptr, nullptr);
+  return status;
 }
 
 void ConnectionPoint::removeAllDeviceConnections() {
@@ -378,9 +439,11 @@ void ConnectionPoint::removeAllDeviceConnections() {
 }
 
 void ConnectionPoint::logOffline(const AbstractDeviceConnection& deviceConnection) {
-  const DeviceConnectionDetails details = deviceConnection.getDetails();
-  syslog(LOG_INFO, "Device %s(%s) is offline.\n", nameForLog(details.getName()).c_str(),
-         nameForLog(details.getUniqueID()).c_str());
+  if (LineBudget::spend()) {
+    const DeviceConnectionDetails details = deviceConnection.getDetails();
+    syslog(LOG_INFO, "Device %s(%s) is offline.\n", nameForLog(details.getName()).c_str(),
+           nameForLog(details.getUniqueID()).c_str());
+  }
 }
 
 void ConnectionPoint::setDevicesOnline(bool online) {

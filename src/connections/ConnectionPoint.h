@@ -112,6 +112,8 @@ class ConnectionPoint : public AbstractJSONBackedData {
   std::optional<TCPPhy> firstTCPPhy() const;
 
   bool hasDeviceConnection(const std::string& uniqueID) const;
+  // The unique IDs of the device connections, in order.
+  std::vector<std::string> deviceConnectionIDs() const;
   // Announces every device connection as gone and destroys exactly those.
   void removeAllDeviceConnections();
   // Sets the online flag of every device connection and announces them.
@@ -124,6 +126,11 @@ class ConnectionPoint : public AbstractJSONBackedData {
 
   // Forgets every phy.
   void clearPhys();
+
+  // From now on the number is one higher whenever this connection point is connected and stands for
+  // a client of our servers. It ends with another call, at the latest with null before the number
+  // goes.
+  void countIn(std::atomic<unsigned>* number);
 
  protected:
   IPellInternalClient& sender() const { return sender_; }
@@ -146,8 +153,11 @@ class ConnectionPoint : public AbstractJSONBackedData {
   int loadPhys(const cJSON* item) VALTOR_REQUIRES(descriptionLock_);
   Identity takeIdentity();
   bool hasEqualPhys(const Phys& phys) const;
+  bool hasServerPhy() const VALTOR_REQUIRES(descriptionLock_);
+  // After every change of what countIn() looks at.
+  void recount() VALTOR_REQUIRES(descriptionLock_);
   DevicePtr findDeviceConnection(const std::string& uniqueID) const;
-  // Cuts a device connection off from this object and renders it as gone.
+  // Renders a device connection as gone and cuts it off from this object.
   static JSONPtr renderGone(AbstractDeviceConnection& deviceConnection);
   static void logOffline(const AbstractDeviceConnection& deviceConnection);
 
@@ -180,6 +190,8 @@ class ConnectionPoint : public AbstractJSONBackedData {
   std::string uniqueID_ VALTOR_GUARDED_BY(descriptionLock_);
   std::string type_ VALTOR_GUARDED_BY(descriptionLock_);
   std::string name_ VALTOR_GUARDED_BY(descriptionLock_);
+  std::atomic<unsigned>* number_ VALTOR_GUARDED_BY(descriptionLock_) = nullptr;
+  bool counted_ VALTOR_GUARDED_BY(descriptionLock_) = false;  // in number_
 };
 
 }  // namespace valtor

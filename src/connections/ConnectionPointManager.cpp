@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/LineBudget.h"
 #include "bus/message/RSPMessage.h"
 
 namespace valtor {
@@ -40,8 +41,20 @@ const char* ConnectionPointManager::getObjectName() const { return "connectionPo
 
 int ConnectionPointManager::loadFromJSON(const cJSON* item) {
   AbstractConnectionPointManager::loadFromJSON(item);
+  std::size_t heeded = 0;
+  std::size_t ignored = 0;
   const cJSON* server = nullptr;
-  cJSON_ArrayForEach(server, arrayMember(item, "tcpServer")) { addOrUpdateTCPServer(server); }
+  cJSON_ArrayForEach(server, arrayMember(item, "tcpServer")) {
+    if (heeded == kMaxTCPServers) {
+      ++ignored;
+    } else if (addOrUpdateTCPServer(server)) {
+      ++heeded;
+    }
+  }
+  if (ignored > 0) {
+    syslog(LOG_WARNING, "%zu TCP servers at the end of a list are ignored, %zu may be stored.\n",
+           ignored, kMaxTCPServers);
+  }
   return 0;
 }
 
@@ -58,12 +71,11 @@ JSONPtr ConnectionPointManager::toJSON() const {
 }
 
 bool ConnectionPointManager::startConnectionPoints() {
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    if (entry.second->isEnabled()) {
-      entry.second->connect();
+  connectionPoints().forEach([](ConnectionPoint& connectionPoint) {
+    if (connectionPoint.isEnabled()) {
+      connectionPoint.connect();
     }
-  }
+  });
   return true;
 }
 
@@ -78,7 +90,9 @@ std::unique_ptr<ConnectionPointTCPServer> ConnectionPointManager::createTCPServe
     return nullptr;
   }
   if (server->getType().empty()) {
-    std::printf("Emtpy TCPServer Type Detected. Setting to %s\n", getManagerType().c_str());
+    if (LineBudget::spend()) {
+      std::printf("Emtpy TCPServer Type Detected. Setting to %s\n", getManagerType().c_str());
+    }
     server->setType(getManagerType());
   }
   return server;
@@ -102,7 +116,7 @@ bool ConnectionPointManager::addOrUpdateTCPServer(const cJSON* item) {
   }
   if (!known && tcpServers_.size() < kMaxTCPServers) {
     tcpServers_.push_back(std::move(described));
-  } else if (!known) {
+  } else if (!known && LineBudget::spend()) {
     syslog(LOG_WARNING, "TCP server %s %s refused, %zu are stored already.\n",
            nameForLog(described->getType()).c_str(), nameForLog(described->getProtocol()).c_str(),
            kMaxTCPServers);
@@ -140,7 +154,7 @@ std::string ConnectionPointManager::interfaceText() const {
 }
 
 void ConnectionPointManager::answerDeviceConnections(const PellInternalMessage& message,
-                                                     ResponseList& responses) const {
+                                                     ResponseList& responses) {
   answer(responses, message, kDeviceConnection, getDeviceConnectionsJSON(false));
   const std::string text = interfaceText();
   if (!text.empty()) {
@@ -154,21 +168,24 @@ bool ConnectionPointManager::handleGET(const PellInternalMessage& message,
     return !device->empty() && offerDeviceParam(*device, message);
   }
   bool taken = AbstractConnectionPointManager::handleGET(message, responses);
+  bool anyServers = true;  // asked for once, however often they are named
   const cJSON* name = nullptr;
   cJSON_ArrayForEach(name, arrayMember(message.viewBody(), "objectName")) {
     const std::string_view text = textOf(name);
     if (text != kServerConnectionPoint && text != kDeviceConnection) {
       continue;
     }
-    if (!hasRoomForAnswer(message, responses)) {
+    if (!hasRoomForAnswer(message)) {
       break;
     }
     if (text == kDeviceConnection) {
       answerDeviceConnections(message, responses);
       taken = true;
-    } else if (JSONPtr servers = getServerConnectionPointsJSON()) {
+    } else if (JSONPtr servers = anyServers ? getServerConnectionPointsJSON() : nullptr) {
       answer(responses, message, kServerConnectionPoint, std::move(servers));
       taken = true;
+    } else {
+      anyServers = false;
     }
   }
   return taken;

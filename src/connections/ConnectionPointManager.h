@@ -50,7 +50,7 @@ class ConnectionPointManager : public AbstractConnectionPointManager {
   IPellInternalClient& busClient() const { return busClient_; }
 
  private:
-  void answerDeviceConnections(const PellInternalMessage& message, ResponseList& responses) const;
+  void answerDeviceConnections(const PellInternalMessage& message, ResponseList& responses);
   // Which interface answers a listing of device connections: "type.name", or "" for none.
   std::string interfaceText() const;
 

@@ -1,10 +1,13 @@
 // The requests on "device" that an AbstractConnectionPointManager takes.
 
+#include <functional>
+#include <map>
 #include <string_view>
 #include <syslog.h>
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/LineBudget.h"
 #include "bus/message/RSPMessage.h"
 #include "connections/AbstractConnectionPointManager.h"
 
@@ -31,8 +34,10 @@ bool AbstractConnectionPointManager::handleMessage(const PellInternalMessage& me
   if (path.substr(0, path.find('.')) != kDevice) {
     return false;
   }
+  const LineBudget budget;
   switch (message.getKind()) {
     case MessageKind::GET:
+      answerRoom_ = AnswerRoom();
       return handleGET(message, responses);
     case MessageKind::SET:
       return handleSET(message, responses);
@@ -65,25 +70,10 @@ std::string_view AbstractConnectionPointManager::textOf(const cJSON* item) {
 void AbstractConnectionPointManager::answer(ResponseList& responses,
                                             const PellInternalMessage& message, const char* name,
                                             JSONPtr value) {
+  answerRoom_.take(value.get(), set_.size());
   JSONPtr param(cJSON_CreateObject());
   addMember(param.get(), name, std::move(value));
   responses.push_back(std::make_unique<RSPMessage>(message, nullptr, std::move(param)));
-}
-
-bool AbstractConnectionPointManager::hasRoomForAnswer(const PellInternalMessage& message,
-                                                      const ResponseList& responses) const {
-  std::size_t stored = 0;
-  {
-    const Locked lock(lock_);
-    stored = connectionPoints_.size();
-  }
-  if (responses.size() < kMaxAnswers && responses.size() * stored < kMaxAnswered) {
-    return true;
-  }
-  syslog(LOG_WARNING,
-         "A request of connection %d asks for too much, what follows its answer %zu is ignored.\n",
-         message.header.sourceConnID, responses.size());
-  return false;
 }
 
 bool AbstractConnectionPointManager::handleGET(const PellInternalMessage& message,
@@ -98,7 +88,7 @@ bool AbstractConnectionPointManager::handleGET(const PellInternalMessage& messag
     if (text != kConnectionPoint && text != kConnectionPointManager) {
       continue;
     }
-    if (!hasRoomForAnswer(message, responses)) {
+    if (!hasRoomForAnswer(message)) {
       break;
     }
     if (text == kConnectionPoint) {
@@ -122,10 +112,9 @@ JSONPtr AbstractConnectionPointManager::describeWithServers() const {
 bool AbstractConnectionPointManager::offerDeviceParam(const std::string& uniqueID,
                                                       const PellInternalMessage& message) {
   bool taken = false;
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    taken = entry.second->handleDeviceParam(uniqueID, message) || taken;
-  }
+  set_.forEach([&](ConnectionPoint& connectionPoint) {
+    taken = connectionPoint.handleDeviceParam(uniqueID, message) || taken;
+  });
   return taken;
 }
 
@@ -138,7 +127,7 @@ bool AbstractConnectionPointManager::handleSET(const PellInternalMessage& messag
   const bool reloads = arrayMember(param, kConnectionPoint) != nullptr ||
                        cJSON_GetObjectItem(param, getObjectName()) != nullptr;
   if (reloads && loadFromJSON(param) == 0) {
-    saveDescription();
+    save(false);
     return true;
   }
   return handleDeviceConnections(message, responses, false);
@@ -159,7 +148,7 @@ bool AbstractConnectionPointManager::handleDeviceConnections(const PellInternalM
   if (!applyDeviceConnections(arrayMember(message.viewBody(), kDeviceConnection), notifyNew)) {
     return false;
   }
-  saveDescription();
+  save(false);
   responses.push_back(
       std::make_unique<RSPMessage>(message, kConnectionPoint, kStatusOK, JSONPtr()));
   return true;
@@ -190,6 +179,54 @@ bool AbstractConnectionPointManager::applyDeviceConnections(const cJSON* array, 
   return changed;
 }
 
+// A request may name millions of devices, so none is searched in every connection point.
+class AbstractConnectionPointManager::DeviceIndex {
+ public:
+  explicit DeviceIndex(const ConnectionPointSet& set) : set_(set) {}
+
+  // Removes the device connection from every connection point that has it; whether any had.
+  bool remove(std::string_view uniqueID) {
+    if (!std::exchange(built_, true)) {
+      build();
+    }
+    const auto found = holders_.find(uniqueID);
+    if (found == holders_.end()) {
+      return false;
+    }
+    bool removed = false;
+    for (const auto& holder : found->second) {
+      removed = removeFrom(*holder, found->first) || removed;
+    }
+    holders_.erase(found);
+    return removed;
+  }
+
+ private:
+  void build() {
+    for (const auto& connectionPoint : set_.all()) {
+      for (std::string& uniqueID : connectionPoint->deviceConnectionIDs()) {
+        holders_[std::move(uniqueID)].push_back(connectionPoint);
+      }
+    }
+  }
+
+  static bool removeFrom(ConnectionPoint& holder, const std::string& uniqueID) {
+    if (!holder.removeDeviceConnection(uniqueID)) {
+      return false;
+    }
+    if (LineBudget::spend()) {
+      syslog(LOG_INFO, "deviceConnection %s REMOVED from connectionPoint %s\n",
+             nameForLog(uniqueID).c_str(), nameForLog(holder.getUniqueID()).c_str());
+    }
+    return true;
+  }
+
+  const ConnectionPointSet& set_;
+  bool built_ = false;
+  // In the order of the connection points' unique IDs.
+  std::map<std::string, ConnectionPointSet::List, std::less<>> holders_;
+};
+
 bool AbstractConnectionPointManager::handleDEL(const PellInternalMessage& message,
                                                ResponseList& /*responses*/) {
   DeleteMode mode = DeleteMode::None;
@@ -204,68 +241,47 @@ bool AbstractConnectionPointManager::handleDEL(const PellInternalMessage& messag
     }
   }
   bool changed = false;
+  DeviceIndex devices(set_);
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, arrayMember(message.viewBody(), "objectName")) {
     if (cJSON_IsString(element) != 0) {
-      changed = deleteElement(element->valuestring, mode) || changed;
+      changed = deleteElement(element->valuestring, mode, devices) || changed;
     }
   }
   if (changed) {
-    saveDescription();
+    save(false);
   }
   return changed;
 }
 
-bool AbstractConnectionPointManager::deleteElement(const std::string& element, DeleteMode& mode) {
+bool AbstractConnectionPointManager::deleteElement(std::string_view element, DeleteMode& mode,
+                                                   DeviceIndex& devices) {
   const std::size_t dot = element.find('.');
-  const std::string_view prefix = std::string_view(element).substr(0, dot);
-  std::string uniqueID = element;
-  if (dot != std::string::npos && prefix == kConnectionPoint) {
+  const std::string_view prefix = element.substr(0, dot);
+  if (dot != std::string_view::npos && prefix == kConnectionPoint) {
     mode = DeleteMode::ConnectionPoint;
     return deleteConnectionPoint(element.substr(dot + 1));
   }
-  if (dot != std::string::npos && prefix == kDeviceConnection) {
+  if (dot != std::string_view::npos && prefix == kDeviceConnection) {
     // While connection points are being deleted, even this names one.
     const bool namesConnectionPoint = mode == DeleteMode::ConnectionPoint;
     mode = DeleteMode::DeviceConnection;
-    uniqueID.erase(0, dot + 1);
-    return namesConnectionPoint ? deleteConnectionPoint(uniqueID)
-                                : deleteDeviceConnection(uniqueID);
+    const std::string_view uniqueID = element.substr(dot + 1);
+    return namesConnectionPoint ? deleteConnectionPoint(uniqueID) : devices.remove(uniqueID);
   }
   switch (mode) {
     case DeleteMode::ConnectionPoint:
       return deleteConnectionPoint(element);
     case DeleteMode::DeviceConnection:
-      return deleteDeviceConnection(element);
+      return devices.remove(element);
     case DeleteMode::None:
       break;
   }
   return false;
 }
 
-bool AbstractConnectionPointManager::deleteConnectionPoint(const std::string& uniqueID) {
-  std::shared_ptr<ConnectionPoint> removed;  // outlives the lock
-  const Locked lock(lock_);
-  const auto found = connectionPoints_.find(uniqueID);
-  if (found == connectionPoints_.end() || !found->second->isDeletable()) {
-    return false;
-  }
-  removed = found->second;
-  removeConnectionPoint(removed);
-  return true;
-}
-
-bool AbstractConnectionPointManager::deleteDeviceConnection(const std::string& uniqueID) {
-  bool changed = false;
-  const Locked lock(lock_);
-  for (const auto& entry : connectionPoints_) {
-    if (entry.second->removeDeviceConnection(uniqueID)) {
-      syslog(LOG_INFO, "deviceConnection %s REMOVED from connectionPoint %s\n",
-             nameForLog(uniqueID).c_str(), nameForLog(entry.second->getUniqueID()).c_str());
-      changed = true;
-    }
-  }
-  return changed;
+bool AbstractConnectionPointManager::deleteConnectionPoint(std::string_view uniqueID) {
+  return set_.removeDeletable(std::string(uniqueID)) != nullptr;
 }
 
 }  // namespace valtor

@@ -5,12 +5,27 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/LineBudget.h"
 #include "app/util/OwnedJSON.h"
 #include "bus/message/MessageIdentifier.h"
 #include "bus/message/PellInternalMessage.h"
 #include "peers/ForwardingFilters.h"
 
 namespace valtor {
+
+namespace {
+
+constexpr int kMaxPhys = 16;  // of a description; the rest is left out
+
+// What a load that misses a member returns.
+int lacks(const char* member) {
+  if (LineBudget::spend()) {
+    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - %s not specified.\n", member);
+  }
+  return -1;
+}
+
+}  // namespace
 
 DispatcherPeerClient::DispatcherPeerClient() {
   setTiming(descriptionTiming());
@@ -116,8 +131,7 @@ int DispatcherPeerClient::loadFromJSON(const cJSON* item) {
          quotedForLog(printJSON(item, true).c_str()).c_str());
   const char* const type = stringMember(item, "type");
   if (type == nullptr) {
-    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - type not specified.\n");
-    return -1;
+    return lacks("type");
   }
   {
     const Locked lock(descriptionLock_);
@@ -125,17 +139,17 @@ int DispatcherPeerClient::loadFromJSON(const cJSON* item) {
   }
   const cJSON* const phys = cJSON_GetObjectItem(item, "phy");
   if (phys == nullptr) {
-    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - phy not specified.\n");
-    return -1;
+    return lacks("phy");
   }
   if (!loadPhys(phys)) {
-    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - no valid phy found.\n");
+    if (LineBudget::spend()) {
+      syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - no valid phy found.\n");
+    }
     return -1;
   }
   const char* const name = stringMember(item, "name");
   if (name == nullptr) {
-    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - name not specified.\n");
-    return -1;
+    return lacks("name");
   }
   {
     const Locked lock(descriptionLock_);
@@ -143,8 +157,7 @@ int DispatcherPeerClient::loadFromJSON(const cJSON* item) {
   }
   const char* const uniqueID = stringMember(item, "uniqueID");
   if (uniqueID == nullptr) {
-    syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - uniqueID not specified.\n");
-    return -1;
+    return lacks("uniqueID");
   }
   setUniqueID(uniqueID);
   return 0;
@@ -153,12 +166,18 @@ int DispatcherPeerClient::loadFromJSON(const cJSON* item) {
 // Whether at least one phy was accepted. Accepted ones replace those of an earlier load.
 bool DispatcherPeerClient::loadPhys(const cJSON* array) {
   PhyList accepted;
+  int elementsSeen = 0;
   const cJSON* element = nullptr;
   if (cJSON_IsArray(array) != 0) {
     cJSON_ArrayForEach(element, array) {
+      if (++elementsSeen > kMaxPhys) {
+        break;
+      }
       auto phy = ConnectionPointPhy::createFromJSON(element);
       if (phy == nullptr) {
-        syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - invalid phy details.\n");
+        if (LineBudget::spend()) {
+          syslog(LOG_WARNING, "DispatcherPeerClient::loadFromJSON - invalid phy details.\n");
+        }
       } else if (setEndpointFromPhy(*phy)) {
         accepted.push_back(std::move(phy));
       }

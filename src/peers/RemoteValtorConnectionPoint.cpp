@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/LineBudget.h"
 #include "app/util/OwnedJSON.h"
 #include "bus/IPellaMessageForwarder.h"
 #include "bus/message/RequestMessages.h"
@@ -52,7 +53,7 @@ int RemoteValtorConnectionPoint::connect() {
 // Once until it has another place: start-up and every reload connect again.
 void RemoteValtorConnectionPoint::warnOfPlace(const IPPhy& phy) {
   const std::string place = phy.getIPAddress() + ":" + std::to_string(phy.getPort());
-  if (std::exchange(warnedPlace_, place) == place) {
+  if (std::exchange(warnedPlace_, place) == place || !LineBudget::spend()) {
     return;
   }
   syslog(LOG_WARNING,

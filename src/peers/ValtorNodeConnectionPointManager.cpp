@@ -2,13 +2,17 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <functional>
+#include <map>
 #include <string_view>
 #include <syslog.h>
 #include <utility>
 
+#include "app/util/LineBudget.h"
 #include "app/util/OwnedJSON.h"
 #include "bus/message/PellInternalMessage.h"
 #include "bus/message/RSPMessage.h"
+#include "connections/AnswerRoom.h"
 #include "peers/ForwardingFilters.h"
 
 namespace valtor {
@@ -17,8 +21,7 @@ namespace {
 
 constexpr const char* kConnectionPoint = "connectionPoint";
 constexpr const char* kConnectionPointManager = "connectionPointManager";
-constexpr std::size_t kMaxAnswers =
-    1000;  // to one request: a frame can repeat a name a million times
+constexpr std::size_t kMaxPeers = 250;  // each has two threads and a socket
 
 // What one element of "objectName" names in a delete request. An element "connectionPoint.<id>"
 // says itself that it names a connection point, and from then on so do plain elements; until then
@@ -58,16 +61,26 @@ void ValtorNodeConnectionPointManager::loadPeers(const cJSON* array) {
     peer->setMarkedForErase(true);
   }
   bool anyTaken = false;
+  std::size_t heeded = 0;
+  std::size_t ignored = 0;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, array) {
     const char* const type = stringMember(element, "type");
     if (type == nullptr || !isSupportedType(type)) {
       continue;
     }
+    if (++heeded > kMaxPeers) {
+      ++ignored;
+      continue;
+    }
     auto peer = createPeer(element);
     if (peer != nullptr && addOrUpdatePeer(std::move(peer))) {
       anyTaken = true;
     }
+  }
+  if (ignored > 0) {
+    syslog(LOG_WARNING, "%zu peers at the end of a list are ignored, %zu may be stored.\n", ignored,
+           kMaxPeers);
   }
   if (anyTaken) {
     connectPeers();
@@ -80,9 +93,11 @@ void ValtorNodeConnectionPointManager::loadPeers(const cJSON* array) {
 }
 
 void ValtorNodeConnectionPointManager::erasePeer(const PeerPtr& peer) {
-  std::printf("%s erasing connectionPoint: %s\n",
-              "virtual int ValtorNodeConnectionPointManager::loadFromJSON(cJSON*)",
-              peer->uniqueID().c_str());
+  if (LineBudget::spend()) {
+    std::printf("%s erasing connectionPoint: %s\n",
+                "virtual int ValtorNodeConnectionPointManager::loadFromJSON(cJSON*)",
+                peer->uniqueID().c_str());
+  }
   takeOut(peer);
 }
 
@@ -109,6 +124,7 @@ const char* ValtorNodeConnectionPointManager::getObjectName() const {
 
 bool ValtorNodeConnectionPointManager::handleMessage(const PellInternalMessage& message,
                                                      ResponseList& responses) {
+  const LineBudget budget;
   switch (message.getKind()) {
     case MessageKind::SET:
       return replacePeers(message);
@@ -142,14 +158,25 @@ bool ValtorNodeConnectionPointManager::deletePeers(const PellInternalMessage& me
   }
   bool connectionPointMode = base != nullptr;
   bool anyRemoved = false;
+  // A request may name millions: none is searched in the list.
+  std::multimap<std::string, PeerPtr, std::less<>> byID;
+  for (PeerPtr& peer : peers()) {
+    byID.emplace(peer->uniqueID(), std::move(peer));
+  }
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, arrayMember(message.viewBody(), "objectName")) {
     if (cJSON_IsString(element) == 0) {
       continue;
     }
     const char* const uniqueID = nameToDelete(element->valuestring, connectionPointMode);
-    if (uniqueID != nullptr && removePeer(uniqueID)) {
-      anyRemoved = true;
+    if (uniqueID == nullptr) {
+      continue;
+    }
+    // The first of those that share an identifier.
+    const auto found = byID.find(std::string_view(uniqueID));
+    if (found != byID.end()) {
+      anyRemoved = removePeer(found->second) || anyRemoved;
+      byID.erase(found);
     }
   }
   if (anyRemoved) {
@@ -161,27 +188,27 @@ bool ValtorNodeConnectionPointManager::deletePeers(const PellInternalMessage& me
 bool ValtorNodeConnectionPointManager::answerRead(const PellInternalMessage& message,
                                                   ResponseList& responses) const {
   bool anyAnswered = false;
+  AnswerRoom room;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, arrayMember(message.viewBody(), "objectName")) {
     if (cJSON_IsString(element) == 0) {
       continue;
     }
-    if (responses.size() >= kMaxAnswers) {
-      syslog(LOG_WARNING,
-             "A request of connection %d names more than %zu objects, the rest is ignored.\n",
-             message.header.sourceConnID, kMaxAnswers);
+    const std::string_view name(element->valuestring);
+    if (name != kConnectionPoint && name != kConnectionPointManager) {
+      continue;
+    }
+    if (!room.isLeft(message)) {
       break;
     }
     JSONPtr array;
-    const std::string_view name(element->valuestring);
     if (name == kConnectionPoint) {
       array = peersToJSON();
-    } else if (name == kConnectionPointManager) {
+    } else {
       array.reset(cJSON_CreateArray());
       addElement(array.get(), toJSON());
-    } else {
-      continue;
     }
+    room.take(array.get(), peers().size());
     JSONPtr param(cJSON_CreateObject());
     addMember(param.get(), element->valuestring, std::move(array));
     responses.push_back(std::make_unique<RSPMessage>(message, nullptr, std::move(param)));

@@ -51,14 +51,20 @@ class FakeDevice : public AbstractDeviceConnection {
     return object;
   }
   JSONPtr toStatusJSON(bool gone) const override {
+    EXPECT_NE(connectionPoint(), nullptr) << "a device may render through its place";
     JSONPtr object = toJSON();
     cJSON_AddBoolToObject(object.get(), "gone", gone);
     return object;
   }
   void setParams(const DeviceParamList&) override { ++paramLists; }
+  void update(const DeviceConnectionDetails& details) override {
+    AbstractDeviceConnection::update(details);
+    onUpdate();
+  }
   bool isAttached() const { return connectionPoint() != nullptr && sender() != nullptr; }
 
   int paramLists = 0;
+  std::function<void()> onUpdate = [] {};
 };
 
 // A connection point that has devices and counts what its manager does with it.
@@ -79,6 +85,10 @@ class FakeConnectionPoint : public ConnectionPoint {
       const DeviceConnectionDetails& details) override {
     return std::make_unique<FakeDevice>(details);
   }
+  bool removeDeviceConnection(const std::string& uniqueID) override {
+    ++deviceSearches;
+    return ConnectionPoint::removeDeviceConnection(uniqueID);
+  }
   bool showInUI() const override {
     onRender();
     return true;
@@ -91,6 +101,7 @@ class FakeConnectionPoint : public ConnectionPoint {
   }
 
   int connects = 0;
+  int deviceSearches = 0;
   std::atomic<int> disconnects{0};
   // Runs in disconnect(), before the state is set.
   std::function<void()> onDisconnect = [] {};
@@ -106,8 +117,9 @@ class FakeManager : public ConnectionPointManager {
     setCleanupInterval(std::chrono::hours(1));
   }
   ~FakeManager() override { stopCleanupThread(); }
-  using ConnectionPointManager::lock_;
+  using ConnectionPointManager::connectionPoints;
   std::unique_ptr<ConnectionPoint> createConnectionPoint(const cJSON* item) override {
+    ++created;
     auto made = std::make_unique<FakeConnectionPoint>(busClient(), *this);
     return made->loadFromJSON(item) == 0 ? std::move(made) : nullptr;
   }
@@ -127,15 +139,12 @@ class FakeManager : public ConnectionPointManager {
   // The unique IDs in order, each followed by those of its devices: "A:d1:d2 B".
   std::string ids() const {
     std::string ids;
-    const Locked lock(lock_);
-    for (const auto& [uniqueID, connectionPoint] : connectionPoints_) {
-      ids += (ids.empty() ? "" : " ") + uniqueID;
-      const JSONPtr devices = connectionPoint->deviceConnectionsToJSON();
-      const cJSON* device = nullptr;
-      cJSON_ArrayForEach(device, devices.get()) {
-        ids += std::string(":") + stringMember(device, "uniqueID");
+    connectionPoints().forEach([&ids](const ConnectionPoint& connectionPoint) {
+      ids += (ids.empty() ? "" : " ") + connectionPoint.getUniqueID();
+      for (const std::string& device : connectionPoint.deviceConnectionIDs()) {
+        ids += ":" + device;
       }
-    }
+    });
     return ids;
   }
   // Whether the request was taken; the payloads of its answers are in answers.
@@ -153,6 +162,7 @@ class FakeManager : public ConnectionPointManager {
   bool wasSaved() { return std::remove(filePath().c_str()) == 0; }
 
   Payloads answers;
+  int created = 0;
 };
 
 inline std::string incomingClientFile() {

@@ -1,4 +1,5 @@
 #include "connections/ConnectionFakes.h"
+#include "support/Eventually.h"
 
 namespace valtor::test {
 namespace {
@@ -169,6 +170,23 @@ TEST_F(DeviceConnectionTest, AnUpdateAnnouncesOnlyADeviceThatWasOffline) {
   EXPECT_EQ(bus.payloads(), Payloads{notification("param", "deviceConnection",
                                                   R"({"uniqueID":"d1","online":true})")});
   EXPECT_FALSE(cp->updateDeviceConnection({"A", "unknown", "", "valtor", "x"}));
+}
+
+TEST_F(DeviceConnectionTest, ALinkThatGoesDownDuringAnUpdateIsNotOverwritten) {
+  const auto device = cp->addDevice("d1");
+  cp->setConnected(true);
+  bus.clear();
+  std::thread report;
+  device->onUpdate = [&] {
+    report = std::thread([this] { cp->setConnected(false); });
+    // It is to wait for the update to be over.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+    eventually([&] { return !bus.payloads().empty() || std::chrono::steady_clock::now() > end; });
+  };
+  cp->updateDeviceConnection(device->getDetails());
+  report.join();
+  EXPECT_NE(bus.payloads().front().find("\"online\":false"), std::string::npos);
+  EXPECT_FALSE(device->isOnline());
 }
 
 // Every device that was added is either still there or was reported as gone.

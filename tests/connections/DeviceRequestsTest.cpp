@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "connections/ConnectionFakes.h"
 
 namespace valtor::test {
@@ -24,6 +26,13 @@ class DeviceRequestsTest : public ConnectionsTest {
                             const std::string& type = "valtor") {
     return R"({"type":")" + type + R"(","name":"camera","uniqueID":")" + uniqueID +
            R"(","connectionPoint":")" + connectionPoint + R"("})";
+  }
+  static std::string repeated(const std::string& element, int times) {
+    std::string elements = element;
+    while (--times > 0) {
+      elements += "," + element;
+    }
+    return elements;
   }
   std::string object(const std::string& uniqueID) { return rendered(*manager.get(uniqueID)); }
 };
@@ -88,6 +97,67 @@ TEST_F(DeviceRequestsTest, ARequestThatRepeatsANameIsAnsweredWithinBounds) {
   EXPECT_TRUE(manager.handle("GET", R"({"objectName":[)" + names + "]}"));
   EXPECT_EQ(manager.answers.size(), 1000U);
   EXPECT_EQ(log.countContaining("what follows its answer 1000 is ignored"), 1);
+  manager.add(clientDescription("A"))->setName(std::string(3000000, 'n'));
+  EXPECT_TRUE(manager.handle("GET", R"({"objectName":["connectionPoint",)" + names + "]}"));
+  EXPECT_TRUE(
+      manager.handle("GET", R"({"objectName":[)" + repeated(R"("connectionPoint")", 9) + "]}"));
+  EXPECT_EQ(manager.answers.size(), 7U);
+}
+
+// One frame holds hundreds of thousands of elements.
+TEST_F(DeviceRequestsTest, WhateverARequestListsIsHandledAndLoggedWithinBounds) {
+  const auto consoleLines = [this] {
+    const std::string text = console.text();
+    return std::count(text.begin(), text.end(), '\n');
+  };
+  const auto numbered = [](int count, const std::string& more) {
+    std::string entries = clientDescription("0");
+    for (int i = 1; i < count; ++i) {
+      entries += "," + clientDescription(std::to_string(i), 5000, more);
+    }
+    return entries;
+  };
+  const std::string faulty =
+      R"({"type":"valtor","phy":[)" + repeated(R"({"type":"udp"})", 17) + "]}";
+  const struct {
+    const char* kind;
+    std::string body;
+    std::string line;  // written once
+  } cases[] = {
+      {"SET", points(repeated(clientDescription("A"), 10001) + "," + clientDescription("keep")),
+       "2 ConnectionPoints refused, there is room for 10000."},
+      {"UPDATE", points(numbered(10003, "")),
+       "5 ConnectionPoints refused, there is room for 10000."},
+      {"UPDATE", points(numbered(10003, R"(,"enabled":false)")),
+       "5 ConnectionPoints refused, there is room for 10000."},
+      {"UPDATE", points(repeated(faulty, 500)),
+       "600 more lines about the elements of one request are left out."},
+      {"SET",
+       R"({"param":{"connectionPointManager":{},"tcpServer":[)" +
+           repeated(R"({"enabled":true,"port":1,"connectionLimit":4,"numConnections":0})", 1003) +
+           "]}}",
+       "3 TCP servers at the end of a list are ignored, 1000 may be stored."},
+      {"DEL",
+       R"({"objectBase":"deviceConnection","objectName":[)" + repeated(R"("d")", 1000) + "]}",
+       "deviceConnection d REMOVED from connectionPoint A"},
+  };
+  manager.add(clientDescription("keep"));
+  manager.add(clientDescription("A"))->addDevice("d");
+  for (const auto& one : cases) {
+    SCOPED_TRACE(one.line);
+    log.clear();
+    const auto before = consoleLines();
+    manager.handle(one.kind, one.body);
+    const std::vector<LogLine> lines = log.lines();
+    const auto logged = std::count_if(
+        lines.begin(), lines.end(), [](const LogLine& line) { return line.priority != LOG_DEBUG; });
+    EXPECT_EQ(log.countContaining(one.line), 1);
+    EXPECT_LE(logged + consoleLines() - before, 1000);
+  }
+  ASSERT_NE(manager.get("keep"), nullptr) << "it was listed";
+  EXPECT_EQ(manager.created, 2 + 10000 + 9998 + 9998 + 500) << "without room nothing is loaded";
+  EXPECT_EQ(manager.get("A")->deviceSearches, 1);
+  EXPECT_EQ(manager.get("keep")->deviceSearches, 0) << "it has no device";
 }
 
 TEST_F(DeviceRequestsTest, SetSweepsWhatItNoLongerListsAndSaves) {

@@ -2,7 +2,7 @@
 #include <unistd.h>
 
 #include "connections/ConnectionFakes.h"
-#include "connections/IncomingClientDirectory.h"
+#include "connections/IncomingClientFile.h"
 
 namespace valtor::test {
 namespace {
@@ -31,6 +31,10 @@ TEST_F(ManagerTest, TheTwentyFirstIsRefusedWhateverItIs) {
   EXPECT_NE(manager.merge(clientDescription("A", 7)), nullptr) << "what is there is still updated";
   manager.get("S3")->setConnected(false);
   EXPECT_NE(manager.add(clientDescription("B")), nullptr);
+  manager.add(serverDescription("S4"));
+  manager.get("S5")->clearPhys();
+  manager.handle("DEL", R"({"objectName":["connectionPoint.S6"]})");
+  EXPECT_EQ(manager.countConnectedServerConnectionPoints(), 16U);
 }
 
 TEST_F(ManagerTest, AMergeFollowsTheDescription) {
@@ -45,6 +49,12 @@ TEST_F(ManagerTest, AMergeFollowsTheDescription) {
   EXPECT_EQ(cp->connects, 2);
   cp->setConnected(true);
   cp->addDevice("d");
+  std::string foreign = clientDescription("A", 7);
+  foreign.replace(foreign.find("valtor"), 6, "others");
+  AbstractConnectionPointManager::ConnectionPointList list;
+  list.push_back(manager.createConnectionPoint(parseJSON(foreign).get()));
+  manager.addConnectionPoints(std::move(list));
+  EXPECT_EQ(cp->getType(), "valtor") << "another type is none of ours";
   manager.merge(clientDescription("A", 5001, R"(,"enabled":false)"));
   EXPECT_FALSE(cp->isConnected());
   EXPECT_EQ(manager.ids(), "A");
@@ -96,14 +106,14 @@ mode_t modeOf(const std::string& path) {
   return status.st_mode & 07777;
 }
 
-TEST(IncomingClientDirectoryTest, IsMadeAndOpenedWhateverItsName) {
+TEST(IncomingClientFolderTest, IsMadeAndOpenedWhateverItsName) {
   const TemporaryFolder folder;
   const std::string path = folder.at("it's $HOME; `here`/");
-  prepareIncomingClientDirectory(path);
+  IncomingClientFile::prepareFolder(path);
   EXPECT_EQ(modeOf(path), 0777U);
 }
 
-TEST(IncomingClientDirectoryTest, WhatIsNotOursKeepsItsMode) {
+TEST(IncomingClientFolderTest, WhatIsNotOursKeepsItsMode) {
   namespace fs = std::filesystem;
   LogCapture log;
   const TemporaryFolder folder;
@@ -117,7 +127,7 @@ TEST(IncomingClientDirectoryTest, WhatIsNotOursKeepsItsMode) {
       continue;  // only root can give a folder away
     }
     log.clear();
-    prepareIncomingClientDirectory(folder.at(name) + "/");
+    IncomingClientFile::prepareFolder(folder.at(name) + "/");
     EXPECT_EQ(modeOf(folder.at(name)), 0700U) << name;
     EXPECT_EQ(log.lines().size(), 1U) << name;
   }

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/LineBudget.h"
 #include "connections/phy/IPPhy.h"
 #include "connections/phy/SerialPhy.h"
 #include "connections/phy/TBusPhy.h"
@@ -37,17 +38,23 @@ ConnectionPointPhy::ConnectionPointPhy(std::string type) : type_(std::move(type)
 std::unique_ptr<ConnectionPointPhy> ConnectionPointPhy::createFromJSON(const cJSON* item) {
   const char* type = stringMember(item, "type");
   if (type == nullptr) {
-    syslog(LOG_WARNING, "ConnectionPointPhy::loadFromJSON - type not specified.\n");
+    if (LineBudget::spend()) {
+      syslog(LOG_WARNING, "ConnectionPointPhy::loadFromJSON - type not specified.\n");
+    }
     return nullptr;
   }
   std::unique_ptr<ConnectionPointPhy> phy = phyOfType(type);
   if (!phy) {
-    syslog(LOG_WARNING, "ConnectionPointPhy::loadFromJSON - unsupported type:%s\n",
-           quotedForLog(type).c_str());
+    if (LineBudget::spend()) {
+      syslog(LOG_WARNING, "ConnectionPointPhy::loadFromJSON - unsupported type:%s\n",
+             quotedForLog(type).c_str());
+    }
     return nullptr;
   }
   if (phy->loadFromJSON(item) != 0) {
-    syslog(LOG_WARNING, "ConnectionPointPhy::loadFromJSON - data parsing error:\n");
+    if (LineBudget::spend()) {
+      syslog(LOG_WARNING, "ConnectionPointPhy::loadFromJSON - data parsing error:\n");
+    }
     return nullptr;
   }
   return phy;
@@ -57,7 +64,9 @@ int ConnectionPointPhy::loadFromJSON(const cJSON* item) {
   const char* type = stringMember(item, "type");
   if (type == nullptr) {
     // The text names the IP phy, whose loader begins with this one.
-    syslog(LOG_WARNING, "IPPhy::loadFromJSON - type not specified.\n");
+    if (LineBudget::spend()) {
+      syslog(LOG_WARNING, "IPPhy::loadFromJSON - type not specified.\n");
+    }
     return -1;
   }
   type_ = type;

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <syslog.h>
 
+#include "app/util/LineBudget.h"
+
 namespace valtor {
 
 namespace {
@@ -25,7 +27,9 @@ int IPPhy::loadFromJSON(const cJSON* item) {
   if (const cJSON* address = cJSON_GetObjectItem(item, "ipAddress"); address != nullptr) {
     const char* text = cJSON_GetStringValue(address);
     if (!isDottedAddress(text)) {
-      syslog(LOG_WARNING, "IPPhy::loadFromJSON - invalid IP Address.\n");
+      if (LineBudget::spend()) {
+        syslog(LOG_WARNING, "IPPhy::loadFromJSON - invalid IP Address.\n");
+      }
       return -1;
     }
     ipAddress_ = text;
@@ -33,7 +37,9 @@ int IPPhy::loadFromJSON(const cJSON* item) {
   if (const cJSON* port = cJSON_GetObjectItem(item, "port"); port != nullptr) {
     port_ = port->valueint;
     if (port_ == 0 || port_ > kHighestLoadedPort) {
-      syslog(LOG_WARNING, "IPPhy::loadFromJSON - invalid port.\n");
+      if (LineBudget::spend()) {
+        syslog(LOG_WARNING, "IPPhy::loadFromJSON - invalid port.\n");
+      }
       return -1;
     }
   }
@@ -41,7 +47,9 @@ int IPPhy::loadFromJSON(const cJSON* item) {
     if (cJSON_IsBool(server)) {
       server_ = cJSON_IsTrue(server) ? 1 : 0;
     } else {
-      syslog(LOG_WARNING, "TCPPhy::loadFromJSON - invalid server type.\n");
+      if (LineBudget::spend()) {
+        syslog(LOG_WARNING, "TCPPhy::loadFromJSON - invalid server type.\n");
+      }
     }
   }
   return 0;

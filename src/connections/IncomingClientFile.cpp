@@ -1,14 +1,18 @@
-#include "connections/IncomingClientDirectory.h"
+#include "connections/IncomingClientFile.h"
 
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
+#include <mutex>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 
 #include "app/util/ErrnoText.h"
 #include "app/util/Files.h"
+#include "app/util/Paths.h"
 
 namespace valtor {
 
@@ -49,9 +53,38 @@ bool isOurFolder(const std::string& directory) {
   return true;
 }
 
+void prepareFolderOnce() {
+  static std::once_flag once;
+  std::call_once(once, [] { IncomingClientFile::prepareFolder(paths().incomingClientDirectory); });
+}
+
 }  // namespace
 
-void prepareIncomingClientDirectory(const std::string& directory) {
+IncomingClientFile::IncomingClientFile(const std::string& managerName, std::string type)
+    : path_(paths().incomingClientDirectory + managerName + "IncomingClientConnections.json"),
+      type_(std::move(type)) {
+  prepareFolderOnce();
+}
+
+void IncomingClientFile::write(const std::function<JSONPtr()>& render, bool force) {
+  const Locked lock(lock_);
+  JSONPtr clients = render();
+  if (!clients && !force) {
+    return;
+  }
+  JSONPtr object(cJSON_CreateObject());
+  addMember(object.get(), "serverConnectionPoint",
+            clients ? std::move(clients) : JSONPtr(cJSON_CreateArray()));
+  cJSON_AddStringToObject(object.get(), "type", type_.c_str());
+  try {
+    saveTextFile(path_, printJSON(object.get(), false));
+  } catch (const std::exception& error) {
+    syslog(LOG_ERR, "The list of incoming %s clients is not on disk until its next change: %s\n",
+           type_.c_str(), error.what());
+  }
+}
+
+void IncomingClientFile::prepareFolder(const std::string& directory) {
   try {
     ensureDirectory(directory);
   } catch (const std::system_error& error) {
