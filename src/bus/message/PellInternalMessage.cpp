@@ -86,9 +86,16 @@ PellInternalMessage::PellInternalMessage(std::vector<char> payload)
 
 PellInternalMessage::~PellInternalMessage() = default;
 
-PellInternalMessage::PellInternalMessage(PellInternalMessage&& other) noexcept {
-  *this = std::move(other);
-}
+// Moving a vector keeps its storage, so bodyText_ still points into it.
+PellInternalMessage::PellInternalMessage(PellInternalMessage&& other) noexcept
+    : header(std::exchange(other.header, PellInternalHeader())),
+      bodyText_(std::exchange(other.bodyText_, nullptr)),
+      rawBuffer_(std::move(other.rawBuffer_)),
+      body_(std::move(other.body_)),
+      rawVector_(std::move(other.rawVector_)),
+      uniqueId_(std::exchange(other.uniqueId_, {})),
+      view_(std::move(other.view_)),
+      decoded_(std::exchange(other.decoded_, false)) {}
 
 PellInternalMessage& PellInternalMessage::operator=(PellInternalMessage&& other) noexcept {
   if (this != &other) {
