@@ -19,7 +19,7 @@ AbstractConnectionPointManagerPELClient::~AbstractConnectionPointManagerPELClien
 }
 
 int AbstractConnectionPointManagerPELClient::onMessage(const PellInternalMessage& message) {
-  gate_.wait([this] { return isClosing(); });
+  gate_.wait(closingToken());
   if (isClosing()) {
     return 0;
   }
@@ -136,7 +136,5 @@ bool AbstractConnectionPointManagerPELClient::offerLocked(const PellInternalMess
   }
   return taken;
 }
-
-void AbstractConnectionPointManagerPELClient::onClosing() { gate_.wake(); }
 
 }  // namespace valtor

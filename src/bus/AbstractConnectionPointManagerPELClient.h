@@ -7,6 +7,7 @@
 #include <system_error>
 #include <vector>
 
+#include "app/util/FairMutex.h"
 #include "app/util/Mutex.h"
 #include "app/util/StartGate.h"
 #include "bus/IPellaInternalProtocolHandler.h"
@@ -47,9 +48,6 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
   // Holds back every received message until opened; shut by start-up before connect().
   StartGate& startGate() { return gate_; }
 
- protected:
-  void onClosing() override;
-
  private:
   bool handleMasterState(const PellInternalMessage& message);
   bool offerLocked(const PellInternalMessage& message, ResponseList& responses)
@@ -57,7 +55,7 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
 
   const std::string databaseDirectory_;
   StartGate gate_;
-  Mutex handlerLock_;
+  FairMutex handlerLock_;  // the receive thread has its turn behind any backlog of messages
   std::vector<std::unique_ptr<IPellaInternalProtocolHandler>> handlers_
       VALTOR_GUARDED_BY(handlerLock_);
 };

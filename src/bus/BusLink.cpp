@@ -1,108 +1,377 @@
 #include "bus/BusLink.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <linux/sockios.h>
 #include <new>
+#include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <thread>
+#include <syslog.h>
 #include <utility>
 
-#include "app/util/Mutex.h"
+#include "app/util/ErrnoText.h"
+#include "app/util/PollWait.h"
+#include "bus/FrameSender.h"
 
 namespace valtor {
 
-std::optional<std::vector<BusLink::SendResult>> BusLink::open(
-    UniqueDescriptor socket, int retryBudget,
-    const std::function<std::vector<std::string>()>& firstFrames) {
-  const Locked lock(sendLock_);
-  if (closing_) {
-    return std::nullopt;
+namespace {
+
+// A socket that says it has room and then refuses is left alone for this long.
+constexpr std::chrono::microseconds kFullPause{100};
+
+}  // namespace
+
+// Holds the send lock. Whoever lets it go tells the sender, which only tries it.
+class VALTOR_SCOPED_CAPABILITY BusLink::SendScope {
+ public:
+  explicit SendScope(BusLink& link) VALTOR_ACQUIRE(link.sendLock_) : link_(link) {
+    link_.sendLock_.lock();
   }
-  socket_ = std::move(socket);
-  descriptor_ = socket_.get();
-  shownDescriptor_ = socket_.get();
-  ++number_;
-  tail_.clear();
+  ~SendScope() VALTOR_RELEASE() {
+    link_.sendLock_.unlock();
+    link_.tellSender();
+  }
+  SendScope(const SendScope&) = delete;
+  SendScope& operator=(const SendScope&) = delete;
+
+ private:
+  BusLink& link_;
+};
+
+BusLink::BusLink(std::string name, std::chrono::milliseconds budget,
+                 std::shared_ptr<ClosingSignal> closing)
+    : name_(std::move(name)), budget_(budget), closing_(std::move(closing)) {}
+
+std::optional<std::vector<BusLink::SendResult>> BusLink::open(
+    UniqueDescriptor socket, const std::function<std::vector<SharedFrame>()>& firstFrames) {
+  const SendScope scope(*this);
+  {
+    const Locked lock(socketLock_);
+    if (closing_->begun()) {
+      return std::nullopt;
+    }
+    socket_ = std::move(socket);
+    descriptor_ = socket_.get();
+    shownDescriptor_ = socket_.get();
+    ended_ = false;
+  }
+  queue_.close();
+  queue_.open(++number_);
+  noteTaken();
+  headFullSince_.reset();
+  nextSend_ = {};
   state_ = 1;
   std::vector<SendResult> results;
-  for (const std::string& first : firstFrames()) {
-    results.push_back(write(first, retryBudget));
+  for (const SharedFrame& first : firstFrames()) {
+    results.push_back(write(first));
   }
   return results;
 }
 
-BusLink::SendResult BusLink::send(const std::string& frame, uint32_t link, int retryBudget) {
-  const Locked lock(sendLock_);
-  if (closing_ || state_ != 1 || number_ != link || !socket_.valid()) {
-    return {};
-  }
-  return write(frame, retryBudget);
+bool BusLink::stands(uint32_t link) const {
+  return !isOver() && state_ == 1 && number_ == link && descriptor_ > 0;
 }
 
-BusLink::SendResult BusLink::write(const std::string& frame, int retryBudget) {
-  int budget = retryBudget;
-  int fullCount = 0;
-  if (!tail_.empty()) {
-    SendResult rest = writeBytes(tail_.data(), tail_.size(), budget, fullCount);
-    tail_.erase(0, rest.sent);
+BusLink::SendResult BusLink::send(const SharedFrame& frame, uint32_t link) {
+  SendResult result;
+  {
+    const SendScope scope(*this);
+    if (stands(link)) {
+      result = write(frame);
+    }
+  }
+  sayWhatChanged();
+  return result;
+}
+
+BusLink::SendResult BusLink::write(const SharedFrame& frame) {
+  std::chrono::microseconds left = budget_;
+  if (const auto head = queue_.head(); head && head->offset > 0) {
+    SendResult rest = writeBytes(head->frame, head->offset, left);
     if (rest.outcome != Send::Sent) {
       rest.sent = 0;
-      rest.size = frame.size();
+      rest.size = frame->size();
       return rest;
     }
   }
-  const SendResult result = writeBytes(frame.data(), frame.size(), budget, fullCount);
-  if (result.outcome != Send::Sent && result.sent > 0) {
+  SendResult result = writeBytes(frame, 0, left);
+  return result;
+}
+
+// Sends a frame from that offset on; of one that is at the queue's head the queue is told.
+BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, std::size_t offset,
+                                        std::chrono::microseconds& left) {
+  const bool isHead = offset > 0;
+  SendResult result;
+  result.size = frame->size();
+  result.sent = offset;
+  while (result.sent < result.size && result.outcome == Send::NotConnected) {
+    waitForPace();
+    if (isOver()) {
+      break;
+    }
+    const ssize_t count = sendOnce(frame, result.sent);
+    if (count >= 0) {
+      result.sent += static_cast<std::size_t>(count);
+      if (isHead) {
+        queue_.advance(static_cast<std::size_t>(count));
+      }
+    } else if (errno != EAGAIN) {
+      result.error = errno;
+      result.outcome = Send::Failed;
+    } else if (left <= std::chrono::microseconds::zero()) {
+      result.outcome = Send::BudgetExhausted;
+    } else {
+      waitForRoom(left);
+    }
+  }
+  if (result.sent == result.size) {
+    result.outcome = Send::Sent;
+  } else if (result.sent > 0 && !isHead) {
     try {
-      tail_ = frame.substr(result.sent);
+      queue_.pushFront(frame, result.sent);
+      headFullSince_.reset();
     } catch (const std::bad_alloc&) {
-      ::shutdown(socket_.get(), SHUT_RDWR);  // without the rest no further frame can follow
+      shutdownSocket();  // without the rest no further frame can follow
       throw;
     }
   }
   return result;
 }
 
-BusLink::SendResult BusLink::writeBytes(const char* data, std::size_t size, int& budget,
-                                        int& fullCount) {
-  SendResult result;
-  result.size = size;
-  while (result.sent < size && budget > 0) {
-    if (closing_) {
-      result.outcome = Send::NotConnected;
-      return result;
+// What send(2) says; a success sets the pace.
+ssize_t BusLink::sendOnce(const SharedFrame& frame, std::size_t offset) {
+  ssize_t count = 0;
+  do {
+    count = ::send(descriptor_, frame->data() + offset, frame->size() - offset,
+                   MSG_DONTWAIT | MSG_NOSIGNAL);
+  } while (count < 0 && errno == EINTR);
+  if (count >= 0) {
+    nextSend_ = Clock::now() + kPace;
+    noteTaken();
+  } else if (errno == EAGAIN) {
+    noteFull();
+    errno = EAGAIN;
+  }
+  return count;
+}
+
+// A shut down socket ends both waits at once.
+void BusLink::waitForPace() const {
+  if (Clock::now() < nextSend_) {
+    pollUntil(descriptor_, 0, nextSend_);
+  }
+}
+
+void BusLink::waitForRoom(std::chrono::microseconds& left) const {
+  const auto begin = Clock::now();
+  const auto longest = std::min<std::chrono::microseconds>(left, kRoomSlice);
+  pollUntil(descriptor_, POLLOUT, begin + longest);
+  if (Clock::now() - begin < kFullPause) {
+    pollUntil(descriptor_, 0, begin + kFullPause);
+  }
+  left -= std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - begin);
+}
+
+void BusLink::noteTaken() {
+  fullSince_.reset();
+  stalled_ = false;
+}
+
+// Takes nothing: no send succeeded for a while, and of what the socket holds nothing was
+// acknowledged.
+void BusLink::noteFull() {
+  const auto now = Clock::now();
+  int unsent = 0;
+  ioctl(descriptor_, SIOCOUTQ, &unsent);
+  if (!fullSince_ || unsent != unsentBytes_) {
+    noteTaken();
+    fullSince_ = now;
+    unsentBytes_ = unsent;
+  } else if (!stalled_ && now - *fullSince_ >= kStall) {
+    stalled_ = true;
+    queue_.wake();
+  }
+}
+
+BusLink::Send BusLink::forward(const SharedFrame& frame, const std::stop_token& caller) {
+  const auto sender = sender_.lock();
+  if (sender == nullptr || !sender->isStarted()) {
+    const SendResult result = send(frame, number_);
+    report(result);
+    return result.outcome;
+  }
+  const Send outcome = enqueue(frame, *sender, caller);
+  if (outcome != Send::Sent) {
+    return outcome;
+  }
+  if (sendLock_.tryLock()) {
+    std::optional<SendResult> trouble;
+    {
+      const Locked lock(sendLock_, std::adopt_lock);
+      Wait unused;
+      trouble = drainHead(unused);
     }
-    const ssize_t count =
-        ::send(socket_.get(), data + result.sent, size - result.sent, MSG_DONTWAIT | MSG_NOSIGNAL);
-    if (count >= 0) {
-      result.sent += static_cast<std::size_t>(count);
-      std::this_thread::sleep_for(kPause);
-    } else if (errno == EAGAIN) {
-      std::this_thread::sleep_for(kFullPause);
-      if (++fullCount % 10 == 0) {
-        --budget;
-      }
-    } else if (errno != EINTR) {
-      result.outcome = Send::Failed;
-      result.error = errno;
-      return result;
+    sayWhatChanged();
+    if (trouble) {
+      report(*trouble);
     }
   }
-  result.outcome = result.sent == size ? Send::Sent : Send::BudgetExhausted;
-  return result;
+  tellSender();
+  return outcome;
+}
+
+// Every frame passes through the queue, so that none overtakes another.
+BusLink::Send BusLink::enqueue(const SharedFrame& frame, FrameSender& sender,
+                               const std::stop_token& caller) {
+  const uint32_t link = number_;
+  while (!isOver() && state_ == 1) {
+    const bool mayGrow = !sender.budget().isExceeded() || (!stalled_ && sender.makeRoom());
+    const OutgoingQueue::Answer answer = queue_.push(frame, link, mayGrow);
+    if (answer.push == OutgoingQueue::Push::Taken) {
+      return Send::Sent;
+    }
+    if (answer.push == OutgoingQueue::Push::Closed) {
+      break;
+    }
+    if (stalled_ || caller.stop_requested()) {
+      noteDropped();
+      return Send::Sent;
+    }
+    sender.add(shared_from_this());
+    queue_.waitForChange(answer.changes, closing_->token(), caller);
+  }
+  return Send::NotConnected;
+}
+
+BusLink::Wait BusLink::drain() {
+  Wait wait;
+  if (!sendLock_.tryLock()) {
+    missed_ = true;
+    if (!sendLock_.tryLock()) {
+      wait.reason = Wait::For::Holder;
+      return wait;
+    }
+    // Whoever had it may not have seen the mark, which only costs a useless look.
+  }
+  std::optional<SendResult> trouble;
+  {
+    const Locked lock(sendLock_, std::adopt_lock);
+    trouble = drainHead(wait);
+  }
+  sayWhatChanged();
+  if (trouble) {
+    report(*trouble);
+  }
+  return wait;
+}
+
+// At most one send: the next one has to wait for the pace. What there is to log about it.
+std::optional<BusLink::SendResult> BusLink::drainHead(Wait& wait) {
+  const auto head = stands(number_) ? queue_.head() : std::nullopt;
+  if (!head) {
+    return std::nullopt;
+  }
+  const auto now = Clock::now();
+  if (now < nextSend_) {
+    wait = {Wait::For::Pace, nextSend_, 0};
+    return std::nullopt;
+  }
+  SendResult result;
+  result.sent = head->offset;
+  result.size = head->frame->size();
+  const ssize_t count = sendOnce(head->frame, head->offset);
+  if (count >= 0) {
+    headFullSince_.reset();
+    queue_.advance(static_cast<std::size_t>(count));
+    if (hasWaiting()) {
+      wait = {Wait::For::Pace, nextSend_, 0};
+    }
+    return std::nullopt;
+  }
+  if (errno != EAGAIN) {
+    result.error = errno;
+    result.outcome = Send::Failed;
+    shutdownSocket();
+    return result;
+  }
+  // Nobody waits for a stalled router, so seeing late that it goes on costs nobody anything.
+  wait = {Wait::For::Room, now + (stalled_ ? 5 * kRoomSlice : kRoomSlice), descriptor_};
+  if (!headFullSince_) {
+    headFullSince_ = now;
+  } else if (now - *headFullSince_ >= budget_) {
+    headFullSince_ = now;  // the frame stays
+    result.outcome = Send::BudgetExhausted;
+    return result;
+  }
+  return std::nullopt;
+}
+
+bool BusLink::giveWay() {
+  if (!stalled_ || queue_.dropNewest() == 0) {
+    return false;
+  }
+  noteDropped();
+  return true;
+}
+
+void BusLink::noteDropped() {
+  {
+    const Locked lock(episodeLock_);
+    if (++droppedFrames_ > 1) {
+      return;
+    }
+  }
+  syslog(LOG_WARNING, "%s takes no messages: what finds no room to wait is dropped from now on.\n",
+         nameForLog(name_).c_str());
+}
+
+// Ends the episode of a router that was stalled.
+void BusLink::sayWhatChanged() {
+  std::size_t count = 0;
+  {
+    const Locked lock(episodeLock_);
+    if (droppedFrames_ == 0 || stalled_) {
+      return;
+    }
+    std::swap(count, droppedFrames_);
+  }
+  syslog(LOG_WARNING, "%s: %zu messages were dropped while it took none.\n",
+         nameForLog(name_).c_str(), count);
+}
+
+void BusLink::report(const SendResult& result) const {
+  if (result.outcome == Send::Failed) {
+    syslog(LOG_ERR, "%s send error (fd=%d, %s) : %s\n",
+           "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
+           shownDescriptor(), nameForLog(name_).c_str(), errnoText(result.error).c_str());
+  } else if (result.outcome == Send::BudgetExhausted) {
+    syslog(LOG_ERR,
+           "const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zd)\n",
+           static_cast<int>(result.sent), static_cast<ssize_t>(result.size));
+    std::printf("const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zu)\n",
+                static_cast<int>(result.sent), result.size);
+  }
 }
 
 void BusLink::setState(int state) {
-  const Locked lock(sendLock_);
-  state_ = state;
-}
-
-void BusLink::beginClosing() {
-  closing_ = true;  // before the lock: whoever holds it while it waits for a full socket gives up
-  shutdownSocket();
+  std::size_t lost = 0;
+  {
+    const SendScope scope(*this);
+    state_ = state;
+    if (state != 1) {
+      lost = endQueue();
+    }
+  }
+  sayLost(lost);
 }
 
 void BusLink::shutdownSocket() {
-  const Locked lock(sendLock_);
+  const Locked lock(socketLock_);
+  ended_ = true;
   if (socket_.valid()) {
     // A bare close would leave a reader blocked and free the number for somebody else.
     ::shutdown(socket_.get(), SHUT_RDWR);
@@ -110,9 +379,46 @@ void BusLink::shutdownSocket() {
 }
 
 void BusLink::closeSocket() {
-  const Locked lock(sendLock_);
-  descriptor_ = 0;
-  socket_.reset();
+  shutdownSocket();  // who holds the send lock gives up
+  std::size_t lost = 0;
+  {
+    const SendScope scope(*this);
+    lost = endQueue();
+    const Locked lock(socketLock_);
+    descriptor_ = 0;
+    socket_.reset();
+  }
+  sayLost(lost);
+}
+
+// The waiting frames go with their link.
+std::size_t BusLink::endQueue() {
+  noteTaken();
+  return queue_.close();
+}
+
+void BusLink::sayLost(std::size_t count) {
+  sayWhatChanged();
+  if (count > 0) {
+    syslog(LOG_WARNING, "%s: %zu messages that waited to leave are lost with the link.\n",
+           nameForLog(name_).c_str(), count);
+  }
+}
+
+// After the send lock was let go, or a frame was left to whoever has it.
+void BusLink::tellSender() {
+  const bool missed = missed_.exchange(false);
+  if (!missed && !hasWaiting()) {
+    return;
+  }
+  if (const auto sender = sender_.lock()) {
+    if (hasWaiting()) {
+      sender->add(shared_from_this());
+    }
+    if (missed) {
+      sender->wake();
+    }
+  }
 }
 
 }  // namespace valtor

@@ -47,7 +47,6 @@ bool MyThreadClass::start() {
     syslog(LOG_ERR, "Thread %s could not be started: %s\n", name(), errnoText(status).c_str());
     return false;
   }
-  started_ = true;
   return true;
 }
 
@@ -56,9 +55,5 @@ int MyThreadClass::join() { return pthread_join(handle_, nullptr); }
 void MyThreadClass::end() { running_ = false; }
 
 bool MyThreadClass::isRunning() { return running_; }
-
-bool MyThreadClass::isCurrentThread() const {
-  return started_ && pthread_equal(handle_, pthread_self()) != 0;
-}
 
 }  // namespace valtor

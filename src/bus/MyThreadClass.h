@@ -27,9 +27,6 @@ class MyThreadClass {
   virtual void end();
   virtual bool isRunning();
 
-  // Whether the calling thread is this one. False before start().
-  bool isCurrentThread() const;
-
  protected:
   // The thread's body. Nothing may be thrown out of it; what is, is logged and ends the thread.
   virtual void InternalThreadEntry() = 0;
@@ -41,7 +38,6 @@ class MyThreadClass {
 
   std::string name_;
   std::atomic<bool> running_{true};
-  std::atomic<bool> started_{false};
   pthread_t handle_{};
   int stackSize_;
 };

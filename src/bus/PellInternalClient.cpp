@@ -66,18 +66,12 @@ bool isUsable(const std::string& host, int32_t port) {
 
 }  // namespace
 
-PellInternalClient::OwnThread::OwnThread(PellInternalClient& client) : client_(client) {
-  currentClient = &client;
-}
-
-PellInternalClient::OwnThread::~OwnThread() {
-  currentClient = nullptr;
-  client_.threadEnded();
-}
-
 PellInternalClient::PellInternalClient(std::string host, int32_t port, std::string name,
                                        int32_t sendRetryBudget)
-    : sendRetryBudget_(sendRetryBudget), name_(std::move(name)), endpoint_{std::move(host), port} {
+    : name_(std::move(name)),
+      // A unit stands for ten waits of 100 us.
+      link_(std::make_shared<BusLink>(name_, std::chrono::milliseconds(sendRetryBudget), closing_)),
+      endpoint_{std::move(host), port} {
   parser_.setMessageCallback(
       [this](const std::vector<PellInternalMessage>& messages) { deliver(messages); });
 }
@@ -96,30 +90,25 @@ int PellInternalClient::sendConstMessage(const PellInternalMessage& message) {
 
 int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourceConnID) {
   BusLink::SendResult result;
-  const uint32_t link = link_.number();
+  const uint32_t link = link_->number();
   if (isConnected()) {
-    result = link_.send(frame(message.encodeFrom(sourceConnID)), link, sendRetryBudget_);
+    result = link_->send(frameOf(message, sourceConnID), link);
   }
   if (result.outcome == BusLink::Send::NotConnected) {
     syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
     return 0;
   }
-  reportSendFailure(result);
+  link_->report(result);
   return result.outcome == BusLink::Send::Sent ? 0 : -1;
 }
 
-void PellInternalClient::reportSendFailure(const BusLink::SendResult& result) {
-  if (result.outcome == BusLink::Send::Failed) {
-    syslog(LOG_ERR, "%s send error (fd=%d, %s) : %s\n",
-           "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
-           link_.shownDescriptor(), nameForLog(name_).c_str(), errnoText(result.error).c_str());
-  } else if (result.outcome == BusLink::Send::BudgetExhausted) {
-    syslog(LOG_ERR,
-           "const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zd)\n",
-           static_cast<int>(result.sent), static_cast<ssize_t>(result.size));
-    std::printf("const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zu)\n",
-                static_cast<int>(result.sent), result.size);
+int PellInternalClient::forwardFrame(const SharedFrame& frame) {
+  const std::stop_token caller =
+      currentClient != nullptr ? currentClient->closingToken() : std::stop_token();
+  if (link_->forward(frame, caller) == BusLink::Send::NotConnected) {
+    syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
   }
+  return 0;
 }
 
 void PellInternalClient::subscribe(const std::string& path) {
@@ -130,7 +119,7 @@ void PellInternalClient::subscribe(const std::string& path) {
 }
 
 void PellInternalClient::repeatWhatFailed() {
-  if (const int state = link_.state(); state != reportedState_) {
+  if (const int state = link_->state(); state != reportedState_) {
     onConnectionStateChanged(state, "report repeated");
     reportedState_ = state;
   }
@@ -143,7 +132,7 @@ std::string PellInternalClient::getName() { return name_; }
 
 bool PellInternalClient::isLocalBusClient() { return true; }
 
-bool PellInternalClient::isConnected() const { return link_.state() == 1; }
+bool PellInternalClient::isConnected() const { return link_->state() == 1; }
 
 int PellInternalClient::onMessage(const PellInternalMessage& message) {
   if (message.getKind() != MessageKind::GET || message.header.path != "system") {
@@ -174,25 +163,27 @@ JSONPtr PellInternalClient::buildLoginParameters() {
 }
 
 void PellInternalClient::setConnectionState(int state, const std::string& reason) {
-  link_.setState(state);
+  link_->setState(state);
   onConnectionStateChanged(state, reason);
   reportedState_ = state;
 }
 
 int PellInternalClient::connect() {
-  const Endpoint target = endpoint();
-  if (!isUsable(target.host, target.port)) {
-    warnOfEndpoint(target);
+  if (!hasEndpoint()) {
     return -1;
   }
   const Locked lock(lifecycle_);
-  if (rxThread_ && link_.isClosing()) {
+  if (rxThread_ && closing_->begun()) {
     stopThreads("disconnect");  // one of its own threads asked for the end
   }
   if (rxThread_) {
     return isConnected() ? 0 : -1;
   }
-  link_.endClosing();
+  {
+    const Locked threads(threadsLock_);
+    ownClose_ = nullptr;
+  }
+  closing_->reset();
   try {
     const int result = attemptConnection(timing_.ownerAttempt);
     return startThreads() ? result : -1;
@@ -202,18 +193,25 @@ int PellInternalClient::connect() {
   }
 }
 
-// Once per endpoint: owners try again whenever a description is reloaded.
-void PellInternalClient::warnOfEndpoint(const Endpoint& target) {
+// Warns once per endpoint in a row: owners try again whenever a description is reloaded.
+bool PellInternalClient::hasEndpoint() {
+  Endpoint target;
   {
     const Locked lock(endpointLock_);
+    target = endpoint_;
+    if (isUsable(target.host, target.port)) {
+      warnedEndpoint_.reset();
+      return true;
+    }
     if (warnedEndpoint_ && warnedEndpoint_->host == target.host &&
         warnedEndpoint_->port == target.port) {
-      return;
+      return false;
     }
     warnedEndpoint_ = target;
   }
   syslog(LOG_WARNING, "PellInternalClient %s cannot connect to \"%s\" port %d: no such place.\n",
          nameForLog(name_).c_str(), nameForLog(target.host).c_str(), target.port);
+  return false;
 }
 
 int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
@@ -238,7 +236,7 @@ int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
       syslog(LOG_ERR, "PellInternalClient connect error: %s %s\n", errnoText(error).c_str(),
              target.host.c_str());
     }
-    link_.showDescriptor(0);
+    link_->showDescriptor(0);
     return -1;
   }
   syslog(LOG_DEBUG, "connect OK!\n");
@@ -255,19 +253,19 @@ bool PellInternalClient::openLink(UniqueDescriptor socket) {
   // Built before the send lock is taken: derived classes take locks of their own for it. The id is
   // asked for each message, as in sendMessage.
   const SETMessage loginMessage("system.connection", buildLoginParameters());
-  const std::string login = frame(loginMessage.encodeFrom(getConnID()));
+  const SharedFrame login = frameOf(loginMessage, getConnID());
   const int connID = getConnID();
   subscriptionsUnsent_ = false;
-  const auto results = link_.open(std::move(socket), sendRetryBudget_, [&] {
+  const auto results = link_->open(std::move(socket), [&] {
     // Read under the send lock: whoever adds a path later finds the link standing and sends it.
     const SETMessage list("system.connection", subscribeObject(subscriptions()));
-    return std::vector<std::string>{login, frame(list.encodeFrom(connID))};
+    return std::vector<SharedFrame>{login, frameOf(list, connID)};
   });
   if (!results) {
     return false;
   }
   for (const BusLink::SendResult& result : *results) {
-    reportSendFailure(result);
+    link_->report(result);
   }
   if (results->back().outcome != BusLink::Send::Sent) {
     subscriptionsUnsent_ = true;
@@ -276,9 +274,14 @@ bool PellInternalClient::openLink(UniqueDescriptor socket) {
 }
 
 bool PellInternalClient::startThreads() {
+  // The controller's own client, which would lose what it cannot keep rather than let the node
+  // wait.
   const uint32_t queueLimit = name_ == "valtor" ? PellInternalClientRxThread::kPauseChunks : 0;
-  auto receive = std::make_unique<PellInternalClientRxThread>(*this, queueLimit);
-  auto messages = std::make_unique<PellInternalClientMsgQThread>(*this);
+  auto receive = std::make_unique<PellInternalClientRxThread>(
+      PellInternalClientRxThread::Parts{*this, *link_, queue_, *closing_, timing_, name_},
+      queueLimit);
+  auto messages = std::make_unique<PellInternalClientMsgQThread>(
+      PellInternalClientMsgQThread::Parts{*this, queue_, parser_, *closing_, name_});
   // Counted before each can end, kept as members only once they run.
   threadBegins();
   if (receive->start()) {
@@ -288,6 +291,10 @@ bool PellInternalClient::startThreads() {
       msgQThread_ = std::move(messages);
       return true;
     }
+  }
+  {
+    const Locked lock(threadsLock_);
+    --threadsWorking_;
   }
   threadEnded();
   stopThreads("thread not started");
@@ -307,6 +314,7 @@ void PellInternalClient::waitTillComplete() {
 void PellInternalClient::threadBegins() {
   const Locked lock(threadsLock_);
   ++threadsAlive_;
+  ++threadsWorking_;
 }
 
 void PellInternalClient::threadEnded() {
@@ -315,12 +323,34 @@ void PellInternalClient::threadEnded() {
   threadsChanged_.notify_all();
 }
 
-void PellInternalClient::sleepUnlessClosing(std::chrono::microseconds time) {
-  const auto end = std::chrono::steady_clock::now() + time;
-  const Locked lock(threadsLock_);
-  while (!isClosing() && std::chrono::steady_clock::now() < end) {
-    threadsChanged_.wait_until(threadsLock_, end);
+void PellInternalClient::threadRuns() { currentClient = this; }
+
+void PellInternalClient::threadEnds() {
+  const char* reason = nullptr;
+  {
+    const Locked lock(threadsLock_);
+    if (--threadsWorking_ == 0) {
+      reason = ownClose_;
+    }
   }
+  // Closed by one of the two, with nobody who waits for their end and could report it.
+  if (reason != nullptr && link_->state() != 0) {
+    try {
+      setConnectionState(0, reason);
+    } catch (const std::exception& error) {
+      syslog(LOG_ERR, "PellInternalClient %.1024s: %s\n", name_.c_str(), error.what());
+    }
+  }
+  currentClient = nullptr;
+  threadEnded();
+}
+
+void PellInternalClient::linkChanged(int state, const char* reason) {
+  setConnectionState(state, reason);
+}
+
+bool PellInternalClient::sendKeepAlive() {
+  return sendMessage(PellInternalMessage(MessageKind::SET, "")) == 0;
 }
 
 void PellInternalClient::close() { closeAs("close"); }
@@ -330,6 +360,10 @@ void PellInternalClient::disconnect() { closeAs("disconnect"); }
 void PellInternalClient::closeAs(const char* reason) {
   syslog(LOG_INFO, "Closing PellInternalClient %s...\n", nameForLog(name_).c_str());
   if (currentClient == this) {
+    {
+      const Locked lock(threadsLock_);
+      ownClose_ = reason;
+    }
     beginClosing();
     return;
   }
@@ -342,24 +376,19 @@ void PellInternalClient::stopForDestruction() {
     return;
   }
   syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", nameForLog(name_).c_str(),
-         link_.shownDescriptor());
+         link_->shownDescriptor());
   const Locked lock(lifecycle_);
   if (rxThread_) {
-    syslog(LOG_DEBUG, "~PellInternalClient() close:%d\n", link_.shownDescriptor());
+    syslog(LOG_DEBUG, "~PellInternalClient() close:%d\n", link_->shownDescriptor());
   }
   stopThreads("destroyed");
 }
 
-void PellInternalClient::onClosing() {}
-
+// Whoever waits, on whatever thread, goes on: the signal wakes them, and the end of the socket
+// those who wait for it.
 void PellInternalClient::beginClosing() {
-  link_.beginClosing();
-  queue_.wake();
-  {
-    const Locked lock(threadsLock_);
-    threadsChanged_.notify_all();
-  }
-  onClosing();
+  closing_->begin();
+  link_->shutdownSocket();
 }
 
 void PellInternalClient::stopThreads(const char* reason) {
@@ -374,7 +403,7 @@ void PellInternalClient::stopThreads(const char* reason) {
     rxThread_->join();
     rxThread_.reset();
   }
-  link_.closeSocket();
+  link_->closeSocket();
   if (msgQThread_) {
     msgQThread_->join();
     msgQThread_.reset();
@@ -382,7 +411,7 @@ void PellInternalClient::stopThreads(const char* reason) {
   queue_.clear();
   parser_.reset();
   // Last, so that no report of a thread can follow it.
-  if (link_.state() != 0) {
+  if (link_->state() != 0) {
     setConnectionState(0, reason);
   }
 }

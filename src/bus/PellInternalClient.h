@@ -6,13 +6,18 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "app/util/Mutex.h"
 #include "app/util/OwnedJSON.h"
 #include "app/util/UniqueDescriptor.h"
 #include "bus/BusLink.h"
+#include "bus/ClientTiming.h"
+#include "bus/ClosingSignal.h"
+#include "bus/IClientThreadHost.h"
 #include "bus/IPellInternalClient.h"
 #include "bus/ReceiveQueue.h"
 #include "bus/message/PellInternalStreamParser.h"
@@ -20,6 +25,7 @@
 namespace valtor {
 
 class ConnectionPointPhy;
+class FrameSender;
 class PellInternalClientMsgQThread;
 class PellInternalClientRxThread;
 
@@ -37,27 +43,15 @@ class PellInternalClientRxThread;
 // client's own threads only asks the threads to end. No thread of the client takes the life-cycle
 // lock. Every most-derived class calls stopForDestruction() first thing in its destructor, since
 // the threads call its virtual operations until then.
-class PellInternalClient : public IPellInternalClient {
+class PellInternalClient : public IPellInternalClient, private IClientThreadHost {
  public:
-  // Times that tests shorten. Set before connect().
-  struct Timing {
-    // The least time between the starts of two attempts of the receive thread.
-    std::chrono::microseconds reconnectDelay{1000000};
-    // The longest that an attempt of the receive thread waits for the connection.
-    std::chrono::milliseconds attempt{3000};
-    // The same for the owner's attempt in connect().
-    std::chrono::milliseconds ownerAttempt{3000};
-    // Traffic that arrives later than this after the last keep-alive triggers one.
-    std::chrono::microseconds keepAlive{20999999};
-    // The socket's receive time-out; 0 is none. Ten of them in a row end the link.
-    std::chrono::milliseconds receiveTimeout{0};
-  };
+  using Timing = ClientTiming;
 
   static constexpr int kDefaultSendRetryBudget = 100;
 
   // The host is a name or an IPv4 address of the bus node, the port 1 to 65535. The name is the
-  // client's own on the bus. A budget of n lets a frame meet 10 n times a full socket before its
-  // sending is given up. Sends nothing.
+  // client's own on the bus. With a budget of n a frame waits n milliseconds for a full socket
+  // before its sending is given up. Sends nothing.
   PellInternalClient(std::string host, int32_t port, std::string name,
                      int32_t sendRetryBudget = kDefaultSendRetryBudget);
   PellInternalClient();
@@ -94,10 +88,17 @@ class PellInternalClient : public IPellInternalClient {
   int connect();
   // Sends the message as it is. 0 when sent or dropped because the link is down, -1 on failure.
   int sendConstMessage(const PellInternalMessage& message);
+  // Hands on a frame that goes to several clients, in order and without waiting for a node that
+  // takes nothing: what cannot leave now waits for the frame sender. Blocks only while that queue
+  // is full and its node still takes frames, and until this client or the one whose thread calls is
+  // closed. Where there is no frame sender it is sendConstMessage. 0, also when the frame is
+  // dropped, which is logged.
+  int forwardFrame(const SharedFrame& frame);
   // Blocks until both threads have ended, by close() or otherwise. Returns at once on an idle
   // client.
   void waitTillComplete();
-  // Ends the link and both threads, empties the queue, and waits for all of it.
+  // Ends the link and both threads, empties the queue, and waits for all of it. On one of the
+  // client's own threads it waits for nothing: the thread that ends last then reports state 0.
   void close();
 
   // Appends the path unless it is listed. True when it was appended. Sends nothing.
@@ -120,7 +121,11 @@ class PellInternalClient : public IPellInternalClient {
   std::string host() const;
   int32_t port() const;
 
+  // The frames that this client's link lets wait.
+  OutgoingQueue::Size waitingFrames() const { return link_->waiting(); }
+
   // Set before connect().
+  void setFrameSender(std::weak_ptr<FrameSender> sender) { link_->setSender(std::move(sender)); }
   void setTiming(const Timing& timing) { timing_ = timing; }
   const Timing& timing() const { return timing_; }
   void setReceiveAll(bool receiveAll) { receiveAll_ = receiveAll; }
@@ -132,58 +137,39 @@ class PellInternalClient : public IPellInternalClient {
 
   // Whether the owner is closing the client, or has. Derived onMessage operations that block ask
   // it.
-  bool isClosing() const { return link_.isClosing(); }
-  // Called when closing begins, to wake whatever a derived onMessage waits for.
-  virtual void onClosing();
+  bool isClosing() const { return closing_->begun(); }
+  // For what a derived onMessage waits for: stopped when closing begins.
+  std::stop_token closingToken() const { return closing_->token(); }
 
  private:
-  friend class PellInternalClientMsgQThread;
-  friend class PellInternalClientRxThread;
-
   struct Endpoint {
     std::string host;
     int32_t port = 0;
   };
 
-  // Stands on the stack of each of the client's threads: tells close() who is calling and
-  // waitTillComplete() when the thread has done its work.
-  class OwnThread {
-   public:
-    explicit OwnThread(PellInternalClient& client);
-    ~OwnThread();
-    OwnThread(const OwnThread&) = delete;
-    OwnThread& operator=(const OwnThread&) = delete;
+  void threadRuns() override;
+  void threadEnds() override;
+  int attemptConnection(std::chrono::milliseconds longest) override;
+  void linkChanged(int state, const char* reason) override;
+  bool sendKeepAlive() override;
+  void repeatWhatFailed() override;
 
-   private:
-    PellInternalClient& client_;
-  };
-
-  // One attempt to connect, log in and subscribe, which waits at most this long for the connection.
-  // 0 or -1.
-  int attemptConnection(std::chrono::milliseconds longest);
   bool openLink(UniqueDescriptor socket);
   JSONPtr subscribeObject(const std::vector<std::string>& paths) const;
   JSONPtr moduleReadyObject();
   int sendAs(const PellInternalMessage& message, int32_t sourceConnID);
-  void reportSendFailure(const BusLink::SendResult& result);
   bool startThreads() VALTOR_REQUIRES(lifecycle_);
   void stopThreads(const char* reason) VALTOR_REQUIRES(lifecycle_);
   void beginClosing();
   void closeAs(const char* reason);
   Endpoint endpoint() const;
-  void warnOfEndpoint(const Endpoint& target);
+  bool hasEndpoint();
   void deliver(const std::vector<PellInternalMessage>& messages);
-  // Sleeps at most this long; ends early when the client is closing.
-  void sleepUnlessClosing(std::chrono::microseconds time);
   void threadBegins();
   void threadEnded();
-  // For the receive thread: tells the hook a state that it could not take, and sends subscriptions
-  // that met a full socket.
-  void repeatWhatFailed();
 
   Timing timing_;
   bool receiveAll_ = false;
-  const int32_t sendRetryBudget_;
   PellInternalStreamParser parser_;  // driven by the message-queue thread, or by nobody
   const std::string name_;
   std::atomic<bool> moduleReady_{false};
@@ -195,7 +181,8 @@ class PellInternalClient : public IPellInternalClient {
   std::unique_ptr<PellInternalClientRxThread> rxThread_ VALTOR_GUARDED_BY(lifecycle_);
   std::unique_ptr<PellInternalClientMsgQThread> msgQThread_ VALTOR_GUARDED_BY(lifecycle_);
 
-  BusLink link_;
+  const std::shared_ptr<ClosingSignal> closing_ = std::make_shared<ClosingSignal>();
+  const std::shared_ptr<BusLink> link_;  // shared with the frame sender while frames wait
   ReceiveQueue queue_;
 
   mutable Mutex endpointLock_;
@@ -207,7 +194,9 @@ class PellInternalClient : public IPellInternalClient {
 
   Mutex threadsLock_;
   std::condition_variable_any threadsChanged_;
-  int threadsAlive_ VALTOR_GUARDED_BY(threadsLock_) = 0;
+  int threadsAlive_ VALTOR_GUARDED_BY(threadsLock_) = 0;    // until their last step
+  int threadsWorking_ VALTOR_GUARDED_BY(threadsLock_) = 0;  // until they have only that left
+  const char* ownClose_ VALTOR_GUARDED_BY(threadsLock_) = nullptr;  // why an own thread closed
 };
 
 }  // namespace valtor

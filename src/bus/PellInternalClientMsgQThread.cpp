@@ -1,48 +1,52 @@
 #include "bus/PellInternalClientMsgQThread.h"
 
+#include <algorithm>
 #include <exception>
+#include <malloc.h>
 #include <syslog.h>
+#include <thread>
 
 #include "app/util/ErrnoText.h"
-#include "bus/PellInternalClient.h"
 
 namespace valtor {
 
-PellInternalClientMsgQThread::PellInternalClientMsgQThread(PellInternalClient& client)
-    : MyThreadClass("PellInternalMsgQClient"), client_(client) {}
+PellInternalClientMsgQThread::PellInternalClientMsgQThread(const Parts& parts)
+    : MyThreadClass("PellInternalMsgQClient"), parts_(parts) {}
 
 void PellInternalClientMsgQThread::InternalThreadEntry() {
-  const PellInternalClient::OwnThread mark(client_);
-  while (isRunning() && !client_.isClosing()) {
-    bool found = false;
+  const ClientThreadScope scope(parts_.host);
+  while (isRunning() && !parts_.closing.begun()) {
     try {
-      found = handleBatch();
+      if (parts_.queue.waitForChunk(parts_.closing.token(), trimDue_)) {
+        handleBatch();
+      }
+      trimMemory();
     } catch (const std::exception& error) {
       // Without an allocation: there may be no memory still.
       syslog(LOG_ERR, "PellInternalMsgQThread: received bytes of %.1024s are lost: %s\n",
-             client_.name_.c_str(), error.what());
+             parts_.name.c_str(), error.what());
       batch_ = std::vector<char>();
-      client_.parser_.reset();
+      parts_.parser.reset();
+      parts_.closing.sleep(kAfterFault);
     }
-    client_.sleepUnlessClosing(found ? kBatchPause : kIdlePause);
   }
 }
 
-bool PellInternalClientMsgQThread::handleBatch() {
-  const ReceiveQueue::Batch taken =
-      client_.queue_.take(batch_, kBatchBytes, drained_, kDrainedLimit);
+void PellInternalClientMsgQThread::handleBatch() {
+  const ReceiveQueue::Batch taken = parts_.queue.take(batch_, kBatchBytes, drained_, kDrainedLimit);
   if (taken.limitReached) {
     syslog(LOG_WARNING, "Client message loops limit %u reached. breaking.", kDrainedLimit);
   }
   if (taken.chunks == 0) {
-    return false;
+    return;
   }
   if (taken.link != link_) {
     // Half a frame of the old link would swallow the first messages of the new one.
-    client_.parser_.reset();
+    parts_.parser.reset();
     link_ = taken.link;
   }
-  client_.parser_.parse(batch_.data(), batch_.size());
+  parts_.parser.parse(batch_.data(), batch_.size());
+  // Never so large as things are: a batch ends at 100 chunks of at most 15,360 bytes.
   if (batch_.size() <= kBatchBytes) {
     batch_.clear();
   } else {
@@ -50,7 +54,19 @@ bool PellInternalClientMsgQThread::handleBatch() {
            batch_.size());
     batch_ = std::vector<char>();  // assigning {} would keep the storage
   }
-  return true;
+  std::this_thread::sleep_for(kBatchPause);
+}
+
+// The tree of a body of 20 MB takes hundreds of megabytes, and the allocator would keep them.
+void PellInternalClientMsgQThread::trimMemory() {
+  if (parts_.parser.takeLongest() > kLargeBody && !trimDue_) {
+    trimDue_ = std::max(nextTrim_, Clock::now());
+  }
+  if (trimDue_ && Clock::now() >= *trimDue_) {
+    malloc_trim(0);
+    trimDue_.reset();
+    nextTrim_ = Clock::now() + kTrimInterval;
+  }
 }
 
 }  // namespace valtor

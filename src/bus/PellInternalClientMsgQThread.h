@@ -2,20 +2,32 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
+#include <string>
 #include <vector>
 
+#include "bus/ClosingSignal.h"
+#include "bus/IClientThreadHost.h"
 #include "bus/MyThreadClass.h"
+#include "bus/ReceiveQueue.h"
+#include "bus/message/PellInternalStreamParser.h"
 
 namespace valtor {
 
-class PellInternalClient;
-
 // The processing side of a bus client: it drains the receive queue in batches, feeds the client's
 // parser, and so runs every onMessage of the client, one message at a time and in order. The client
-// owns it and outlives it.
+// owns it, and everything that it refers to outlives it.
 class PellInternalClientMsgQThread : public MyThreadClass {
  public:
-  explicit PellInternalClientMsgQThread(PellInternalClient& client);
+  struct Parts {
+    IClientThreadHost& host;
+    ReceiveQueue& queue;
+    PellInternalStreamParser& parser;
+    const ClosingSignal& closing;
+    const std::string& name;
+  };
+
+  explicit PellInternalClientMsgQThread(const Parts& parts);
 
   // Chunks are taken while the batch holds at most this many bytes.
   static constexpr std::size_t kBatchBytes = 10485760;
@@ -23,19 +35,29 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   // count goes on from batch to batch, so it happens at any load.
   static constexpr uint32_t kDrainedLimit = 100;
   static constexpr std::chrono::microseconds kBatchPause{100};
-  static constexpr std::chrono::microseconds kIdlePause{10000};
+  // The pause after a fault, such as no memory: trying again at once would not help.
+  static constexpr std::chrono::microseconds kAfterFault{10000};
+  // What handling a body longer than this leaves behind is given back to the system.
+  static constexpr std::size_t kLargeBody = std::size_t{1} << 20;
+  // At most so often: it takes milliseconds.
+  static constexpr std::chrono::seconds kTrimInterval{1};
 
  protected:
   void InternalThreadEntry() override;
 
  private:
-  // Takes one batch and delivers what it completes; false when nothing waited.
-  bool handleBatch();
+  using Clock = std::chrono::steady_clock;
 
-  PellInternalClient& client_;
+  // Waits for chunks, takes one batch and delivers what it completes.
+  void handleBatch();
+  void trimMemory();
+
+  Parts parts_;
   std::vector<char> batch_;
   uint32_t drained_ = 0;
   uint32_t link_ = 0;  // the link that the parser's half-read frame, if any, came over
+  std::optional<Clock::time_point> trimDue_;
+  Clock::time_point nextTrim_{};
 };
 
 }  // namespace valtor

@@ -2,26 +2,35 @@
 
 #include <cerrno>
 #include <exception>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <utility>
 
 #include "app/util/ErrnoText.h"
-#include "bus/PellInternalClient.h"
-#include "bus/message/PellInternalMessage.h"
+#include "app/util/PollWait.h"
 
 namespace valtor {
 
-PellInternalClientRxThread::PellInternalClientRxThread(PellInternalClient& client,
-                                                       uint32_t queueLimit)
-    : MyThreadClass("PellInternalRxClient"), client_(client), queueLimit_(queueLimit) {}
+namespace {
+
+// What a socket holds that nobody has read, in bytes.
+int unreadBytes(int descriptor) {
+  int count = 0;
+  return ioctl(descriptor, FIONREAD, &count) == 0 ? count : 0;
+}
+
+}  // namespace
+
+PellInternalClientRxThread::PellInternalClientRxThread(const Parts& parts, uint32_t queueLimit)
+    : MyThreadClass("PellInternalRxClient"), parts_(parts), queueLimit_(queueLimit) {}
 
 void PellInternalClientRxThread::InternalThreadEntry() {
-  const PellInternalClient::OwnThread mark(client_);
+  const ClientThreadScope scope(parts_.host);
   lastKeepAlive_ = Clock::now();
   while (goesOn()) {
     try {
-      client_.repeatWhatFailed();
+      parts_.host.repeatWhatFailed();
       keepConnected();
       if (goesOn()) {
         readOnce();
@@ -29,39 +38,41 @@ void PellInternalClientRxThread::InternalThreadEntry() {
     } catch (const std::exception& error) {
       // A hook or an allocation failed. Received bytes may be lost, so a link that stands is given
       // up; the next one starts clean. Nothing here may allocate: there may be no memory still.
-      client_.link_.shutdownSocket();
-      syslog(LOG_ERR, "PellInternalRxThread: %.1024s: %s\n", client_.name_.c_str(), error.what());
-      client_.sleepUnlessClosing(client_.timing().reconnectDelay);
+      parts_.link.shutdownSocket();
+      syslog(LOG_ERR, "PellInternalRxThread: %.1024s: %s\n", parts_.name.c_str(), error.what());
+      parts_.closing.sleep(parts_.timing.reconnectDelay);
     }
   }
   syslog(LOG_DEBUG, "PellInternalRxThread exit.\n");
 }
 
-bool PellInternalClientRxThread::goesOn() { return isRunning() && !client_.isClosing(); }
+bool PellInternalClientRxThread::goesOn() { return isRunning() && !parts_.closing.begun(); }
 
 void PellInternalClientRxThread::keepConnected() {
-  const auto& timing = client_.timing();
-  while (goesOn() && !client_.isConnected()) {
+  while (goesOn() && parts_.link.state() != 1) {
     // A node that accepts and hangs up at once must not cause a storm of attempts.
-    client_.sleepUnlessClosing(
+    parts_.closing.sleep(
         std::chrono::duration_cast<std::chrono::microseconds>(nextAttempt_ - Clock::now()));
     if (!goesOn()) {
       return;
     }
-    nextAttempt_ = Clock::now() + timing.reconnectDelay;
-    if (client_.attemptConnection(timing.attempt) == 0) {
+    nextAttempt_ = Clock::now() + parts_.timing.reconnectDelay;
+    if (parts_.host.attemptConnection(parts_.timing.attempt) == 0) {
       timeoutCount_ = 0;
     } else {
-      nextAttempt_ = Clock::now() + timing.reconnectDelay;
+      nextAttempt_ = Clock::now() + parts_.timing.reconnectDelay;
     }
   }
 }
 
 void PellInternalClientRxThread::readOnce() {
-  const int descriptor = client_.link_.descriptor();
+  const int descriptor = parts_.link.descriptor();
   if (descriptor <= 0) {
-    client_.setConnectionState(0, "invalid sockfd");
+    parts_.host.linkChanged(0, "invalid sockfd");
     syslog(LOG_ERR, "PellInternalClient, invalid sockfd.");
+    return;
+  }
+  if (queueLimit_ == 0 && !pauseWhileFull(descriptor)) {
     return;
   }
   const ssize_t count = ::recv(descriptor, buffer_.data(), buffer_.size(), 0);
@@ -81,46 +92,67 @@ void PellInternalClientRxThread::readOnce() {
 
 void PellInternalClientRxThread::handleData(std::size_t length) {
   timeoutCount_ = 0;
-  if (queueLimit_ == 0) {
-    pauseWhileFull();
-  }
-  if (queueLimit_ == 0 || client_.queue_.hasRoom({queueLimit_})) {
-    client_.queue_.push({client_.link_.number(), std::string(buffer_.data(), length)});
+  if (queueLimit_ == 0 || parts_.queue.hasRoom({queueLimit_})) {
+    parts_.queue.push({parts_.link.number(), std::string(buffer_.data(), length)});
   } else {
     syslog(LOG_WARNING,
            "PellInternalRxThread: WARNING! Received messages exceed RX max queue size %d!\n",
            static_cast<int>(queueLimit_));
   }
   const auto now = Clock::now();
-  if (now - lastKeepAlive_ > client_.timing().keepAlive) {
+  if (now - lastKeepAlive_ > parts_.timing.keepAlive) {
     lastKeepAlive_ = now;
     sendKeepAlive();
   }
 }
 
-void PellInternalClientRxThread::pauseWhileFull() {
-  if (client_.queue_.hasRoom({kPauseChunks, kPauseBytes})) {
-    return;
+// TCP slows whoever sends meanwhile. The link's end is seen all the same. False when reading cannot
+// go on.
+bool PellInternalClientRxThread::pauseWhileFull(int descriptor) {
+  if (parts_.queue.hasRoom({kPauseChunks, kPauseBytes})) {
+    return true;
   }
   syslog(LOG_WARNING,
          "PellInternalRxThread: %s: %u chunks or %zu bytes wait to be handled, reading pauses.\n",
-         nameForLog(client_.name_).c_str(), kPauseChunks, kPauseBytes);
-  // Half of the queue, so that an episode is one pause and one warning, not one per chunk.
-  client_.queue_.waitForRoom({kPauseChunks / 2, kPauseBytes / 2}, [this] { return !goesOn(); });
+         nameForLog(parts_.name).c_str(), kPauseChunks, kPauseBytes);
+  // Half of the queue, so that an episode is one pause and one warning, not one per chunk. That
+  // half keeps the message-queue thread busy for longer than a slice, so looking for room now and
+  // then costs no throughput.
+  constexpr std::chrono::milliseconds kSlice{20};
+  while (goesOn() && !parts_.queue.hasRoom({kPauseChunks / 2, kPauseBytes / 2})) {
+    if (pollUntil(descriptor, POLLRDHUP, Clock::now() + kSlice) != 0) {
+      if (goesOn()) {
+        syslog(LOG_WARNING,
+               "PellInternalRxThread: %s: the link ended while reading paused, %d bytes of it were "
+               "not read.\n",
+               nameForLog(parts_.name).c_str(), unreadBytes(descriptor));
+        handleEnd(descriptor);
+      }
+      return false;
+    }
+  }
+  return goesOn();
 }
 
+// Every end begins with the shutdown of the socket: who waits for room on it, and holds the send
+// lock meanwhile, gives up at once.
 void PellInternalClientRxThread::handleEnd(int descriptor) {
-  client_.setConnectionState(0, "Socket hung up");
+  parts_.link.shutdownSocket();
+  parts_.host.linkChanged(0, "Socket hung up");
   syslog(LOG_WARNING, "PellInternalClient: socket %d hung up\n", descriptor);
-  client_.link_.closeSocket();
+  parts_.link.closeSocket();
 }
 
 void PellInternalClientRxThread::handleTimeout(int descriptor) {
+  if (unreadBytes(descriptor) > 0) {
+    return;  // it came just now: the other side is not silent
+  }
   ++timeoutCount_;
   if (timeoutCount_ >= kDeadTimeouts) {
-    client_.setConnectionState(0, "no resp timeout");
+    parts_.link.shutdownSocket();
+    parts_.host.linkChanged(0, "no resp timeout");
     syslog(LOG_WARNING, "PellInternalClient: socket %d no response. Closing.\n", descriptor);
-    client_.link_.closeSocket();
+    parts_.link.closeSocket();
   } else if (timeoutCount_ >= kKeepAliveTimeouts) {
     lastKeepAlive_ = Clock::now();
     sendKeepAlive();
@@ -128,21 +160,23 @@ void PellInternalClientRxThread::handleTimeout(int descriptor) {
 }
 
 void PellInternalClientRxThread::handleError(int error) {
-  client_.setConnectionState(0, "recv error");
+  parts_.link.shutdownSocket();
+  parts_.host.linkChanged(0, "recv error");
   syslog(LOG_ERR, "PellInternalClient recv error: %s\n", errnoText(error).c_str());
-  client_.link_.closeSocket();
-  client_.link_.showDescriptor(0);
+  parts_.link.closeSocket();
+  parts_.link.showDescriptor(0);
 }
 
 void PellInternalClientRxThread::sendKeepAlive() {
-  if (client_.sendMessage(PellInternalMessage(MessageKind::SET, "")) == 0) {
+  if (parts_.host.sendKeepAlive()) {
     return;
   }
-  const int descriptor = client_.link_.shownDescriptor();
-  client_.setConnectionState(0, "send ACK req error");
+  const int descriptor = parts_.link.shownDescriptor();
+  parts_.link.shutdownSocket();
+  parts_.host.linkChanged(0, "send ACK req error");
   syslog(LOG_WARNING, "PellInternalClient: socket %d error sending ACK request. Closing.\n",
          descriptor);
-  client_.link_.closeSocket();
+  parts_.link.closeSocket();
 }
 
 }  // namespace valtor

@@ -9,6 +9,9 @@ void ReceiveQueue::push(ReceivedChunk chunk) {
   const std::size_t size = chunk.bytes.size();
   chunks_.push_back(std::move(chunk));
   bytes_ += size;
+  if (chunks_.size() == 1) {
+    filled_.notify_one();
+  }
 }
 
 bool ReceiveQueue::fits(Limits limits) const {
@@ -20,16 +23,11 @@ bool ReceiveQueue::hasRoom(Limits limits) const {
   return fits(limits);
 }
 
-void ReceiveQueue::waitForRoom(Limits limits, const std::function<bool()>& giveUp) {
+bool ReceiveQueue::waitForChunk(const std::stop_token& stop,
+                                std::optional<std::chrono::steady_clock::time_point> until) {
   const Locked lock(lock_);
-  while (!fits(limits) && !giveUp()) {
-    room_.wait(lock_);
-  }
-}
-
-void ReceiveQueue::wake() {
-  const Locked lock(lock_);
-  room_.notify_all();
+  const auto waits = [this]() VALTOR_REQUIRES(lock_) { return !chunks_.empty(); };
+  return until ? filled_.wait_until(lock_, stop, *until, waits) : filled_.wait(lock_, stop, waits);
 }
 
 ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t byteBound,
@@ -52,7 +50,6 @@ ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t by
       break;
     }
   }
-  room_.notify_all();
   return batch;
 }
 
@@ -60,7 +57,6 @@ void ReceiveQueue::clear() {
   const Locked lock(lock_);
   chunks_.clear();
   bytes_ = 0;
-  room_.notify_all();
 }
 
 }  // namespace valtor

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
+#include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -38,10 +40,9 @@ class ReceiveQueue {
   void push(ReceivedChunk chunk);
   // Whether neither limit is reached.
   bool hasRoom(Limits limits) const;
-  // Blocks until there is room or giveUp answers true (asked under the lock, again after every
-  // wake()).
-  void waitForRoom(Limits limits, const std::function<bool()>& giveUp);
-  void wake();
+  // Blocks until a chunk waits, the token is stopped, or it is that late. Whether a chunk waits.
+  bool waitForChunk(const std::stop_token& stop,
+                    std::optional<std::chrono::steady_clock::time_point> until);
 
   // Appends the front chunks' bytes to the buffer while it holds at most byteBound bytes. Ends
   // early before the first chunk of another link, and when the drained count, which goes on from
@@ -55,7 +56,7 @@ class ReceiveQueue {
   bool fits(Limits limits) const VALTOR_REQUIRES(lock_);
 
   mutable Mutex lock_;
-  std::condition_variable_any room_;
+  std::condition_variable_any filled_;
   std::deque<ReceivedChunk> chunks_ VALTOR_GUARDED_BY(lock_);
   std::size_t bytes_ VALTOR_GUARDED_BY(lock_) = 0;  // those of all chunks
 };

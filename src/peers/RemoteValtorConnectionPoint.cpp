@@ -42,7 +42,7 @@ int RemoteValtorConnectionPoint::connect() {
     return 0;
   }
   for (const auto& peer : peersOfThisID(*peers)) {
-    if (reconnect(*peer, *phy)) {
+    if (reconnect(*peers, *peer, *phy)) {
       return 1;
     }
   }
@@ -68,6 +68,7 @@ void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
   const auto peer =
       std::make_shared<ValtorRouterPeerConnection>(phy.getIPAddress(), phy.getPort(), getName());
   peer->setTiming(peers.peerTiming());
+  peer->setFrameSender(peers.frameSender());
   peer->setUniqueID(uniqueID);
   peer->setForwarder(forwarder());
   peer->setOwner(*this);
@@ -75,7 +76,8 @@ void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
   peers.addPeer(peer);
 }
 
-bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy) {
+bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerManager& peers,
+                                            ValtorRouterPeerConnection& peer, const IPPhy& phy) {
   if (!peer.setOwner(*this)) {
     return false;
   }
@@ -84,6 +86,7 @@ bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerConnection& peer, co
     return true;
   }
   if (moved) {
+    peers.letFramesOut();
     // Its threads may still be trying the old place.
     peer.disconnect();
     peer.setEndpoint(phy.getIPAddress(), phy.getPort());
@@ -100,6 +103,7 @@ void RemoteValtorConnectionPoint::disconnect() {
   setConnected(false);
   if (const auto peers = routerPeerManager()) {
     if (const auto peer = ownPeer(*peers)) {
+      peers->letFramesOut();
       peer->disconnect();
     }
   }

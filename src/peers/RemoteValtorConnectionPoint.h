@@ -60,7 +60,8 @@ class RemoteValtorConnectionPoint : public ConnectionPoint {
   RouterPeers peersOfThisID(const ValtorRouterPeerManager& peers) const;
   std::shared_ptr<ValtorRouterPeerConnection> ownPeer(const ValtorRouterPeerManager& peers) const;
   // False when the peer is being given up by the connection point that had it.
-  bool reconnect(ValtorRouterPeerConnection& peer, const IPPhy& phy);
+  bool reconnect(ValtorRouterPeerManager& peers, ValtorRouterPeerConnection& peer,
+                 const IPPhy& phy);
   void giveUpPeer();
   void warnOfPlace(const IPPhy& phy);
   void createPeer(ValtorRouterPeerManager& peers, const std::string& uniqueID, const IPPhy& phy);

@@ -4,12 +4,15 @@
 #include <cstdio>
 #include <functional>
 #include <map>
+#include <new>
 #include <string_view>
 #include <syslog.h>
 #include <utility>
 
 #include "app/util/LineBudget.h"
 #include "app/util/OwnedJSON.h"
+#include "bus/FrameSender.h"
+#include "bus/message/Frame.h"
 #include "bus/message/PellInternalMessage.h"
 #include "bus/message/RSPMessage.h"
 #include "connections/AnswerRoom.h"
@@ -40,7 +43,10 @@ const char* nameToDelete(const char* element, bool& connectionPointMode) {
 
 ValtorNodeConnectionPointManager::ValtorNodeConnectionPointManager(
     const std::string& name, IPellaMessageForwarder* forwarder)
-    : AbstractJSONTopLevelContainer(name), type_("Valtor Peer"), forwarder_(forwarder) {}
+    : AbstractJSONTopLevelContainer(name),
+      type_("Valtor Peer"),
+      forwarder_(forwarder),
+      sender_(std::make_shared<FrameSender>()) {}
 
 ValtorNodeConnectionPointManager::~ValtorNodeConnectionPointManager() = default;
 
@@ -253,6 +259,7 @@ bool ValtorNodeConnectionPointManager::addOrUpdatePeer(std::unique_ptr<Dispatche
   }
   const PeerPtr existing = findPeer(peer->uniqueID());
   if (existing == nullptr) {
+    peer->setFrameSender(sender_);
     addPeer(std::move(peer));
     return true;
   }
@@ -262,18 +269,31 @@ bool ValtorNodeConnectionPointManager::addOrUpdatePeer(std::unique_ptr<Dispatche
 }
 
 void ValtorNodeConnectionPointManager::forwardToPeers(const PellInternalMessage& message) {
-  std::string encoded;
+  SharedFrame frame;
   for (const PeerPtr& peer : peers()) {
     const FilterResult result = filterToPeer(*peer, message);
     if (!result.pass) {
       traceBlocked("master->peer", message, result.rule);
       continue;
     }
-    if (encoded.empty()) {
-      encoded = message.encode();
+    if (frame == nullptr) {
+      frame = sender_->budget().count(frameOf(message, message.header.sourceConnID));
+      ++forwarded_;
     }
-    std::printf("master->peer send %.128s \n", encoded.c_str());
-    peer->sendConstMessage(message);
+    std::printf("master->peer send %.128s \n",
+                std::string(frame->payload().substr(0, 128)).c_str());
+    try {
+      peer->forwardFrame(frame);
+    } catch (const std::bad_alloc&) {
+      // Without an allocation: there may be no memory still.
+      syslog(LOG_ERR, "A message for a peer is lost: no memory to let it wait.\n");
+    }
+  }
+}
+
+void ValtorNodeConnectionPointManager::letFramesOut() {
+  if (flushed_.exchange(forwarded_) != forwarded_) {
+    sender_->flush(kFlush);
   }
 }
 
@@ -300,6 +320,7 @@ bool ValtorNodeConnectionPointManager::removePeer(const PeerPtr& peer) {
   if (peer == nullptr) {
     return false;
   }
+  letFramesOut();
   // Without the list's lock: the peer's threads take as long as they take.
   peer->disconnect();
   peer->waitTillComplete();

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <atomic>
+#include <chrono>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -12,6 +15,8 @@
 #include "peers/FilterResult.h"
 
 namespace valtor {
+
+class FrameSender;
 
 // The peers that the master bus is bridged to: it builds them from a description, connects them,
 // answers requests about them, and sends every master message to each peer whose filter passes it.
@@ -61,9 +66,18 @@ class ValtorNodeConnectionPointManager : public AbstractJSONTopLevelContainer,
   // the peer is then discarded.
   virtual bool addOrUpdatePeer(std::unique_ptr<DispatcherPeerClient> peer);
 
-  // Sends the message, as it is, to every peer whose filter passes it. One line of console trace a
-  // peer.
+  // Hands the message, as it is, to every peer whose filter passes it: framed once, and without
+  // waiting for a peer that takes nothing. One line of console trace a peer.
   void forwardToPeers(const PellInternalMessage& message);
+  // For whoever ends links next: what was forwarded before still reaches the peers that take what
+  // they are sent. Waits at most kFlush, once for all peers and not again until another message was
+  // forwarded.
+  void letFramesOut();
+  static constexpr std::chrono::milliseconds kFlush{200};
+
+  // The thread behind the queues of this manager's peers; for clients that join it, before they
+  // connect.
+  const std::shared_ptr<FrameSender>& frameSender() const { return sender_; }
 
   // The first peer with that identifier, or none.
   PeerPtr findPeer(const std::string& uniqueID) const;
@@ -88,6 +102,9 @@ class ValtorNodeConnectionPointManager : public AbstractJSONTopLevelContainer,
 
   const std::string type_;
   IPellaMessageForwarder* const forwarder_;
+  const std::shared_ptr<FrameSender> sender_;
+  std::atomic<uint64_t> forwarded_{0};  // messages
+  std::atomic<uint64_t> flushed_{0};    // of which so many were let out
   mutable Mutex peersLock_;
   PeerList peers_ VALTOR_GUARDED_BY(peersLock_);
 };

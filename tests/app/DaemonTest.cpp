@@ -221,11 +221,9 @@ TEST_F(DaemonTest, ARouterThatStopsReadingCostsTheOtherNothingAndKeepsItsFraming
   command(2);
   EXPECT_TRUE(becomes({0, 1, 2}, *site.beta, "beta"));
   EXPECT_TRUE(becomes({}, *site.alpha, "alpha"));
-  EXPECT_EQ(log.countContaining("FAILED after 100 retries (sent 0/"), 1);
   (*site.alpha)->setReadingPaused(MessageNode::kEveryone, false);
-  // The message that had begun to go out is finished first; only the one after it is lost.
   command(3);
-  EXPECT_TRUE(becomes({0, 1, 3}, *site.alpha, "alpha"));
+  EXPECT_TRUE(becomes({0, 1, 2, 3}, *site.alpha, "alpha"));
   stop = true;
   signsOfLife.join();
 }

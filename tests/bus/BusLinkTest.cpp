@@ -1,95 +1,190 @@
-#include <atomic>
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
-#include <sys/syscall.h>
-#include <unistd.h>
+#include <thread>
 
 #include "bus/BusLink.h"
-
-namespace {
-
-// How many of the next sends meet a full socket.
-std::atomic<int> fullSends{0};
-
-}  // namespace
-
-// Takes the C library's place in this executable, so that a full socket can be counted.
-extern "C" ssize_t send(int socket, const void* data, size_t size, int flags) {
-  if (fullSends > 0) {
-    --fullSends;
-    errno = EAGAIN;
-    return -1;
-  }
-  return syscall(SYS_sendto, socket, data, size, flags, nullptr, 0);
-}
+#include "bus/FrameSender.h"
+#include "support/Eventually.h"
+#include "support/LogCapture.h"
 
 namespace valtor {
 namespace {
+
+using test::eventually;
+using namespace std::chrono_literals;
+
+SharedFrame frame(const std::string& bytes) { return std::make_shared<const Frame>(bytes, 0); }
+
+std::shared_ptr<BusLink> makeLink(
+    std::chrono::milliseconds budget,
+    const std::shared_ptr<ClosingSignal>& closing = std::make_shared<ClosingSignal>()) {
+  return std::make_shared<BusLink>("router", budget, closing);
+}
 
 // Opens the next link of a client; its far end.
 UniqueDescriptor openLink(BusLink& link, const std::vector<std::string>& firstFrames = {}) {
   int ends[2];
   EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  EXPECT_TRUE(link.open(UniqueDescriptor(ends[0]), 100, [&] { return firstFrames; }));
+  EXPECT_TRUE(link.open(UniqueDescriptor(ends[0]), [&] {
+    std::vector<SharedFrame> frames;
+    for (const std::string& first : firstFrames) {
+      frames.push_back(frame(first));
+    }
+    return frames;
+  }));
   return UniqueDescriptor(ends[1]);
 }
 
 std::string drain(const UniqueDescriptor& end) {
-  std::string bytes(4'000'000, '\0');
+  std::string bytes(1 << 20, '\0');
   const ssize_t count = recv(end.get(), bytes.data(), bytes.size(), MSG_DONTWAIT);
   bytes.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
   return bytes;
 }
 
-TEST(BusLink, ABudgetOfAHundredAllows999FullSockets) {
-  BusLink link;
-  const UniqueDescriptor far = openLink(link);
-  fullSends = 999;
-  EXPECT_EQ(link.send("1:a;", 1, 100).outcome, BusLink::Send::Sent);
-  EXPECT_EQ(drain(far), "1:a;");
-  fullSends = 1000;
-  const BusLink::SendResult result = link.send("1:b;", 1, 100);
-  EXPECT_EQ(result.outcome, BusLink::Send::BudgetExhausted);
-  EXPECT_EQ(result.sent, 0U);
-  EXPECT_EQ(drain(far), "");
-}
-
 TEST(BusLink, TheRestOfAFrameGoesOutBeforeTheNextOneOfItsLink) {
-  BusLink link;
-  const UniqueDescriptor far = openLink(link);
+  const auto link = makeLink(1ms);
+  const UniqueDescriptor far = openLink(*link);
   const std::string big(1'000'000, 'x');
-  const BusLink::SendResult result = link.send(big, 1, 1);
+  const BusLink::SendResult result = link->send(frame(big), 1);
   EXPECT_EQ(result.outcome, BusLink::Send::BudgetExhausted);
   std::string received = drain(far);
   EXPECT_EQ(received.size(), result.sent);
-  while (link.send("next", 1, 1).outcome != BusLink::Send::Sent) {
+  while (link->send(frame("next"), 1).outcome != BusLink::Send::Sent) {
     received += drain(far);
   }
   EXPECT_TRUE(received + drain(far) == big + "next");
-  link.send(big, 1, 1);
-  const UniqueDescriptor other = openLink(link, {"login"});
+  link->send(frame(big), 1);
+  const UniqueDescriptor other = openLink(*link, {"login"});
   EXPECT_EQ(drain(other), "login");
 }
 
 TEST(BusLink, FirstFramesPrecedeEverythingAndOldLinksAreRefused) {
-  BusLink link;
-  EXPECT_EQ(link.send("x", 0, 100).outcome, BusLink::Send::NotConnected);
-  const UniqueDescriptor one = openLink(link);
-  const UniqueDescriptor two = openLink(link, {"login", "list"});
-  EXPECT_EQ(link.send("old", 1, 100).outcome, BusLink::Send::NotConnected);
-  EXPECT_EQ(link.send("new", 2, 100).outcome, BusLink::Send::Sent);
+  const auto link = makeLink(100ms);
+  EXPECT_EQ(link->send(frame("x"), 0).outcome, BusLink::Send::NotConnected);
+  const UniqueDescriptor one = openLink(*link);
+  const UniqueDescriptor two = openLink(*link, {"login", "list"});
+  EXPECT_EQ(link->send(frame("old"), 1).outcome, BusLink::Send::NotConnected);
+  EXPECT_EQ(link->send(frame("new"), 2).outcome, BusLink::Send::Sent);
   EXPECT_EQ(drain(two), "loginlistnew");
   EXPECT_EQ(drain(one), "");
 
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   close(ends[1]);
-  const auto results =
-      link.open(UniqueDescriptor(ends[0]), 100, [] { return std::vector<std::string>{"login"}; });
+  const auto results = link->open(UniqueDescriptor(ends[0]),
+                                  [] { return std::vector<SharedFrame>{frame("login")}; });
   ASSERT_TRUE(results && results->size() == 1);
   EXPECT_EQ(results->front().outcome, BusLink::Send::Failed);
   EXPECT_EQ(results->front().error, EPIPE);
+}
+
+TEST(BusLink, AFullSocketIsWaitedForUntilTheLinkOrTheClientEnds) {
+  const auto closing = std::make_shared<ClosingSignal>();
+  const auto link = makeLink(1h, closing);
+  const std::string big(4'000'000, 'x');
+  for (const bool byClient : {false, true}) {
+    const UniqueDescriptor far = openLink(*link);
+    std::thread ender([&] {
+      char byte = 0;
+      recv(far.get(), &byte, 1, MSG_WAITALL);
+      if (byClient) {
+        closing->begin();
+      }
+      link->shutdownSocket();
+    });
+    EXPECT_EQ(link->send(frame(big), link->number()).outcome, BusLink::Send::NotConnected);
+    ender.join();
+  }
+}
+
+// A link whose far end takes what the test takes, with a frame sender behind it.
+class ForwardingTest : public testing::Test {
+ protected:
+  ForwardingTest() { link_->setSender(sender_); }
+  ~ForwardingTest() override { link_->closeSocket(); }
+
+  void forward(const std::string& bytes) {
+    const SharedFrame counted = sender_->budget().count(frame(bytes));
+    EXPECT_EQ(link_->forward(counted, {}), BusLink::Send::Sent);
+  }
+  // What comes out until so many bytes have.
+  static std::string readBytes(const UniqueDescriptor& far, std::size_t count) {
+    std::string all;
+    EXPECT_TRUE(eventually([&] {
+      all += drain(far);
+      return all.size() >= count;
+    }));
+    return all;
+  }
+
+  test::LogCapture log_;
+  std::shared_ptr<FrameSender> sender_ = std::make_shared<FrameSender>();
+  std::shared_ptr<BusLink> link_ = makeLink(1h);
+};
+
+TEST_F(ForwardingTest, ABurstReachesAReaderThatDrainsWholeAndInOrder) {
+  const UniqueDescriptor far = openLink(*link_);
+  std::string expected;
+  const std::string filler(10'000, 'x');
+  std::thread burst([&] {
+    for (int i = 0; i < 700; ++i) {  // most of it waits; some are sent past it
+      forward(std::to_string(i) + filler);
+    }
+  });
+  for (int i = 0; i < 700; ++i) {
+    expected += std::to_string(i) + filler;
+  }
+  const std::string got = readBytes(far, expected.size());
+  burst.join();
+  EXPECT_TRUE(got == expected);
+  EXPECT_TRUE(eventually([&] { return !link_->hasWaiting() && sender_->budget().used() == 0; }));
+}
+
+TEST_F(ForwardingTest, AFullQueueHoldsUpWhoForwardsUntilItsReaderStalls) {
+  const UniqueDescriptor far = openLink(*link_);
+  const std::string big(4 << 20, 'x');
+  for (int i = 0; i < 12; ++i) {  // 48 MiB into 32: returns only because nobody reads
+    forward(big);
+  }
+  EXPECT_TRUE(link_->isStalled());
+  EXPECT_EQ(log_.countContaining("router takes no messages"), 1);
+  const std::size_t waiting = link_->waiting().frames;
+  EXPECT_LE(link_->waiting().bytes, OutgoingQueue::kMaxBytes);
+  const std::string got = readBytes(far, waiting * big.size());
+  EXPECT_EQ(got.size(), waiting * big.size());
+  EXPECT_EQ(log_.countContaining("router: " + std::to_string(12 - waiting) +
+                                 " messages were dropped while it took none."),
+            1);
+  forward("again");
+  EXPECT_EQ(readBytes(far, 5), "again");
+}
+
+TEST_F(ForwardingTest, WhatWaitsGoesWithItsLinkAndStalledLinksGiveWay) {
+  const UniqueDescriptor far = openLink(*link_);
+  const auto other = makeLink(1h);
+  other->setSender(sender_);
+  const UniqueDescriptor otherFar = openLink(*other);
+  const std::string big(4 << 20, 'x');
+  forward(big);
+  ASSERT_TRUE(eventually([&] { return link_->isStalled(); }));
+  for (int i = 0; i < 7; ++i) {
+    forward(big);  // 32 MiB
+  }
+  std::thread reader([&] { readBytes(otherFar, 10 * big.size()); });
+  for (int i = 0; i < 10; ++i) {
+    const SharedFrame counted = sender_->budget().count(frame(big));
+    EXPECT_EQ(other->forward(counted, {}), BusLink::Send::Sent);
+  }
+  reader.join();
+  const std::size_t waiting = link_->waiting().frames;
+  link_->setState(0);
+  EXPECT_EQ(log_.countContaining("router: " + std::to_string(waiting) +
+                                 " messages that waited to leave are lost with the link."),
+            1);
+  EXPECT_EQ(link_->forward(frame("x"), {}), BusLink::Send::NotConnected);
+  other->closeSocket();
 }
 
 }  // namespace

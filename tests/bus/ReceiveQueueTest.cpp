@@ -6,7 +6,7 @@
 namespace valtor {
 namespace {
 
-TEST(ReceiveQueue, BatchesEndAtTheirLimitsAndMakeRoomForAWaitingWriter) {
+TEST(ReceiveQueue, BatchesEndAtTheirLimits) {
   ReceiveQueue queue;
   for (uint32_t i = 0; i < 320; ++i) {
     queue.push({i / 250, std::string(10, 'x')});
@@ -15,17 +15,30 @@ TEST(ReceiveQueue, BatchesEndAtTheirLimitsAndMakeRoomForAWaitingWriter) {
   EXPECT_FALSE(queue.hasRoom({320, 3201}));
   EXPECT_FALSE(queue.hasRoom({321, 3200}));
   std::vector<std::size_t> sizes;
+  uint32_t drained = 0;
+  for (const std::size_t byteBound : {5000U, 5000U, 5000U, 5000U, 150U}) {
+    std::vector<char> buffer;
+    sizes.push_back(queue.take(buffer, byteBound, drained, 100).chunks);
+  }
+  EXPECT_EQ(sizes, (std::vector<std::size_t>{100, 100, 50, 50, 16}));
+}
+
+TEST(ReceiveQueue, AWaitingReaderIsWokenByAChunkOrTheEnd) {
+  ReceiveQueue queue;
+  std::stop_source stop;
+  std::vector<bool> found;
   std::thread reader([&] {
-    uint32_t drained = 0;
-    for (const std::size_t byteBound : {5000U, 5000U, 5000U, 5000U, 150U}) {
-      std::vector<char> buffer;
-      sizes.push_back(queue.take(buffer, byteBound, drained, 100).chunks);
+    for (int i = 0; i < 2; ++i) {
+      found.push_back(queue.waitForChunk(stop.get_token(), std::nullopt));
+      queue.clear();
+      if (i == 0) {
+        stop.request_stop();
+      }
     }
   });
-  queue.waitForRoom({5, 50}, [] { return false; });
+  queue.push({1, "x"});
   reader.join();
-  EXPECT_EQ(sizes, (std::vector<std::size_t>{100, 100, 50, 50, 16}));
-  queue.waitForRoom({0}, [] { return true; });  // told to give up
+  EXPECT_EQ(found, (std::vector<bool>{true, false}));
 }
 
 }  // namespace

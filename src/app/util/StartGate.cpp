@@ -13,16 +13,9 @@ void StartGate::open() {
   changed_.notify_all();
 }
 
-void StartGate::wait(const std::function<bool()>& giveUp) {
+void StartGate::wait(const std::stop_token& stop) {
   const Locked lock(mutex_);
-  while (!open_ && !giveUp()) {
-    changed_.wait(mutex_);
-  }
-}
-
-void StartGate::wake() {
-  const Locked lock(mutex_);
-  changed_.notify_all();
+  changed_.wait(mutex_, stop, [this]() VALTOR_REQUIRES(mutex_) { return open_; });
 }
 
 }  // namespace valtor

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <condition_variable>
-#include <functional>
+#include <stop_token>
 
 #include "app/util/Mutex.h"
 
@@ -15,12 +15,8 @@ class StartGate {
   void shut();
   void open();
 
-  // Blocks until the gate is open or giveUp answers true. giveUp is asked under the gate's lock and
-  // again after every wake().
-  void wait(const std::function<bool()>& giveUp);
-
-  // Makes waiters ask giveUp again.
-  void wake();
+  // Blocks until the gate is open or the token is stopped.
+  void wait(const std::stop_token& stop);
 
  private:
   Mutex mutex_;

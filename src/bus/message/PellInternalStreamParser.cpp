@@ -135,6 +135,7 @@ std::size_t PellInternalStreamParser::readPayload(const char* data, std::size_t 
     return length;
   }
   const char footer = data[missing];
+  longest_ = std::max(longest_, static_cast<std::size_t>(expectedLength_));
   std::unique_ptr<char[]> payload = std::move(bodyBuffer_);
   restart();
   if (!payload) {

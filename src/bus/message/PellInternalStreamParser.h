@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bus/message/PellInternalMessage.h"
@@ -35,6 +36,9 @@ class PellInternalStreamParser {
 
   void setMessageCallback(MessageCallback callback) { callback_ = std::move(callback); }
 
+  // The length of the longest payload that was finished since the last call, in bytes; 0 for none.
+  std::size_t takeLongest() { return std::exchange(longest_, 0); }
+
   // Forgets the frame being read and whatever an exception kept from being delivered.
   void reset();
 
@@ -57,6 +61,7 @@ class PellInternalStreamParser {
   enum class State { Length, Payload } state_ = State::Length;
   MessageCallback callback_;
   std::vector<PellInternalMessage> finished_;
+  std::size_t longest_ = 0;
 };
 
 }  // namespace valtor

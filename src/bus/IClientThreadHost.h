@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+
+namespace valtor {
+
+// What the two threads of a bus client ask of it. The client outlives both.
+class IClientThreadHost {
+ public:
+  // The first and the last thing that each thread does.
+  virtual void threadRuns() = 0;
+  virtual void threadEnds() = 0;
+
+  // For the receive thread. One attempt to connect, log in and subscribe, which waits at most this
+  // long for the connection: 0 or -1.
+  virtual int attemptConnection(std::chrono::milliseconds longest) = 0;
+  // Stores the state and tells the client's hook.
+  virtual void linkChanged(int state, const char* reason) = 0;
+  // False when it could not be sent.
+  virtual bool sendKeepAlive() = 0;
+  // Tells the hook a state that it could not take, and sends subscriptions that met a full socket.
+  virtual void repeatWhatFailed() = 0;
+
+ protected:
+  ~IClientThreadHost() = default;
+};
+
+// Stands on the stack of each thread, from its first to its last step.
+class ClientThreadScope {
+ public:
+  explicit ClientThreadScope(IClientThreadHost& host) : host_(host) { host_.threadRuns(); }
+  ~ClientThreadScope() { host_.threadEnds(); }
+  ClientThreadScope(const ClientThreadScope&) = delete;
+  ClientThreadScope& operator=(const ClientThreadScope&) = delete;
+
+ private:
+  IClientThreadHost& host_;
+};
+
+}  // namespace valtor
