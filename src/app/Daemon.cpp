@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <syslog.h>
+#include <utility>
 
 #include "app/ActiveDatabase.h"
 #include "app/util/Paths.h"
@@ -42,8 +43,15 @@ Daemon::~Daemon() {
 
 void Daemon::start() {
   const ShutGate gate(client_->startGate());
+  auto timing = client_->timing();
+  timing.reconnectDelay = reconnectDelay_;
+  client_->setTiming(timing);
   client_->connect();
-  setRouterPeerManager(std::make_shared<ValtorRouterPeerManager>(kPeerManagerName, client_.get()));
+  auto peers = std::make_shared<ValtorRouterPeerManager>(kPeerManagerName, client_.get());
+  auto peerTiming = peers->peerTiming();
+  peerTiming.reconnectDelay = reconnectDelay_;
+  peers->setPeerTiming(peerTiming);
+  setRouterPeerManager(std::move(peers));
   if (skipDatabase_) {
     return;
   }

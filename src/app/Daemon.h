@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -26,6 +27,9 @@ class Daemon {
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
 
+  // From one attempt to connect a link to the next, 1 s if not set; before start().
+  void setReconnectDelay(std::chrono::milliseconds delay) { reconnectDelay_ = delay; }
+
   // Connects to the bus, installs the router peer manager and, unless it is skipped, loads the
   // active database, in this order. What arrives on the bus meanwhile waits. Whether the bus could
   // be reached does not matter: the client goes on trying.
@@ -37,6 +41,7 @@ class Daemon {
 
  private:
   const bool skipDatabase_;
+  std::chrono::milliseconds reconnectDelay_{1000};
   std::unique_ptr<ValtorInterfaceClient> client_;
 };
 

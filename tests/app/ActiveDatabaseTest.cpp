@@ -1,13 +1,8 @@
-#include <gtest/gtest.h>
-#include <syslog.h>
-
 #include "app/ActiveDatabase.h"
-#include "app/util/OwnedJSON.h"
 #include "bus/BusSupport.h"
 #include "bus/ValtorInterfaceClient.h"
 #include "support/BridgeSite.h"
-#include "support/LogCapture.h"
-#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

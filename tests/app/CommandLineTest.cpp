@@ -1,15 +1,8 @@
 #include <cstdio>
-#include <filesystem>
-#include <gtest/gtest.h>
-#include <string>
 #include <sys/wait.h>
-#include <syslog.h>
-#include <unistd.h>
-#include <vector>
 
 #include "app/CommandLine.h"
-#include "support/ConsoleCapture.h"
-#include "support/LogCapture.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

@@ -1,17 +1,12 @@
-#include <atomic>
-#include <gtest/gtest.h>
 #include <numeric>
-#include <thread>
 
 #include "app/Daemon.h"
 #include "bus/ValtorInterfaceClient.h"
+#include "bus/message/PellInternalStreamParser.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "support/BridgeSite.h"
-#include "support/ConsoleCapture.h"
-#include "support/LogCapture.h"
-#include "support/Repeat.h"
 #include "support/ScriptedNode.h"
-#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
 
 namespace valtor::test {
 namespace {
@@ -28,6 +23,7 @@ class DaemonTest : public testing::Test {
   }
   void startDaemon(bool skipDatabase = false) {
     daemon = std::make_unique<Daemon>(skipDatabase, "127.0.0.1", site.controller->port());
+    daemon->setReconnectDelay(std::chrono::milliseconds(10));
     daemon->start();
   }
   void endDaemon() {
@@ -226,6 +222,22 @@ TEST_F(DaemonTest, ARouterThatStopsReadingCostsTheOtherNothingAndKeepsItsFraming
   EXPECT_TRUE(becomes({0, 1, 2, 3}, *site.alpha, "alpha"));
   stop = true;
   signsOfLife.join();
+}
+
+TEST_F(DaemonTest, AFrameThatTheEndOfItsLinkCutsSpoilsNothingOnTheNext) {
+  startDaemon();
+  ASSERT_TRUE(site.becomesComplete() && site.isServed());
+  const std::string whole =
+      frame("[\"GET\", \"device\", 490, 0, 0]\n{" + std::string(100000, ' ') + "}");
+  for (const std::size_t length : {std::size_t{1}, std::size_t{9}, std::size_t{60000}}) {
+    for (RunningNode* bus : {site.controller.get(), site.alpha.get()}) {
+      (*bus)->writeRaw(MessageNode::kEveryone, whole.substr(0, length));
+      ASSERT_EQ((*bus)->closeConnections(MessageNode::kEveryone), 1U);
+      ASSERT_TRUE(BridgeSite::becomesLinked(*bus));
+    }
+    EXPECT_TRUE(site.isServed());
+    EXPECT_TRUE(site.statusArrivesFrom(*site.alpha));
+  }
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 #include <cstring>
 
 #include "connections/ConnectionFakes.h"
-#include "support/Eventually.h"
 
 namespace valtor::test {
 namespace {

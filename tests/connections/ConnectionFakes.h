@@ -1,32 +1,14 @@
 #pragma once
 
-#include <atomic>
 #include <cstdio>
-#include <filesystem>
-#include <functional>
-#include <gtest/gtest.h>
-#include <memory>
-#include <string>
-#include <syslog.h>
-#include <thread>
-#include <utility>
 
-#include "app/util/Paths.h"
 #include "connections/ConnectionPointManager.h"
-#include "support/ConsoleCapture.h"
-#include "support/LogCapture.h"
 #include "support/MasterBus.h"
-#include "support/Repeat.h"
-#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
 
 namespace valtor::test {
 
 inline constexpr int kRaceRounds = repetitions(400);
-
-template <class T>
-std::string rendered(const T& object) {
-  return printJSON(object.toJSON().get(), false);
-}
 
 // A client is reached through a server phy, a server connection point came in.
 inline std::string clientDescription(const std::string& uniqueID, int port = 5000,

@@ -1,46 +1,34 @@
-#include <functional>
-
 #include "connections/ConnectionFakes.h"
 #include "connections/ConnectionPointTCPServer.h"
 
 namespace valtor::test {
 namespace {
 
-// How the object renders once it has loaded the item, after "failed " when the load failed. What it
-// renders must load, as the same.
-template <class T>
-std::string loaded(T object, const char* item) {
-  const bool failed = object.loadFromJSON(parseJSON(item).get()) != 0;
-  T again;
-  EXPECT_EQ(again.loadFromJSON(object.toJSON().get()), 0) << item;
-  EXPECT_EQ(rendered(again), rendered(object));
-  return (failed ? "failed " : "") + rendered(object);
-}
-
 TEST(DeviceConnectionDetails, TakesWhatIsThereAndSaysWhetherItWasEnough) {
   const DeviceConnectionDetails before("C", "U", "F", "T", "N");
   EXPECT_EQ(
       loaded(
-          before,
-          R"({"connectionPoint":"c","uniqueID":"u","name":"n","type":"t","family":3,"details":17})"),
+          R"({"connectionPoint":"c","uniqueID":"u","name":"n","type":"t","family":3,"details":17})",
+          before),
       R"({"type":"t","family":"F","name":"n","uniqueID":"u","connectionPoint":"c","details":17})");
-  EXPECT_EQ(loaded(before, R"({"type":"t","name":5,"uniqueID":"u","connectionPoint":"c"})"),
+  EXPECT_EQ(loaded(R"({"type":"t","name":5,"uniqueID":"u","connectionPoint":"c"})", before),
             R"(failed {"type":"t","family":"F","name":"N","uniqueID":"u","connectionPoint":"c"})");
-  EXPECT_EQ(loaded(before, R"({"family":"","connectionPoint":[],"details":{"a": [1, null]}})"),
+  EXPECT_EQ(loaded(R"({"family":"","connectionPoint":[],"details":{"a": [1, null]}})", before),
             R"(failed {"type":"T","family":"","name":"N","uniqueID":"U","connectionPoint":"C",)"
             R"("details":{"a":[1,null]}})");
 }
 
 TEST(ConnectionPointTCPServer, LoadsUpToTheFirstMissingMember) {
   const ConnectionPointTCPServer before(7);
-  EXPECT_EQ(loaded(before, R"({"numConnections":3,"connectionLimit":"4","type":"t",)"
-                           R"("protocol":"p","port":null,"enabled":false})"),
+  EXPECT_EQ(loaded(R"({"numConnections":3,"connectionLimit":"4","type":"t",)"
+                   R"("protocol":"p","port":null,"enabled":false})",
+                   before),
             R"({"enabled":false,"port":0,"protocol":"p","type":"t",)"
             R"("connectionLimit":0,"numConnections":3})");
-  EXPECT_EQ(loaded(before, R"({"enabled":false,"port":1,"connectionLimit":4})"),
+  EXPECT_EQ(loaded(R"({"enabled":false,"port":1,"connectionLimit":4})", before),
             R"(failed {"enabled":false,"port":1,"protocol":"tcp","type":"",)"
             R"("connectionLimit":4,"numConnections":0})");
-  EXPECT_EQ(loaded(before, R"({"enabled":1,"port":1,"connectionLimit":4,"numConnections":0})"),
+  EXPECT_EQ(loaded(R"({"enabled":1,"port":1,"connectionLimit":4,"numConnections":0})", before),
             R"(failed {"enabled":true,"port":7,"protocol":"tcp","type":"",)"
             R"("connectionLimit":10,"numConnections":0})");
 }

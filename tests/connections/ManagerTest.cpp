@@ -1,5 +1,4 @@
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "connections/ConnectionFakes.h"
 #include "connections/IncomingClientFile.h"

@@ -2,16 +2,12 @@
 #include <csignal>
 #include <cstdio>
 #include <dlfcn.h>
-#include <gtest/gtest.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <syslog.h>
-#include <unistd.h>
 
 #include "data/AbstractJSONTopLevelContainer.h"
-#include "support/LogCapture.h"
-#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
 
 namespace {
 

@@ -1,5 +1,3 @@
-#include <gtest/gtest.h>
-
 #include "e2e/EndToEnd.h"
 
 namespace valtor::test {
@@ -14,20 +12,20 @@ TEST_F(BridgeTest, LinksStandInEveryRoleButStandby) {
   EXPECT_EQ(site.alpha->countEvents("ACCEPT"), 0U);
   (*site.controller)->setRole("active");
   EXPECT_TRUE(site.becomesComplete());
-  EXPECT_TRUE(isServed());
+  EXPECT_TRUE(site.isServed());
 
   site.startController();  // what ends and comes back leaves the routers' links alone
   ASSERT_TRUE(BridgeSite::becomesLinked(*site.controller));
   EXPECT_EQ(site.controller->countEvents("id=101 interface=[{"), 1U);
-  EXPECT_TRUE(commandReaches(*site.alpha));
-  EXPECT_TRUE(statusArrivesFrom(*site.beta));
+  EXPECT_TRUE(site.commandReaches(*site.alpha));
+  EXPECT_TRUE(site.statusArrivesFrom(*site.beta));
   EXPECT_EQ(site.alpha->countEvents("ACCEPT"), 1U);
 
   (*site.controller)->setRole("standby");
   EXPECT_TRUE(BridgeSite::becomesLeft(*site.alpha) && BridgeSite::becomesLeft(*site.beta));
   (*site.controller)->setRole("active");
   EXPECT_TRUE(site.becomesComplete());
-  EXPECT_TRUE(statusArrivesFrom(*site.beta));
+  EXPECT_TRUE(site.statusArrivesFrom(*site.beta));
   site.startController("standby");  // the role is asked for on every new link
   EXPECT_TRUE(BridgeSite::becomesLeft(*site.alpha) && BridgeSite::becomesLeft(*site.beta));
 }
@@ -36,9 +34,9 @@ TEST_F(BridgeTest, WithoutStandardStreamsOrAReaderOfTheConsoleItServesAllTheSame
   for (const char* redirections : {"<&- >&- 2>&-", "> >(true) 2>&1"}) {
     startDaemon("-v", redirections);
     EXPECT_TRUE(site.becomesComplete());
-    EXPECT_TRUE(isServed());
-    EXPECT_TRUE(commandReaches(*site.alpha));
-    EXPECT_TRUE(statusArrivesFrom(*site.alpha));
+    EXPECT_TRUE(site.isServed());
+    EXPECT_TRUE(site.commandReaches(*site.alpha));
+    EXPECT_TRUE(site.statusArrivesFrom(*site.alpha));
     endDaemon();
     EXPECT_TRUE(BridgeSite::becomesLeft(*site.controller) && BridgeSite::becomesLeft(*site.alpha));
   }
@@ -47,7 +45,7 @@ TEST_F(BridgeTest, WithoutStandardStreamsOrAReaderOfTheConsoleItServesAllTheSame
 
 TEST_F(BridgeTest, ATraceThatNobodyReadsHoldsNothingUpAndSaysWhatIsMissing) {
   startDaemon("", "3<>\"$(mkfifo trace; echo trace)\" >&3 2>&1");
-  ASSERT_TRUE(site.becomesComplete() && isServed());
+  ASSERT_TRUE(site.becomesComplete() && site.isServed());
   const std::string path = daemon->folder().at("trace");
   const UniqueDescriptor trace(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   std::filesystem::remove(path);
@@ -56,14 +54,14 @@ TEST_F(BridgeTest, ATraceThatNobodyReadsHoldsNothingUpAndSaysWhatIsMissing) {
   EXPECT_TRUE(BridgeSite::crosses(
       *site.controller, *site.alpha,
       "[\"SET\", \"system\", 490, 100, 0]\n{\"pad\":\"" + moreThanAPipeHolds + "\"}"));
-  EXPECT_TRUE(commandReaches(*site.alpha));
+  EXPECT_TRUE(site.commandReaches(*site.alpha));
   std::string text;
   EXPECT_TRUE(eventually([&] {
     char bytes[4096];
     for (ssize_t count = 1; (count = read(trace.get(), bytes, sizeof bytes)) > 0;) {
       text.append(bytes, static_cast<std::size_t>(count));
     }
-    return commandReaches(*site.beta) &&
+    return site.commandReaches(*site.beta) &&
            text.find(" bytes of the trace are missing: nobody read them.\n") != std::string::npos;
   }));
 }

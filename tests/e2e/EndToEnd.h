@@ -1,8 +1,7 @@
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include "support/BridgeSite.h"
+#include "support/Vocabulary.h"
 #include "tools/ChildProcess.h"
 
 namespace valtor::test {
@@ -56,40 +55,11 @@ class EndToEndTest : public testing::Test {
   void startComplete() {
     startDaemon();
     ASSERT_TRUE(site.becomesComplete());
-    ASSERT_TRUE(isServed());
-  }
-
-  // A route command from a panel, different at every call, reaches the router unchanged.
-  bool commandReaches(const RunningNode& router) {
-    return BridgeSite::crosses(*site.controller, router,
-                               "[\"CMD\", \"route\", 490, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
-  }
-  // A status notification of the router reaches the controller's bus unchanged.
-  bool statusArrivesFrom(RunningNode& router) {
-    return BridgeSite::crosses(router, *site.controller,
-                               "[\"NOT\", \"route\", 100, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
-  }
-
-  // Whether the daemon answers a request on the controller's bus with the list of its routers.
-  bool isServed() {
-    const std::string id = "{\"id\":\"ask" + nextNumber() + "\",";
-    (*site.controller)
-        ->inject(490, "GET", "device", 0, id + R"("objectName":["connectionPoint"]})");
-    return eventually([&] {
-      return site.controller->countPassed([&](const PassedMessage& one) {
-        return one.source == 101 && one.body().rfind(id, 0) == 0 &&
-               one.body().find(R"("uniqueID":"beta")") != std::string::npos;
-      }) > 0;
-    });
+    ASSERT_TRUE(site.isServed());
   }
 
   BridgeSite site{kPort};
   std::unique_ptr<ChildProcess> daemon;
-
- private:
-  std::string nextNumber() { return std::to_string(++number_); }
-
-  int number_ = 0;
 };
 
 }  // namespace valtor::test

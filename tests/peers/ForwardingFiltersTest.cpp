@@ -1,11 +1,7 @@
-#include <gtest/gtest.h>
-#include <string>
-#include <utility>
-
 #include "bus/BusSupport.h"
 #include "peers/DatabaseIdHandler.h"
 #include "peers/ForwardingFilters.h"
-#include "support/ConsoleCapture.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

@@ -1,7 +1,3 @@
-#include <string>
-#include <syslog.h>
-#include <utility>
-
 #include "peers/RemoteRouters.h"
 
 namespace valtor::test {

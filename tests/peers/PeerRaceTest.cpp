@@ -1,8 +1,4 @@
-#include <string>
-#include <thread>
-
 #include "peers/RemoteRouters.h"
-#include "support/Repeat.h"
 
 namespace valtor::test {
 namespace {

@@ -1,18 +1,11 @@
 #pragma once
 
-#include <gtest/gtest.h>
-#include <string>
-
-#include "app/util/OwnedJSON.h"
 #include "peers/RemoteValtorConnectionPoint.h"
 #include "peers/RemoteValtorConnectionPointManager.h"
 #include "peers/ValtorRouterPeerManager.h"
-#include "support/ConsoleCapture.h"
-#include "support/Eventually.h"
-#include "support/LogCapture.h"
 #include "support/MasterBus.h"
 #include "support/ScriptedNode.h"
-#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
 
 namespace valtor::test {
 

@@ -1,7 +1,4 @@
-#include <string>
-
 #include "peers/RemoteRouters.h"
-#include "support/ConsoleCapture.h"
 
 namespace valtor::test {
 namespace {

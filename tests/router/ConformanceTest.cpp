@@ -1,12 +1,12 @@
 // What every JSON-backed class of this layer must satisfy.
 
-#include <gtest/gtest.h>
 #include <initializer_list>
 
 #include "router/DeviceParam.h"
 #include "router/LevelMask.h"
 #include "router/RouteOperation.h"
 #include "router/SupportedInterface.h"
+#include "support/Vocabulary.h"
 
 namespace valtor::test {
 namespace {
@@ -25,19 +25,6 @@ class WrappedParam : public DeviceParam {
     return DeviceParam::loadFromJSON(cJSON_IsObject(item) ? item->child : item);
   }
 };
-
-// As in Loading. Whatever was taken over must render, and load as what it was rendered from.
-template <class T>
-std::string loaded(const std::string& item) {
-  T object;
-  const bool failed = object.loadFromJSON(parseJSON(item).get()) != 0;
-  std::string text = printJSON(object.toJSON().get(), false);
-  EXPECT_FALSE(text.empty()) << item;
-  T again;
-  again.loadFromJSON(parseJSON(text).get());
-  EXPECT_EQ(printJSON(again.toJSON().get(), false), text) << item;
-  return (failed ? "failed " : "") + text;
-}
 
 template <class T>
 void expectConformance(std::initializer_list<Loading> loadings) {

@@ -1,7 +1,7 @@
-#include <gtest/gtest.h>
 #include <stdexcept>
 
 #include "router/DeviceParamList.h"
+#include "support/Vocabulary.h"
 
 namespace valtor::test {
 namespace {

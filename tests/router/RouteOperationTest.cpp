@@ -1,24 +1,12 @@
-#include <gtest/gtest.h>
 #include <stdexcept>
-#include <syslog.h>
 
 #include "router/RouteOperation.h"
-#include "support/LogCapture.h"
+#include "support/Vocabulary.h"
 
 namespace valtor::test {
 namespace {
 
 using Levels = std::vector<unsigned>;
-
-template <class T>
-std::string rendered(const T& object) {
-  return printJSON(object.toJSON().get(), false);
-}
-
-template <class T>
-int load(T& object, const std::string& text) {
-  return object.loadFromJSON(parseJSON(text).get());
-}
 
 TEST(LevelMaskTest, HoldsAndCombinesLevelsAcrossWords) {
   LevelMask mask(Levels{33, 0, 5, 5});
@@ -36,9 +24,7 @@ TEST(LevelMaskTest, HoldsAndCombinesLevelsAcrossWords) {
 
 TEST(LevelMaskTest, LevelsOutsideTheRangeAreSkippedWithOneWarning) {
   const LogCapture log;
-  LevelMask mask;
-  EXPECT_EQ(load(mask, "[-1,65536,1e300,-1e300,4294967296,65535,7]"), 0);
-  EXPECT_EQ(rendered(mask), "[7,65535]");
+  EXPECT_EQ(loaded<LevelMask>("[-1,65536,1e300,-1e300,4294967296,65535,7]"), "[7,65535]");
   const char* line = "LevelMask::loadFromJSON - 5 levels outside 0 to 65535 skipped.\n";
   EXPECT_EQ(log.count(LOG_WARNING, line), 1);
 }

@@ -89,6 +89,29 @@ class BridgeSite {
     from->injectPayload(payload);
     return eventually([&] { return count(to, payload) > 0; });
   }
+  // A route command from a panel, different at every call, reaches the router unchanged.
+  bool commandReaches(const RunningNode& router) {
+    return crosses(*controller, router,
+                   "[\"CMD\", \"route\", 490, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
+  }
+  // A status notification of the router reaches the controller's bus unchanged.
+  bool statusArrivesFrom(RunningNode& router) {
+    return crosses(router, *controller,
+                   "[\"NOT\", \"route\", 100, 0, 0]\n{ \"id\" : " + nextNumber() + "}");
+  }
+
+  // Whether the daemon answers a request on the controller's bus with the list of its routers.
+  bool isServed() {
+    const std::string id = "{\"id\":\"ask" + nextNumber() + "\",";
+    (*controller)->inject(490, "GET", "device", 0, id + R"("objectName":["connectionPoint"]})");
+    return eventually([&] {
+      return controller->countPassed([&](const PassedMessage& one) {
+        return one.source == 101 && one.body().rfind(id, 0) == 0 &&
+               one.body().find(R"("uniqueID":"beta")") != std::string::npos;
+      }) > 0;
+    });
+  }
+
   // How many roles the daemon has followed, by its answers.
   std::size_t answeredRoles() const {
     return controller->countPassed([](const PassedMessage& one) {
@@ -101,7 +124,10 @@ class BridgeSite {
   std::unique_ptr<RunningNode> beta;
 
  private:
+  std::string nextNumber() { return std::to_string(++number_); }
+
   const uint16_t port_;
+  int number_ = 0;
 };
 
 }  // namespace valtor::test

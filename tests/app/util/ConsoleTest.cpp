@@ -1,19 +1,14 @@
 #include <algorithm>
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <pty.h>
 #include <regex>
 #include <sstream>
 #include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
 
 #include "app/util/Console.h"
 #include "app/util/ConsoleWriter.h"
-#include "app/util/UniqueDescriptor.h"
-#include "support/ConsoleCapture.h"
-#include "support/Eventually.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

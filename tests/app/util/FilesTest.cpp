@@ -1,25 +1,12 @@
 #include <cstring>
-#include <gtest/gtest.h>
 #include <stdexcept>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "app/util/Files.h"
-#include "support/LogCapture.h"
-#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {
-
-template <class Action>
-std::string messageOf(Action action) {
-  try {
-    action();
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-  return "nothing thrown";
-}
 
 TEST(Files, ReadJoinsOrKeepsLines) {
   const test::TemporaryFolder folder;
@@ -46,12 +33,14 @@ TEST(Files, WhatIsNoRegularFileIsNeitherReadNorWritten) {
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   for (const std::string& path :
        {link, fifo, folder.path(), folder.at("no/such"), std::string("/dev/full")}) {
-    EXPECT_EQ(messageOf([&] { saveTextFile(path, "x"); }), "error while opening file: " + path);
+    EXPECT_EQ(test::thrownBy([&] { saveTextFile(path, "x"); }),
+              "error while opening file: " + path);
   }
   for (const std::string& path : {fifo, folder.at("missing")}) {
-    EXPECT_EQ(messageOf([&] { readTextFile(path, false); }), "error while opening file: " + path);
+    EXPECT_EQ(test::thrownBy([&] { readTextFile(path, false); }),
+              "error while opening file: " + path);
   }
-  EXPECT_EQ(messageOf([&] { readTextFile(folder.path(), false); }),
+  EXPECT_EQ(test::thrownBy([&] { readTextFile(folder.path(), false); }),
             "error while reading file: " + folder.path());
   EXPECT_EQ(test::fileContent(target), "precious");
 }
@@ -65,7 +54,8 @@ TEST(Files, EnsureDirectoryMakesOneLevelForTheOwnerOnly) {
   EXPECT_EQ(status.st_mode & 07777, 0700U);
   ensureDirectory(made);
   const std::string deep = folder.at("a/b");
-  EXPECT_EQ(messageOf([&] { ensureDirectory(deep); }), "mkdir" + deep + ": " + strerror(ENOENT));
+  EXPECT_EQ(test::thrownBy([&] { ensureDirectory(deep); }),
+            "mkdir" + deep + ": " + strerror(ENOENT));
 }
 
 }  // namespace

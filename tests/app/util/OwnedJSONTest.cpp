@@ -1,8 +1,5 @@
-#include <gtest/gtest.h>
-#include <string>
-
 #include "app/util/JSONValues.h"
-#include "app/util/OwnedJSON.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

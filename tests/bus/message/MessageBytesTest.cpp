@@ -1,11 +1,8 @@
-#include <gtest/gtest.h>
-#include <string>
-#include <vector>
-
 #include "bus/BusSupport.h"
 #include "bus/message/RSPMessage.h"
 #include "bus/message/RequestMessages.h"
 #include "router/RouteOperation.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

@@ -1,10 +1,5 @@
-#include <gtest/gtest.h>
-#include <string>
-#include <syslog.h>
-#include <vector>
-
 #include "bus/message/PellInternalStreamParser.h"
-#include "support/LogCapture.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

@@ -1,14 +1,9 @@
 #include <chrono>
-#include <cstdlib>
 #include <ctime>
-#include <gtest/gtest.h>
-#include <string>
-#include <syslog.h>
-#include <utility>
 
 #include "bus/BusSupport.h"
 #include "bus/message/ScheduledTime.h"
-#include "support/LogCapture.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

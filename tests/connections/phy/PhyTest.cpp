@@ -1,8 +1,5 @@
-#include <gtest/gtest.h>
-#include <syslog.h>
-
 #include "connections/phy/IPPhy.h"
-#include "support/LogCapture.h"
+#include "support/Vocabulary.h"
 
 namespace valtor {
 namespace {

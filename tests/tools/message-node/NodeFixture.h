@@ -1,16 +1,12 @@
 #pragma once
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <map>
-#include <memory>
-#include <string>
 #include <sys/socket.h>
-#include <vector>
 
 #include "message-node/RunningNode.h"
-#include "support/Eventually.h"
 #include "support/ScriptedNode.h"
+#include "support/Vocabulary.h"
 
 namespace valtor::test {
 

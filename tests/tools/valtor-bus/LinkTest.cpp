@@ -1,13 +1,10 @@
 #include <algorithm>
 #include <csignal>
 #include <future>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
 
 #include "message-node/RunningNode.h"
-#include "support/Eventually.h"
 #include "support/ScriptedNode.h"
+#include "support/Vocabulary.h"
 #include "tools/ChildProcess.h"
 #include "valtor-bus/BusConnection.h"
 #include "valtor-bus/CommandFailure.h"
@@ -27,17 +24,6 @@ BusSettings settingsFor(int port, const BusTimes& times) {
   return settings;
 }
 
-// What the operation fails with, "" when it does not.
-template <class Operation>
-std::string failureOf(Operation operation) {
-  try {
-    operation();
-  } catch (const CommandFailure& failure) {
-    return failure.what();
-  }
-  return "";
-}
-
 TEST(BusConnectionTest, WhatHasComeIsNoSilenceHoweverLateItIsRead) {
   ScriptedNode node;
   BusConnection connection(settingsFor(node.port(), {.quiet = Times(10), .silence = Times(40)}));
@@ -52,7 +38,7 @@ TEST(BusConnectionTest, WhatHasComeIsNoSilenceHoweverLateItIsRead) {
   ASSERT_TRUE(message);
   EXPECT_EQ(message->receivedText(), kNotice);
   const std::string failure =
-      failureOf([&] { connection.receive(BusConnection::Clock::now() + kDeadline); });
+      thrownBy([&] { connection.receive(BusConnection::Clock::now() + kDeadline); });
   EXPECT_NE(failure.find("lost: no answer to a keep-alive within"), std::string::npos) << failure;
 }
 
@@ -81,7 +67,7 @@ TEST(BusConnectionTest, WhatTheNodeHasNotReadCountsAsNotSent) {
       connection.sendPayload(kNotice);
       connection.finish();
     };
-    EXPECT_NE(failureOf(send).find(" lost: "), std::string::npos) << reset;
+    EXPECT_NE(thrownBy(send).find(" lost: "), std::string::npos) << reset;
     EXPECT_FALSE(connection.isOpen());
   }
 }
@@ -98,7 +84,7 @@ TEST(BusConnectionTest, ASignalEndsEveryWait) {
     BusConnection connection(settingsFor(node.port(), {}));
     connection.open();
     std::raise(SIGINT);
-    EXPECT_EQ(failureOf([&] { wait(connection); }), "interrupted");
+    EXPECT_EQ(thrownBy([&] { wait(connection); }), "interrupted");
     EXPECT_TRUE(connection.interrupted());
   }
 }

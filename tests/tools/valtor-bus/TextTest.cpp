@@ -1,10 +1,7 @@
-#include <gtest/gtest.h>
 #include <numeric>
-#include <string>
-#include <vector>
 
 #include "support/PrintableText.h"
-#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/JSONText.h"
 #include "valtor-bus/NumberRanges.h"
@@ -54,12 +51,7 @@ TEST(RecordingTest, EveryByteSurvivesAndWhatIsNoMessageIsRefusedWithItsLine) {
       EXPECT_EQ(read->payload, payload);
       EXPECT_EQ(read->offset, std::chrono::hours(100));
     }
-    try {
-      reader.next();
-      ADD_FAILURE() << wrong;
-    } catch (const CommandFailure& failure) {
-      EXPECT_EQ(failure.what(), path + ", line 4, is no recorded message");
-    }
+    EXPECT_EQ(thrownBy([&] { reader.next(); }), path + ", line 4, is no recorded message");
   }
   EXPECT_THROW(RecordingReader(folder.write("other", "{\"offset\":0}\n")), CommandFailure);
   EXPECT_THROW(RecordingWriter(path, RecordingWriter::Existing::Keep), CommandFailure);

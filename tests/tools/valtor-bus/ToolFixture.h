@@ -1,13 +1,9 @@
 #pragma once
 
-#include <gtest/gtest.h>
 #include <map>
-#include <memory>
-#include <string>
-#include <vector>
 
 #include "message-node/RunningNode.h"
-#include "support/Eventually.h"
+#include "support/Vocabulary.h"
 #include "tools/ChildProcess.h"
 
 namespace valtor::test {
