@@ -36,12 +36,19 @@ class TestBusClient : public PellInternalClient {
   }
   ~TestBusClient() override { stopForDestruction(); }
 
-  int getConnID() override { return 77; }
+  int getConnID() override {
+    if (int armed = kArmed; sendGate.compare_exchange_strong(armed, kShut)) {
+      sendGate.wait(kShut);
+    }
+    return 77;
+  }
   int onMessage(const PellInternalMessage& message) override {
     PellInternalClient::onMessage(message);
     paths.add(message.getPath());
     if (message.getPath() == "close") {
       close();
+    } else if (message.getPath() == "wait") {
+      handlingGoesOn.wait(false);
     } else if (message.getPath() == "fail") {
       throw std::runtime_error("cannot");
     }
@@ -49,12 +56,15 @@ class TestBusClient : public PellInternalClient {
   }
   void onConnectionStateChanged(int state, const std::string& reason) override {
     states.add(std::to_string(state) + " " + reason);
-    if (hookFails.exchange(false)) {
+    if (int failing = state; failingState.compare_exchange_strong(failing, -1)) {
       throw std::runtime_error("cannot");
     }
   }
 
-  std::atomic<bool> hookFails{false};
+  std::atomic<int> failingState{-1};  // the next report of this state throws
+  enum Gate { kOpen, kArmed, kShut };
+  std::atomic<int> sendGate{kOpen};  // armed, the next send shuts it and waits until it opens
+  std::atomic<bool> handlingGoesOn{false};  // what a message on "wait" waits for
   test::Record paths;
   test::Record states;
 };
@@ -123,11 +133,58 @@ TEST_F(PellInternalClientTest, ASilentPeerGetsFiveKeepAlivesAndIsThenGivenUp) {
 }
 
 TEST_F(PellInternalClientTest, AHookThatFailsInConnectLeavesNoLinkBehind) {
-  client_.hookFails = true;
+  client_.failingState = 1;
   EXPECT_THROW(client_.connect(), std::runtime_error);
   EXPECT_FALSE(client_.isConnected());
   EXPECT_TRUE(node_.accept()->waitForHangUp());
   connect();
+}
+
+TEST_F(PellInternalClientTest, AHookThatFailsOnTheReceiveThreadGivesThatLinkUp) {
+  auto peer = connect();
+  client_.failingState = 1;
+  peer->close();
+  EXPECT_TRUE(node_.accept()->waitForHangUp());
+  acceptLogin();
+  EXPECT_EQ(log_.count(LOG_ERR, "PellInternalRxThread: tester: cannot\n"), 1);
+}
+
+TEST_F(PellInternalClientTest, TrafficTriggersAKeepAliveAndOneThatCannotGoOutEndsTheLink) {
+  auto timing = client_.timing();
+  timing.keepAlive = 0ms;
+  client_.setTiming(timing);
+  auto peer = connect();
+  peer->sendPayload(note("any"));
+  EXPECT_EQ(headerOf(peer->readFrame()), "[\"SET\", \"\", 77, 0, 0]");
+  peer->close();
+  peer = node_.accept();
+  ASSERT_TRUE(eventually([&] { return client_.states.lines().size() == 3; }));
+  client_.sendGate = TestBusClient::kArmed;
+  peer->sendPayload(note("any"));
+  ASSERT_TRUE(eventually([&] { return client_.sendGate == TestBusClient::kShut; }));
+  peer->close();  // with the login unread: the client's system hears of it at once
+  client_.sendGate = TestBusClient::kOpen;
+  client_.sendGate.notify_all();
+  EXPECT_TRUE(eventually([&] { return client_.states.lines().size() > 3; }));
+  EXPECT_EQ(client_.states.lines()[3], "0 send ACK req error");
+}
+
+TEST_F(PellInternalClientTest, ReadingPausesWhileTooMuchWaitsAndTheEndOfTheLinkIsSeen) {
+  auto peer = connect();
+  peer->sendPayload(note("wait"));
+  const std::string large = note("large") + std::string(500'000, ' ');
+  EXPECT_TRUE(eventually([&] {
+    peer->sendPayload(large);
+    return log_.countContaining(" bytes wait to be handled, reading pauses.\n") == 1;
+  }));
+  // The end of the link is seen all the same; what was read of it is still handled.
+  peer->close();
+  EXPECT_TRUE(eventually([&] { return client_.states.lines().back() == "0 Socket hung up"; }));
+  EXPECT_EQ(log_.countContaining("tester: the link ended while reading paused, "), 1);
+  EXPECT_EQ(client_.paths.lines(), Lines{"wait"});
+  client_.handlingGoesOn = true;
+  client_.handlingGoesOn.notify_all();
+  EXPECT_TRUE(eventually([&] { return client_.paths.lines().size() > 16; }));
 }
 
 TEST(SocketConnect, ASocketThatMeetsItselfIsRefused) {
