@@ -16,7 +16,7 @@ namespace valtor::bench {
 
 namespace {
 
-constexpr std::size_t kRead = 256 * 1024;  // bytes of one read
+constexpr std::size_t kRead = 262'144;  // bytes of one read
 constexpr std::string_view kKeepAlive = "[\"SET\", \"\", ";
 constexpr std::string_view kLogin = "[\"SET\", \"system.connection\", ";
 

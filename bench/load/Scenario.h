@@ -41,6 +41,16 @@ const std::vector<Scenario>& upkeepScenarios();   // idle, memory, restarts, con
 const std::vector<Scenario>& troubleScenarios();  // stalls, bursts, cuts
 const std::vector<Scenario>& brokerScenarios();   // none without the broker's library
 
+// What the bridge and the brokers are both measured with.
+struct Load {
+  const char* name;
+  std::size_t bytes;
+  double rate;  // messages a second
+};
+constexpr std::size_t kKiB = 1024;
+constexpr Load kLoads[] = {
+    {"300B", 300, 500}, {"16KiB", 16 * kKiB, 200}, {"1MiB", 1024 * kKiB, 20}};
+
 // NAME/p50, NAME/p99 and NAME/worst.
 void recordDelays(const Run& run, const std::string& name, Samples delays);
 // Waits until everything that was sent has arrived, or nothing more does for some seconds; fails

@@ -42,23 +42,14 @@ void latency(const Run& run) {
   expectAlive(run, bridge, "latency");
 }
 
-struct Size {
-  const char* name;
-  std::size_t bytes;
-  double rate;
-};
-
-constexpr Size kSizes[] = {
-    {"300B", 300, 500}, {"16KiB", 16 * 1024, 200}, {"1MiB", 1024 * 1024, 20}};
-
 void sizes(const Run& run) {
-  for (const Size& size : kSizes) {
+  for (const Load& load : kLoads) {
     EventLoop loop;
     Bridge bridge(loop, 1);
     TrafficShape shape = kDown;
-    shape.size = size.bytes;
+    shape.size = load.bytes;
     Flow flow(loop, bridge.controller, bridge.routers(), shape);
-    measurePaced(run, loop, bridge, flow, size.rate, std::string("size/") + size.name);
+    measurePaced(run, loop, bridge, flow, load.rate, std::string("size/") + load.name);
     expectAlive(run, bridge, "size");
   }
 }

@@ -26,7 +26,7 @@ void neverReads(const Run& run) {
   Bridge bridge(loop, 3);
   std::vector<Node*> routers = bridge.routers();
   Node& stalled = *routers[0];
-  Flow flow(loop, bridge.controller, {routers[1], routers[2]}, {"CMD", "route", 490, 16 * 1024});
+  Flow flow(loop, bridge.controller, {routers[1], routers[2]}, {"CMD", "route", 490, 16 * kKiB});
   const NumberedCheck& atStalled = flow.observe(stalled);
   flow.pace(kRate);
   loop.runFor(std::chrono::milliseconds(500));
@@ -111,9 +111,9 @@ void measureCut(const Run& run, std::size_t readingRate, const std::string& name
   Bridge bridge(loop, 2);
   std::vector<Node*> routers = bridge.routers();
   routers[0]->readSlowly(readingRate);
-  Flow down(loop, bridge.controller, routers, {"CMD", "route", 490, 64 * 1024});
+  Flow down(loop, bridge.controller, routers, {"CMD", "route", 490, 64 * kKiB});
   Flow up(loop, *routers[1], {&bridge.controller}, {"CMD", "route", 100, 300});
-  down.flood(4 * 1024 * 1024);
+  down.flood(4096 * kKiB);
   loop.runFor(run.seconds(8, 5));
   up.pace(20);
   loop.runFor(std::chrono::milliseconds(500));
@@ -142,7 +142,7 @@ void standby(const Run& run) {
   Bridge bridge(loop, 2);
   std::vector<Node*> routers = bridge.routers();
   routers[0]->pauseReading();
-  Flow flow(loop, bridge.controller, {routers[1]}, {"CMD", "route", 490, 16 * 1024});
+  Flow flow(loop, bridge.controller, {routers[1]}, {"CMD", "route", 490, 16 * kKiB});
   flow.pace(200);
   loop.runFor(run.seconds(15, 6));
   flow.stop();

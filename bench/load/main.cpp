@@ -23,43 +23,56 @@ std::vector<Scenario> allScenarios() {
   return all;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  CLI::App app("Measures the daemon between nodes on loopback; port 15000 must be free");
+struct Options {
   bool list = false;
   bool quick = false;
   int repeat = 1;
   std::string only = ".";
   std::string output;
-  app.add_flag("--list", list, "Say what can be measured");
-  app.add_flag("--quick", quick, "Short runs, to check the driver: no figures to quote");
-  app.add_option("--repeat", repeat, "Do everything so often");
-  app.add_option("--only", only, "Measure what matches this regular expression");
-  app.add_option("--output", output, "Write the figures to this file, as JSON");
-  CLI11_PARSE(app, argc, argv);
+};
 
-  Results results;
-  const std::regex wanted(only);
-  for (int i = 0; i < repeat && !(list && i > 0); ++i) {
-    for (const Scenario& scenario : allScenarios()) {
-      if (!std::regex_search(scenario.name, wanted)) {
-        continue;
-      }
-      std::printf("%s: %s\n", scenario.name, scenario.what);
-      std::fflush(stdout);
-      if (list) {
-        continue;
-      }
-      try {
-        scenario.run({results, quick});
-      } catch (const std::exception& error) {
-        results.fail(std::string(scenario.name) + ": " + error.what());
-      }
+void runAll(const Options& options, Results& results) {
+  const std::regex wanted(options.only);
+  for (const Scenario& scenario : allScenarios()) {
+    if (!std::regex_search(scenario.name, wanted)) {
+      continue;
+    }
+    std::printf("%s: %s\n", scenario.name, scenario.what);
+    std::fflush(stdout);
+    if (options.list) {
+      continue;
+    }
+    try {
+      scenario.run({results, options.quick});
+    } catch (const std::exception& error) {
+      results.fail(std::string(scenario.name) + ": " + error.what());
     }
   }
-  if (!output.empty()) {
-    results.write(output);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Measures the daemon between nodes on loopback; port 15000 must be free");
+  Options options;
+  app.add_flag("--list", options.list, "Say what can be measured");
+  app.add_flag("--quick", options.quick, "Short runs, to check the driver: no figures to quote");
+  app.add_option("--repeat", options.repeat, "Do everything so often");
+  app.add_option("--only", options.only, "Measure what matches this regular expression");
+  app.add_option("--output", options.output, "Write the figures to this file, as JSON");
+  CLI11_PARSE(app, argc, argv);
+
+  try {
+    Results results;
+    for (int i = 0; i < (options.list ? 1 : options.repeat); ++i) {
+      runAll(options, results);
+    }
+    if (!options.output.empty()) {
+      results.write(options.output);
+    }
+    return results.isGood() ? 0 : 1;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "bench_load: %s\n", error.what());
+    return 1;
   }
-  return results.isGood() ? 0 : 1;
 }

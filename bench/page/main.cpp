@@ -110,25 +110,36 @@ std::string rounded(double value) {
 }
 
 struct Scale {
+  const char* of;  // the unit of a figure
+  double from;     // the smallest value that is shown so
   double factor;
   const char* unit;
 };
 
+constexpr double kKiB = 1024;
+constexpr double kMiB = 1024 * kKiB;
+constexpr double kGiB = 1024 * kMiB;
+// The largest first.
+constexpr Scale kScales[] = {
+    {"s", 1, 1, " s"},
+    {"s", 1e-3, 1e3, " ms"},
+    {"s", 1e-6, 1e6, " us"},
+    {"s", 0, 1e9, " ns"},
+    {"bytes", kGiB, 1 / kGiB, " GiB"},
+    {"bytes", kMiB, 1 / kMiB, " MiB"},
+    {"bytes", 0, 1 / kKiB, " KiB"},
+    {"bytes/s", kGiB, 1 / kGiB, " GiB/s"},
+    {"bytes/s", 0, 1 / kMiB, " MiB/s"},
+    {"/s", 0, 1, "/s"},
+};
+
 Scale scaleOf(const Figure& figure) {
-  const double size = std::abs(figure.median());
-  if (figure.unit == "s") {
-    return size >= 1      ? Scale{1, " s"}
-           : size >= 1e-3 ? Scale{1e3, " ms"}
-           : size >= 1e-6 ? Scale{1e6, " us"}
-                          : Scale{1e9, " ns"};
+  for (const Scale& scale : kScales) {
+    if (figure.unit == scale.of && figure.median() >= scale.from) {
+      return scale;
+    }
   }
-  if (figure.unit == "bytes" || figure.unit == "bytes/s") {
-    const bool rate = figure.unit == "bytes/s";
-    return size >= 1 << 30   ? Scale{1.0 / (1 << 30), rate ? " GiB/s" : " GiB"}
-           : size >= 1 << 20 ? Scale{1.0 / (1 << 20), rate ? " MiB/s" : " MiB"}
-                             : Scale{1.0 / 1024, rate ? " KiB/s" : " KiB"};
-  }
-  return {1, figure.unit == "/s" ? "/s" : ""};
+  return {"", 0, 1, ""};
 }
 
 std::string show(const Figure& figure, bool spread) {

@@ -12,6 +12,7 @@ namespace valtor::bench {
 
 // Bytes that a receive thread reads at once.
 constexpr std::size_t kChunk = 15'360;
+constexpr std::size_t kMiB = 1'048'576;  // bytes
 constexpr int64_t kHot = 0;
 constexpr int64_t kCold = 1;
 
@@ -75,9 +76,8 @@ struct Stream {
  private:
   static std::size_t frameCount(std::size_t frameSize, int64_t temperature) {
     const long cache = sysconf(_SC_LEVEL3_CACHE_SIZE);
-    const std::size_t cold =
-        cache > 0 ? 2 * static_cast<std::size_t>(cache) : std::size_t{64} * 1024 * 1024;
-    const std::size_t length = temperature == kCold ? cold : std::size_t{256} * 1024;
+    const std::size_t cold = cache > 0 ? 2 * static_cast<std::size_t>(cache) : 64 * kMiB;
+    const std::size_t length = temperature == kCold ? cold : kMiB / 4;
     return std::max<std::size_t>(1, length / frameSize);
   }
 };
@@ -85,7 +85,7 @@ struct Stream {
 // The sizes and temperatures at which readers are compared.
 inline void sizesAndTemperatures(benchmark::internal::Benchmark* benchmark) {
   benchmark->ArgNames({"bytes", "cold"})
-      ->ArgsProduct({{100, 1024, 64 * 1024, 1024 * 1024}, {kHot, kCold}})
+      ->ArgsProduct({{100, 1024, 65'536, kMiB}, {kHot, kCold}})
       ->Unit(benchmark::kMicrosecond);
 }
 

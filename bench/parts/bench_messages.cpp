@@ -63,6 +63,6 @@ void BM_ChunksToFrame(benchmark::State& state) {
   }
   state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(bytes.size()));
 }
-BENCHMARK(BM_ChunksToFrame)->ArgName("bytes")->Arg(100)->Arg(300)->Arg(16 * 1024)->Arg(1024 * 1024);
+BENCHMARK(BM_ChunksToFrame)->ArgName("bytes")->Arg(100)->Arg(300)->Arg(16'384)->Arg(kMiB);
 
 }  // namespace
