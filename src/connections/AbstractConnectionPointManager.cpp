@@ -224,21 +224,26 @@ std::unique_ptr<ConnectionPoint> AbstractConnectionPointManager::createSupported
   return isSupported(item) ? createConnectionPoint(item) : nullptr;
 }
 
+JSONPtr parseConnectionPointFile(const std::string& text, const std::string& path) {
+  JSONPtr document(cJSON_Parse(text.c_str()));
+  if (!document) {
+    throw std::runtime_error("not JSON: " + path);
+  }
+  if (cJSON_IsObject(document.get()) == 0) {
+    throw std::runtime_error("not a JSON object: " + path);
+  }
+  if (arrayMember(document.get(), "connectionPoint") == nullptr) {
+    throw std::runtime_error("no array \"connectionPoint\": " + path);
+  }
+  return document;
+}
+
 AbstractConnectionPointManager::ConnectionPointList loadConnectionPointsFromFile(
     AbstractConnectionPointManager& manager, const std::string& path) {
   AbstractConnectionPointManager::ConnectionPointList loaded;
   try {
-    const JSONPtr document(cJSON_Parse(readTextFile(path, false).c_str()));
-    if (!document) {
-      throw std::runtime_error("not JSON: " + path);
-    }
-    if (cJSON_IsObject(document.get()) == 0) {
-      throw std::runtime_error("not a JSON object: " + path);
-    }
+    const JSONPtr document = parseConnectionPointFile(readTextFile(path, false), path);
     const cJSON* described = arrayMember(document.get(), "connectionPoint");
-    if (described == nullptr) {
-      throw std::runtime_error("no array \"connectionPoint\": " + path);
-    }
     const cJSON* element = nullptr;
     cJSON_ArrayForEach(element, described) {
       std::unique_ptr<ConnectionPoint> connectionPoint = manager.createSupported(element);

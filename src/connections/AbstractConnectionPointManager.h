@@ -188,6 +188,10 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   std::unique_ptr<ConnectionPointCleanupThread> cleanupThread_;
 };
 
+// The tree of a database file's text, without its line feeds, whose object has an array
+// "connectionPoint". Throws std::runtime_error with the reason and the path when it is none.
+JSONPtr parseConnectionPointFile(const std::string& text, const std::string& path);
+
 // The connection points that a database file describes and the manager serves, in the order of the
 // file. A file that cannot be read, is not JSON, not an object or holds no array "connectionPoint"
 // is logged with the reason; the list is then empty. Throws nothing for a broken file.

@@ -30,10 +30,6 @@ std::string loginBody(const BusSettings& settings) {
          ",\"connID\":" + std::to_string(settings.connID) + ",\"version\":1}}}";
 }
 
-std::string secondsText(BusTimes::Time time) {
-  return std::to_string(std::chrono::duration_cast<std::chrono::seconds>(time).count()) + " s";
-}
-
 std::string subscriptionBody(const std::vector<std::string>& paths) {
   std::string list;
   for (const std::string& path : paths) {
@@ -54,10 +50,15 @@ class BusConnection::Impl {
   void open() {
     close();
     catchSignals();
-    const Clock::time_point deadline = Clock::now() + settings.times.open;
+    const Clock::time_point start = Clock::now();
+    const Clock::time_point deadline = std::min(start + settings.times.open, limit);
+    const auto why = [&](const asio::error_code& error) {
+      return error == asio::error::timed_out ? "no answer within " + secondsText(deadline - start)
+                                             : error.message();
+    };
     Tcp::resolver resolver(context_);
     Tcp::resolver::results_type found;
-    asio::error_code error = await(deadline - Clock::now(), [&](auto done) {
+    asio::error_code error = await(deadline - start, [&](auto done) {
       resolver.async_resolve(settings.host, std::to_string(settings.port),
                              [done, &found](const asio::error_code& result,
                                             const Tcp::resolver::results_type& endpoints) {
@@ -68,7 +69,7 @@ class BusConnection::Impl {
                              });
     });
     if (error) {
-      throw LinkFailure("cannot find host \"" + printable(settings.host) + "\": " + text(error),
+      throw LinkFailure("cannot find host \"" + printable(settings.host) + "\": " + why(error),
                         "Check --host: a name that resolves here, or an IPv4 address.");
     }
     error = await(deadline - Clock::now(), [&](auto done) {
@@ -78,8 +79,12 @@ class BusConnection::Impl {
     });
     if (error) {
       close();
-      throw LinkFailure("cannot connect to " + where() + ": " + text(error),
-                        "Is a message node listening there? Check --host and --port.");
+      const std::string text = "cannot connect to " + where() + ": " + why(error);
+      const char* hint = "Is a message node listening there? Check --host and --port.";
+      if (error == asio::error::connection_refused) {
+        throw LinkRefused(text, hint);
+      }
+      throw LinkFailure(text, hint);
     }
     asio::error_code ignored;
     socket_.set_option(Tcp::no_delay(true), ignored);
@@ -161,19 +166,33 @@ class BusConnection::Impl {
     close();
   }
 
+  std::optional<Clock::duration> roundTrip(Clock::time_point deadline) {
+    requireOpen();
+    const Clock::time_point start = Clock::now();
+    const std::string identifier = sendProbe();
+    const auto isAnswered = [&] {
+      return std::find(probes_.begin(), probes_.end(), identifier) == probes_.end();
+    };
+    runUntil(deadline - start, [&] { return isAnswered() || !loss_.empty(); });
+    received_.clear();
+    if (isAnswered()) {
+      return Clock::now() - start;
+    }
+    if (!loss_.empty()) {
+      throwLoss();
+    }
+    return std::nullopt;
+  }
+
   std::string where() const { return settings.host + ":" + std::to_string(settings.port); }
 
   const BusSettings settings;
   std::vector<std::string> subscriptions;
+  Clock::time_point limit = Clock::time_point::max();
   bool isOpen = false;
   bool interrupted = false;
 
  private:
-  std::string text(const asio::error_code& error) const {
-    return error == asio::error::timed_out ? "no answer within " + secondsText(settings.times.open)
-                                           : error.message();
-  }
-
   void requireOpen() const {
     if (!isOpen) {
       throw LinkFailure("not connected to " + where());
@@ -218,10 +237,10 @@ class BusConnection::Impl {
         before = left;
         deadline = now + time;
       }
-      if (now >= deadline) {
+      if (now >= deadline || now >= limit) {
         return false;
       }
-      runOnce(std::min(deadline, now + kLongestWait));
+      runOnce(std::min({deadline, limit, now + kLongestWait}));
     }
     return true;
   }
@@ -280,20 +299,22 @@ class BusConnection::Impl {
     }
   }
 
-  void sendProbe() {
+  std::string sendProbe() {
     quietSince_ = Clock::now();
     unansweredSince_ = unansweredSince_.value_or(quietSince_);
     const BusRequest request = makeRequest(MessageKind::SET, "", "{}");
     probes_.push_back(request.identifier);
     send(request);
+    return request.identifier;
   }
 
   // Sends a keep-alive and waits until the condition holds.
   template <class Condition>
   void probe(Condition condition) {
+    const Clock::time_point start = Clock::now();
     sendProbe();
     if (!runUntil(settings.times.confirm, [&] { return condition() || !loss_.empty(); })) {
-      loseSilent(settings.times.confirm);
+      loseSilent(Clock::now() - start);
     }
     if (!condition()) {
       throwLoss();
@@ -311,7 +332,7 @@ class BusConnection::Impl {
     }
   }
 
-  void loseSilent(BusTimes::Time time) {
+  void loseSilent(Clock::duration time) {
     lose("no answer to a keep-alive within " + secondsText(time));
   }
 
@@ -364,7 +385,8 @@ void BusConnection::setSubscriptions(std::vector<std::string> paths) {
 }
 void BusConnection::open() { impl_->open(); }
 bool BusConnection::isOpen() const { return impl_->isOpen; }
-const BusTimes& BusConnection::times() const { return impl_->settings.times; }
+void BusConnection::setDeadline(Clock::time_point deadline) { impl_->limit = deadline; }
+const BusSettings& BusConnection::settings() const { return impl_->settings; }
 std::string BusConnection::where() const { return impl_->where(); }
 void BusConnection::send(const BusRequest& request) { impl_->send(request); }
 void BusConnection::sendPayload(const std::string& payload) { impl_->sendPayload(payload); }
@@ -374,7 +396,16 @@ std::optional<PellInternalMessage> BusConnection::receive(Clock::time_point dead
 void BusConnection::pause(Clock::time_point until) { impl_->pause(until); }
 void BusConnection::awaitInput() { impl_->awaitInput(); }
 void BusConnection::finish() { impl_->finish(); }
+std::optional<Clock::duration> BusConnection::roundTrip(Clock::time_point deadline) {
+  return impl_->roundTrip(deadline);
+}
 bool BusConnection::interrupted() const { return impl_->interrupted; }
+
+std::string secondsText(std::chrono::duration<double> time) {
+  std::array<char, 40> text{};
+  std::snprintf(text.data(), text.size(), "%.3g s", time.count());
+  return text.data();
+}
 
 std::chrono::microseconds toDuration(double seconds) {
   constexpr double kMost = 1e9;

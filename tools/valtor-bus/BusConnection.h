@@ -52,7 +52,9 @@ class BusConnection {
   // Connects within 5 s, logs in and subscribes. Throws LinkFailure.
   void open();
   bool isOpen() const;
-  const BusTimes& times() const;
+  // The moment beyond which open(), send() and finish() do not go on, whatever their own times.
+  void setDeadline(Clock::time_point deadline);
+  const BusSettings& settings() const;
   // "host:port".
   std::string where() const;
 
@@ -76,6 +78,10 @@ class BusConnection {
   // after the node's system last took data.
   void finish();
 
+  // Sends a keep-alive; how long its answer took, or none at the deadline. Drops what else comes.
+  // Throws LinkFailure when the connection is lost.
+  std::optional<Clock::duration> roundTrip(Clock::time_point deadline);
+
   bool interrupted() const;
 
  private:
@@ -83,6 +89,8 @@ class BusConnection {
   std::unique_ptr<Impl> impl_;
 };
 
+// "0.25 s"
+std::string secondsText(std::chrono::duration<double> time);
 // The seconds of an option as a duration, at most some years, whatever a person typed.
 std::chrono::microseconds toDuration(double seconds);
 

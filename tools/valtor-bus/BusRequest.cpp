@@ -55,13 +55,19 @@ BusRequest makeRequest(MessageKind kind, const std::string& path, const std::str
   }
   const OwnedJSON tree = parseJSON(text);
   if (const char* given = stringMember(tree.get(), "id"); given != nullptr && *given != '\0') {
-    return {kind, path, destination, given, text};
+    return {kind, path, destination, given, text, true};
   }
-  std::string identifier = nextIdentifier();
-  JSONMembers members = membersOfJSON(text);
+  return repeated({kind, path, destination, "", text});
+}
+
+BusRequest repeated(const BusRequest& request) {
+  BusRequest again = request;
+  again.identifier = nextIdentifier();
+  JSONMembers members = membersOfJSON(request.body);
   std::erase_if(members, [](const auto& member) { return member.first == "\"id\""; });
-  members.insert(members.begin(), {"\"id\"", quotedJSON(identifier)});
-  return {kind, path, destination, std::move(identifier), objectOfJSON(members)};
+  members.insert(members.begin(), {"\"id\"", quotedJSON(again.identifier)});
+  again.body = objectOfJSON(members);
+  return again;
 }
 
 std::string payloadOf(const BusRequest& request, int32_t source) {

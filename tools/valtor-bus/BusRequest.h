@@ -15,6 +15,7 @@ struct BusRequest {
   int32_t destination = 0;  // a connection id; 0 for whoever listens
   std::string identifier;   // what answers carry too
   std::string body;
+  bool keepsIdentifier = false;  // it came with one
 };
 
 // The body is the text of a JSON object; it gets a new identifier as its first member unless it has
@@ -22,6 +23,9 @@ struct BusRequest {
 // path that a header line cannot hold.
 BusRequest makeRequest(MessageKind kind, const std::string& path, const std::string& body,
                        int32_t destination = 0);
+
+// The same with a new identifier.
+BusRequest repeated(const BusRequest& request);
 
 // What travels in the frame.
 std::string payloadOf(const BusRequest& request, int32_t source);

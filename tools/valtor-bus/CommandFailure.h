@@ -33,4 +33,10 @@ class LinkFailure : public CommandFailure {
       : CommandFailure(ExitCode::Refused, text, std::move(advice)) {}
 };
 
+// Nobody listens there, which may be so for a moment only.
+class LinkRefused : public LinkFailure {
+ public:
+  using LinkFailure::LinkFailure;
+};
+
 }  // namespace valtor

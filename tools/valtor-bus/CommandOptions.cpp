@@ -19,6 +19,7 @@
 #include "app/util/ErrnoText.h"
 #include "support/PrintableText.h"
 #include "support/WholeNumber.h"
+#include "valtor-bus/CheckCommand.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/JSONText.h"
@@ -343,6 +344,42 @@ void addStatus(CLI::App& app, Request& request) {
   asksFor(*command, request, settings, status);
 }
 
+void addPing(CLI::App& app, Request& request) {
+  CLI::App* command =
+      addCommand(app, "ping", "Measure the way to the daemon or a router, and back.",
+                 "  valtor-bus ping\n"
+                 "  valtor-bus ping router-north\n"
+                 "  valtor-bus ping --count 100 --interval 0.1 127.0.0.2:15000\n");
+  const auto settings = std::make_shared<PingSettings>();
+  command->add_option("ROUTER", settings->router,
+                      "name or unique ID of a router that the daemon lists, or ADDRESS:PORT; "
+                      "without it the daemon");
+  command->add_option("-c,--count", settings->count, "how often")
+      ->type_name("NUMBER")
+      ->transform(whole(1))
+      ->capture_default_str();
+  command->add_option("--interval", settings->interval, "from one question to the next")
+      ->type_name("SECONDS")
+      ->transform(secondsCheck())
+      ->capture_default_str();
+  addTimeout(*command, settings->timeout);
+  asksFor(*command, request, settings, ping);
+}
+
+void addCheck(CLI::App& app, Request& request) {
+  CLI::App* command =
+      addCommand(app, "check", "Read a file of connection points as the daemon would.",
+                 "  valtor-bus check connectionPoints.json\n"
+                 "  valtor-bus check new.json && mv new.json connectionPoints.json\n");
+  const auto file = std::make_shared<std::string>();
+  command->add_option("FILE", *file, "such as a database's connectionPoints.json")->required();
+  command->callback([file, &request] {
+    request.command = [file](BusConnection& /*connection*/, Output& output) {
+      check(*file, output);
+    };
+  });
+}
+
 void addRoute(CLI::App& app, Request& request) {
   CLI::App* route = addCommand(app, "route", "Take and query routes.",
                                "  valtor-bus route take --dest 1-16 --level 0,2-5 --source 7\n"
@@ -447,6 +484,8 @@ void addOptions(CLI::App& app, Request& request) {
   addDelete(app, request);
   addSend(app, request);
   addStatus(app, request);
+  addPing(app, request);
+  addCheck(app, request);
   addRoute(app, request);
   addRecord(app, request);
   addReplay(app, request);

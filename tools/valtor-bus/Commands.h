@@ -70,6 +70,17 @@ struct StatusSettings {
 // it fails unless every enabled connection point is connected.
 void status(BusConnection& connection, const StatusSettings& settings, Output& output);
 
+struct PingSettings {
+  std::string router;  // name, unique ID or "address:port"; "" for the daemon
+  std::size_t count = 5;
+  double interval = 1;
+  double timeout = kAnswerTime;  // for each answer
+};
+// Prints how long each answer took, then the shortest, median and longest time. Asks the daemon
+// whether it is ready, or the router's node itself for a sign of life. Fails unless every question
+// is answered.
+void ping(BusConnection& connection, const PingSettings& settings, Output& output);
+
 struct RouteSettings {
   std::string destinations;  // in the form of NumberRanges.h, like the others
   std::string levels = "0";

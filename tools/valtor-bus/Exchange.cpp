@@ -1,8 +1,6 @@
 #include "valtor-bus/Exchange.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <utility>
 
 #include "support/PrintableText.h"
@@ -11,6 +9,8 @@
 
 namespace valtor {
 namespace {
+
+using Clock = BusConnection::Clock;
 
 std::string described(const BusRequest& request) {
   return std::string(kindName(request.kind)) + " on \"" + request.path + "\"";
@@ -23,24 +23,112 @@ std::string refusalOf(const PellInternalMessage& answer) {
          (details.empty() ? "" : ", details " + printable(details));
 }
 
+// Waits until the daemon says that it is ready, if the request is one that changes something and is
+// not meant for somebody else; no longer than until the time.
+void awaitDaemon(BusConnection& connection, const BusRequest& request, Clock::time_point until) {
+  const bool changes = request.kind == MessageKind::SET || request.kind == MessageKind::UPDATE ||
+                       request.kind == MessageKind::DEL || request.kind == MessageKind::CMD;
+  const bool isForOthers = request.destination != 0 && request.destination != kDaemonConnID &&
+                           request.destination != kDaemonOnRouterConnID;
+  if (!changes || isForOthers) {
+    return;
+  }
+  std::vector<BusRequest> questions;
+  Repetition repetition;
+  while (Clock::now() < until) {
+    if (Clock::now() >= repetition.due()) {
+      repetition.next();
+      // On the controller's bus the first is answered at once, and nobody is asked in vain.
+      if (!questions.empty()) {
+        connection.send(questions.emplace_back(readinessQuestion(kDaemonOnRouterConnID)));
+      }
+      connection.send(questions.emplace_back(readinessQuestion(kDaemonConnID)));
+    }
+    const auto message = connection.receive(std::min(until, repetition.due()));
+    if (message && std::any_of(questions.begin(), questions.end(),
+                               [&](const BusRequest& one) { return isAnswerTo(one, *message); })) {
+      return;
+    }
+  }
+}
+
 }  // namespace
+
+void Repetition::next() {
+  constexpr std::chrono::milliseconds kLongest{1000};
+  due_ = Clock::now() + interval_;
+  interval_ = std::min(interval_ * 2, kLongest);
+}
+
+void openBefore(BusConnection& connection, Clock::time_point deadline) {
+  constexpr std::chrono::milliseconds kPause{100};
+  connection.setDeadline(deadline);
+  for (;;) {
+    try {
+      connection.open();
+      return;
+    } catch (const LinkRefused&) {
+      if (Clock::now() + kPause >= deadline) {
+        throw;
+      }
+    }
+    connection.pause(Clock::now() + kPause);
+    if (connection.interrupted()) {
+      throw Interrupted();
+    }
+  }
+}
+
+BusRequest readinessQuestion(int32_t connID) {
+  return makeRequest(MessageKind::GET, "system", R"({"param":{"objectName":["moduleReady"]}})",
+                     connID);
+}
+
+void sendOnce(BusConnection& connection, const BusRequest& request, double seconds) {
+  const auto time = toDuration(seconds);
+  const Clock::time_point start = Clock::now();
+  openBefore(connection, start + time);
+  awaitDaemon(connection, request, start + time / 2);
+  connection.send(request);
+  connection.finish();
+}
 
 Exchange::Exchange(BusConnection& connection, BusRequest request, double seconds)
     : connection_(connection),
-      request_(std::move(request)),
+      requests_({std::move(request)}),
       seconds_(seconds),
-      end_(BusConnection::Clock::now() + toDuration(seconds)) {
-  connection_.send(request_);
+      end_(Clock::now() + toDuration(seconds)) {
+  openBefore(connection_, end_);
+  awaitDaemon(connection_, this->request(), end_ - toDuration(seconds) / 2);
+  repetition_.next();
+  connection_.send(this->request());
+}
+
+bool Exchange::repeats() const {
+  return request().kind == MessageKind::GET && !request().keepsIdentifier && !enough_ &&
+         refusals_.empty();
+}
+
+bool Exchange::takes(const PellInternalMessage& message) {
+  const auto found = std::find_if(requests_.begin(), requests_.end(),
+                                  [&](const BusRequest& one) { return isAnswerTo(one, message); });
+  if (found == requests_.end()) {
+    return false;
+  }
+  const auto number = static_cast<std::size_t>(found - requests_.begin());
+  return answers_.emplace(message.header.sourceConnID, number).first->second == number;
 }
 
 std::optional<PellInternalMessage> Exchange::next() {
   try {
     do {
-      std::optional<PellInternalMessage> message = connection_.receive(end_);
-      if (!message) {
-        break;
+      if (repeats() && Clock::now() >= repetition_.due()) {
+        repetition_.next();
+        connection_.send(requests_.emplace_back(repeated(request())));
       }
-      if (isAnswerTo(request_, *message)) {
+      std::optional<PellInternalMessage> message =
+          connection_.receive(repeats() ? std::min(end_, repetition_.due()) : end_);
+      if (message && takes(*message)) {
         if (isRefusal(*message)) {
           refusals_ += (refusals_.empty() ? "" : "; ") + refusalOf(*message);
           bound(kTimeAfterRefusal);
@@ -48,7 +136,7 @@ std::optional<PellInternalMessage> Exchange::next() {
         answered_ = answered_ || !isRefusal(*message);
         return message;
       }
-    } while (BusConnection::Clock::now() < end_);
+    } while (Clock::now() < end_);
   } catch (const LinkFailure&) {
     if (!enough_) {
       throw;
@@ -62,30 +150,27 @@ void Exchange::hasEnough() {
   bound(kTimeForOthers);
 }
 
-void Exchange::bound(BusConnection::Clock::duration time) {
-  end_ = std::min(end_, BusConnection::Clock::now() + time);
-}
+void Exchange::bound(Clock::duration time) { end_ = std::min(end_, Clock::now() + time); }
 
 void Exchange::requireAnswer(const std::string& hint) const {
   if (!answered_) {
     requireNoRefusal();
-    throwNoAnswer(connection_, request_, seconds_, hint);
+    throwNoAnswer(connection_, request(), seconds_, hint);
   }
 }
 
 void Exchange::requireNoRefusal() const {
   if (!refusals_.empty()) {
-    throw CommandFailure(ExitCode::Refused, described(request_) + " was refused by " + refusals_);
+    throw CommandFailure(ExitCode::Refused, described(request()) + " was refused by " + refusals_);
   }
 }
 
 void throwNoAnswer(const BusConnection& connection, const BusRequest& request, double seconds,
                    const std::string& hint) {
-  std::array<char, 40> time{};
-  std::snprintf(time.data(), time.size(), " within %g s", seconds);
-  throw CommandFailure(
-      ExitCode::Refused,
-      "no answer to " + described(request) + " from " + connection.where() + time.data(), hint);
+  throw CommandFailure(ExitCode::Refused,
+                       "no answer to " + described(request) + " from " + connection.where() +
+                           " within " + secondsText(std::chrono::duration<double>(seconds)),
+                       hint);
 }
 
 }  // namespace valtor

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,10 +17,46 @@ namespace valtor {
 constexpr std::chrono::milliseconds kTimeForOthers{300};
 constexpr std::chrono::seconds kTimeAfterRefusal{1};
 
-// A request and the answers to it, as they come. One thread.
+// The connection ids of the daemon on the controller's bus, and on the bus of a router.
+constexpr int32_t kDaemonConnID = 101;
+constexpr int32_t kDaemonOnRouterConnID = 10000;
+
+// When to ask again for what nobody has answered: soon at first, since whoever has just started is
+// there in a moment, then every second.
+class Repetition {
+ public:
+  using Clock = BusConnection::Clock;
+
+  // Now is one of the times.
+  void next();
+  // At once before the first.
+  Clock::time_point due() const { return due_; }
+
+ private:
+  Clock::time_point due_;
+  std::chrono::milliseconds interval_{250};
+};
+
+// Opens the connection. A node that refuses is tried again until the deadline, beyond which the
+// connection does nothing from now on. Throws LinkFailure.
+void openBefore(BusConnection& connection, BusConnection::Clock::time_point deadline);
+
+// Asks whether the participant with that connection id is ready, which the daemon answers whatever
+// its role.
+BusRequest readinessQuestion(int32_t connID);
+
+// Opens the connection and sends a request that nobody answers; returns once the node has read it.
+// A change waits for the daemon as below. Throws CommandFailure.
+void sendOnce(BusConnection& connection, const BusRequest& request, double seconds);
+
+// A request and the answers to it, as they come, on a connection of its own. A "GET" is asked again
+// as long as there is not enough, each time with a new identifier unless it came with one. What
+// changes something goes out once, when the daemon has said that it is ready, or, on a bus without
+// one, after half of the time. One thread.
 class Exchange {
  public:
-  // Sends the request, on an open connection that has to outlive the exchange.
+  // Opens the connection, which has to outlive the exchange, and sends the request. All of it ends
+  // after the seconds. Throws CommandFailure.
   Exchange(BusConnection& connection, BusRequest request, double seconds);
 
   // The next answer, refusals included; none when the time is over. Throws CommandFailure when
@@ -34,12 +71,18 @@ class Exchange {
   void requireNoRefusal() const;
   // Who refused and why, one after the other; "" when nobody did.
   const std::string& refusals() const { return refusals_; }
+  const BusRequest& request() const { return requests_.front(); }
 
  private:
+  bool repeats() const;
   void bound(BusConnection::Clock::duration time);
+  // Whether it answers the request, and no repetition of one that its sender has answered.
+  bool takes(const PellInternalMessage& message);
 
   BusConnection& connection_;
-  const BusRequest request_;
+  std::vector<BusRequest> requests_;        // the first, and its repetitions
+  std::map<int32_t, std::size_t> answers_;  // by sender, which of them it has answered
+  Repetition repetition_;
   const double seconds_;
   BusConnection::Clock::time_point end_;
   bool enough_ = false;

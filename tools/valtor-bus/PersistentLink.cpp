@@ -20,7 +20,7 @@ std::optional<PellInternalMessage> PersistentLink::receive(
       if (connection_.isOpen()) {
         return connection_.receive(deadline);
       }
-      connection_.pause(std::min(deadline, lastAttempt_ + connection_.times().reopen));
+      connection_.pause(std::min(deadline, lastAttempt_ + connection_.settings().times.reopen));
       if (connection_.interrupted() || BusConnection::Clock::now() >= deadline) {
         return std::nullopt;
       }

@@ -105,7 +105,6 @@ std::string paramBody(const std::vector<std::string>& texts) {
 }
 
 void get(BusConnection& connection, const GetSettings& settings, Output& output) {
-  connection.open();
   Exchange exchange(connection,
                     makeRequest(MessageKind::GET, settings.path, requestBody(settings.names)),
                     settings.timeout);
@@ -141,10 +140,8 @@ void get(BusConnection& connection, const GetSettings& settings, Output& output)
 void sendMessage(BusConnection& connection, const SendSettings& settings, Output& output) {
   const BusRequest request =
       makeRequest(settings.kind, settings.path, settings.body, settings.destination);
-  connection.open();
   if (settings.answers == 0) {
-    connection.send(request);
-    connection.finish();
+    sendOnce(connection, request, settings.timeout);
     return;
   }
   Exchange exchange(connection, request, settings.timeout);

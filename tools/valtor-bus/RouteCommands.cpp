@@ -175,10 +175,8 @@ class Routes {
 
 void takeRoute(BusConnection& connection, const RouteSettings& settings, Output& output) {
   const BusRequest request = routeRequest(kTakeKey, {takeOperation(settings)}, settings);
-  connection.open();
   if (settings.noWait) {
-    connection.send(request);
-    connection.finish();
+    sendOnce(connection, request, settings.timeout);
     return;
   }
   Exchange exchange(connection, request, settings.timeout);
@@ -197,7 +195,6 @@ void takeRoute(BusConnection& connection, const RouteSettings& settings, Output&
 
 void queryRoute(BusConnection& connection, const RouteSettings& settings, Output& output) {
   const BusRequest request = routeRequest(kQueryKey, queryOperations(settings), settings);
-  connection.open();
   Exchange exchange(connection, request, settings.timeout);
   Routes routes(settings);
   bool unknownForm = false;

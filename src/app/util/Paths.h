@@ -6,7 +6,8 @@ namespace valtor {
 
 // The fixed places of the controller's file system that the daemon reads and writes. Every one
 // begins with the build's path prefix (empty in packages). The strings live as long as the process.
-// Any thread may read; setPathPrefix is for tests and runs before any other thread starts.
+// Any thread may read; setPathPrefix is for tests, and for tools that must not
+// touch what is the daemon's; it runs before any other thread starts.
 struct Paths {
   std::string databaseDirectory;        // the active databases, with a trailing "/"
   std::string containerDirectory;       // the managers' container files, without a trailing "/"

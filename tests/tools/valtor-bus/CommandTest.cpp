@@ -123,10 +123,94 @@ TEST_F(ValtorBusTest, ARecordingIsReplayedByteByByteUpToWhereItWasCut) {
   EXPECT_TRUE(node.passed().empty());
 }
 
+TEST_F(ValtorBusTest, WhoeverStartsBeforeTheDaemonSucceeds) {
+  const auto count = [&](const auto& condition) { return node.countPassed(condition); };
+  const auto isSet = [](const PassedMessage& one) {
+    return one.kind == MessageKind::SET && one.path == "device";
+  };
+  node->stopListening();
+  ready = false;
+  const auto get = start({"get", "a", "--timeout", "60"});
+  node->startListening();
+  nextSent("device");
+  answerNext("device", {"\"param\":{\"a\":1}"});  // the repetition
+  EXPECT_EQ(get->wait(), 0) << get->err();
+  const auto set = start({"set", "a=1", "--timeout", "60", "--name", "set"});
+  ASSERT_TRUE(eventually([&] { return count(isReadinessQuestion) >= 3; }));
+  EXPECT_EQ(count(isSet), 0U);
+  ready = true;
+  answerNext("device", {R"("statusCode":200)"}, "set");
+  EXPECT_EQ(set->wait(), 0) << set->err();
+  EXPECT_EQ(count(isSet), 1U);
+}
+
+TEST_F(ValtorBusTest, PingMeasuresTheDaemonAndTheNodesOfRouters) {
+  const std::string place = "127.0.0.1:" + std::to_string(node.port());
+  for (const std::string& router : Texts{"", place, "north"}) {
+    const auto ping = start({"ping", "--count", "2", "--interval", "0", "--timeout", "60", router});
+    if (router == "north") {
+      nextSent("device");
+      answerNext(
+          "device",
+          {R"("param":{"connectionPoint":[{"uniqueID":"r","name":"north","phy":[{"ipAddress":)"
+           R"("127.0.0.1","port":)" +
+           std::to_string(node.port()) + "}]}]}"});
+    }
+    EXPECT_EQ(ping->wait(), 0) << ping->err();
+    EXPECT_NE(ping->out().find("\n2 questions, 2 answers, minimum "), std::string::npos)
+        << ping->out();
+  }
+  ready = false;
+  const auto ping = start({"ping", "--count", "1", "--timeout", "0.1"});
+  EXPECT_EQ(ping->wait(), 1);
+  EXPECT_EQ(ping->out(), "1: no answer within 0.1 s\n1 questions, 0 answers\n");
+}
+
+TEST_F(ValtorBusTest, CheckTellsWhatTheDaemonMakesOfEachEntry) {
+  const auto entry = [](const std::string& uniqueID, const std::string& phy) {
+    return R"({"type":"valtor","name":"n","uniqueID":")" + uniqueID + R"(","phy":[{"type":"tcp",)" +
+           phy + "}]}";
+  };
+  const std::string good = R"("ipAddress":"127.0.0.2","port":15000,"server":true)";
+  const TemporaryFolder folder;
+  const auto checked = [&](const std::string& content) {
+    folder.write("file", content);
+    auto tool = start({"check", folder.at("file")});
+    const int code = tool->wait();
+    std::string out = tool->out() + tool->err();
+    for (std::size_t at = 0; (at = out.find(folder.at("file"))) != std::string::npos;) {
+      out.replace(at, folder.at("file").size(), "F");
+    }
+    return std::to_string(code) + "\n" + out;
+  };
+  EXPECT_EQ(checked("{\"a]\\\"\":[{},[1]],\n\"connectionPoint\":[" + entry("1", good) + ",\n" +
+                    entry("2", "\"port\":\"1\"") + ",\n\n{\"type\":\"x\"}," +
+                    entry("4", R"("ipAddress":"127.0.0.1","port":1)") + ",\n7," +
+                    entry("1", R"("ipAddress":"127.0.0.3","port":9)") + "]}"),
+            "1\n"
+            "F:2: left out: n (1), 127.0.0.2:15000; line 6 describes the same unique ID again\n"
+            "F:3: refused: 2, invalid port; data parsing error; invalid phy details; no valid phy "
+            "found\n"
+            "F:5: left out: its type is \"x\"\n"
+            "F:5: left out: 4, its address is that of the controller itself\n"
+            "F:6: left out: it has no type\n"
+            "F:6: taken: n (1), 127.0.0.3:9, as an incoming client: not \"server\": true\n"
+            "1 taken, 1 refused, 4 left out\n");
+  EXPECT_EQ(checked("{\"connectionPoint\":[" + entry("1", good) + "]}").front(), '0');
+  EXPECT_EQ(checked("{\n[}"),
+            "1\nvaltor-bus: not JSON: F\n  line 2, column 1: Missing a name for object member.\n");
+  EXPECT_EQ(checked("[]"), "1\nvaltor-bus: not a JSON object: F\n");
+  EXPECT_NE(checked(std::string(8388609, '[')).find("has 8388609 bytes, more than"),
+            std::string::npos);
+  EXPECT_EQ(start({"check", folder.path()})->wait(), 1);
+  EXPECT_TRUE(node.passed().empty());
+}
+
 TEST_F(ValtorBusTest, EveryOptionIsInTheCompletionAndOnTheManPage) {
   const std::string page = fileContent(VALTOR_BUS_MAN_PAGE);
-  for (const std::string command : {"", "watch", "get", "set", "update", "del", "send", "status",
-                                    "route take", "route query", "record", "replay"}) {
+  for (const std::string command :
+       {"", "watch", "get", "set", "update", "del", "send", "status", "route take", "route query",
+        "record", "replay", "ping", "check"}) {
     ChildProcess completion("source " VALTOR_BUS_COMPLETION "; COMP_WORDS=(x " + command +
                             " --); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _valtor_bus; "
                             "echo \" ${COMPREPLY[*]} \" >out");

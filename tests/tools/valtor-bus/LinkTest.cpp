@@ -56,18 +56,21 @@ TEST(BusConnectionTest, AnsweredKeepAlivesHoldAQuietLinkAndAreNotSeen) {
 }
 
 TEST(BusConnectionTest, WhatTheNodeHasNotReadCountsAsNotSent) {
-  for (const bool reset : {true, false}) {
+  for (const std::string reason : {"reset", "confirm", "deadline"}) {
     ScriptedNode node;
-    BusConnection connection(settingsFor(node.port(), {.confirm = Times(50)}));
+    const Times confirm = reason == "confirm" ? Times(50) : Times(3600000);
+    BusConnection connection(settingsFor(node.port(), {.confirm = confirm}));
     connection.open();
-    if (reset) {
+    if (reason == "reset") {
       node.accept()->close();  // with unread input
+    } else if (reason == "deadline") {
+      connection.setDeadline(BusConnection::Clock::now() + Times(50));
     }
     const auto send = [&] {
       connection.sendPayload(kNotice);
       connection.finish();
     };
-    EXPECT_NE(thrownBy(send).find(" lost: "), std::string::npos) << reset;
+    EXPECT_NE(thrownBy(send).find(" lost: "), std::string::npos) << reason;
     EXPECT_FALSE(connection.isOpen());
   }
 }

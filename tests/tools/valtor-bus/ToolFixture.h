@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <map>
 
 #include "message-node/RunningNode.h"
@@ -10,8 +11,9 @@ namespace valtor::test {
 
 using Texts = std::vector<std::string>;
 
-// The real executable against a node whose other participants are played by the test. Tools that
-// run at the same time are told apart by the names with which they log in.
+// The real executable against a node whose other participants are played by the test, but for a
+// daemon that says, while it is ready, that it is. Tools that run at the same time are told apart
+// by the names with which they log in.
 class ToolFixture : public ::testing::Test {
  protected:
   // The script has the tool's command line as "$@".
@@ -73,8 +75,26 @@ class ToolFixture : public ::testing::Test {
     return message;
   }
 
-  RunningNode node;
+  // Whether the message asks the daemon whether it is ready.
+  static bool isReadinessQuestion(const PassedMessage& message) {
+    return message.kind == MessageKind::GET && message.path == "system" &&
+           message.body().find("moduleReady") != std::string::npos;
+  }
+
+  std::atomic<bool> ready{true};
+  RunningNode node{withDaemon()};
   std::map<std::string, std::size_t> looked;
+
+ private:
+  MessageNode::Options withDaemon() {
+    MessageNode::Options options;
+    options.onMessage = [this](const PassedMessage& message) {
+      if (ready && isReadinessQuestion(message) && message.destination == 101) {
+        node->inject(101, "RSP", "system", message.source, identifier(message) + "}");
+      }
+    };
+    return options;
+  }
 };
 
 }  // namespace valtor::test
