@@ -25,11 +25,6 @@ using Tcp = asio::ip::tcp;
 constexpr std::chrono::seconds kLongestWait{1};  // between two looks at what the node has taken
 constexpr std::size_t kReadSize = 65536;
 
-std::string loginBody(const BusSettings& settings) {
-  return R"({"param":{"login":{"name":)" + quotedJSON(settings.name) +
-         ",\"connID\":" + std::to_string(settings.connID) + ",\"version\":1}}}";
-}
-
 std::string subscriptionBody(const std::vector<std::string>& paths) {
   std::string list;
   for (const std::string& path : paths) {
@@ -91,7 +86,7 @@ class BusConnection::Impl {
     isOpen = true;
     quietSince_ = Clock::now();
     readOn();
-    send(makeRequest(MessageKind::SET, "system.connection", loginBody(settings)));
+    send(loginRequest(settings));
     if (!subscriptions.empty()) {
       send(makeRequest(MessageKind::SET, "system.connection", subscriptionBody(subscriptions)));
     }
@@ -400,6 +395,12 @@ std::optional<Clock::duration> BusConnection::roundTrip(Clock::time_point deadli
   return impl_->roundTrip(deadline);
 }
 bool BusConnection::interrupted() const { return impl_->interrupted; }
+
+BusRequest loginRequest(const BusSettings& settings) {
+  return makeRequest(MessageKind::SET, "system.connection",
+                     R"({"param":{"login":{"name":)" + quotedJSON(settings.name) +
+                         ",\"connID\":" + std::to_string(settings.connID) + ",\"version\":1}}}");
+}
 
 std::string secondsText(std::chrono::duration<double> time) {
   std::array<char, 40> text{};

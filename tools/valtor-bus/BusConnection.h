@@ -31,6 +31,9 @@ struct BusSettings {
   BusTimes times;
 };
 
+// The first message of every connection.
+BusRequest loginRequest(const BusSettings& settings);
+
 // One connection to a message node, for a command that waits: every operation blocks until it is
 // done or its deadline has passed. While it waits it reads, and sends a silent node a keep-alive
 // every 5 s; a node that says nothing for 15 s after the first counts as lost, so that a link that

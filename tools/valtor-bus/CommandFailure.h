@@ -6,8 +6,9 @@
 
 namespace valtor {
 
-// What the process returns.
-enum class ExitCode { Done = 0, Refused = 1, Usage = 2 };
+// What the process returns; the last three from a check, as monitoring systems expect it of their
+// plugins.
+enum class ExitCode { Done = 0, Refused = 1, Usage = 2, Warning = 1, Critical = 2, Unknown = 3 };
 
 // What ends a command before it is done: the text says what failed and where, the hint, when there
 // is one, what to try.

@@ -19,6 +19,7 @@
 #include "app/util/ErrnoText.h"
 #include "support/PrintableText.h"
 #include "support/WholeNumber.h"
+#include "valtor-bus/BusDefaults.h"
 #include "valtor-bus/CheckCommand.h"
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
@@ -50,6 +51,7 @@ CLI::Validator whole(int first, int last = INT_MAX) {
                          (last == INT_MAX ? "" : " to " + std::to_string(last)),
                      first, last);
 }
+CLI::Validator portCheck() { return whole(1, 65535); }
 CLI::Validator secondsCheck() { return numberCheck("number of seconds", 0.0, 1e9); }
 
 // The texts of options that several subcommands have and that are checked after parsing.
@@ -76,10 +78,10 @@ struct Limits {
   double timeout = -1;
 
   void addTo(CLI::App& app) {
-    app.add_option("--count", count, "end after so many messages")
+    app.add_option("-c,--count", count, "end after so many messages")
         ->type_name("NUMBER")
         ->transform(whole(1));
-    app.add_option("--timeout", timeout, "end after so many seconds")
+    app.add_option("-t,--timeout", timeout, "end after so many seconds")
         ->type_name("SECONDS")
         ->transform(secondsCheck());
   }
@@ -150,7 +152,7 @@ CLI::App* addCommand(CLI::App& app, const char* name, const char* text,
 }
 
 void addTimeout(CLI::App& app, double& timeout) {
-  app.add_option("--timeout", timeout, "seconds to wait for the answer")
+  app.add_option("-t,--timeout", timeout, "seconds to wait for the answer")
       ->type_name("SECONDS")
       ->transform(secondsCheck())
       ->capture_default_str();
@@ -171,19 +173,35 @@ void addWatch(CLI::App& app, Request& request) {
   CLI::App* command = addCommand(app, "watch", "Show messages as they pass, one line each.",
                                  "  valtor-bus watch --path 'device*' --kind NOT\n"
                                  "  valtor-bus watch --json --count 10 --timeout 60 | jq .body\n"
+                                 "  valtor-bus watch --format '%{time} %{path} %{body}'\n"
                                  "  valtor-bus watch --from 101 --raw\n");
   struct Texts {
     FilterTexts filter;
     Limits limits;
+    std::string format;
+    std::size_t width = WatchSettings().width;
+    bool full = false;
     bool json = false;
     bool raw = false;
   };
   const auto texts = std::make_shared<Texts>();
   texts->filter.addTo(*command);
   texts->limits.addTo(*command);
+  command->add_option("--width", texts->width, "how much of a body is shown")
+      ->type_name("CHARACTERS")
+      ->transform(whole(1))
+      ->capture_default_str();
+  command->add_flag("--full", texts->full, "show all of every body");
   auto* json = command->add_flag("--json", texts->json, "one JSON object a line");
-  command->add_flag("--raw", texts->raw, "the payload bytes, each followed by a line feed")
-      ->excludes(json);
+  auto* raw =
+      command->add_flag("--raw", texts->raw, "the payload bytes, each followed by a line feed")
+          ->excludes(json);
+  command
+      ->add_option("--format", texts->format,
+                   "a line of one's own; " + MessageFormat::placeholders() + ", %%, \\n, \\t")
+      ->type_name("TEXT")
+      ->excludes(json)
+      ->excludes(raw);
   command->callback([texts, &request] {
     request.command = [texts](BusConnection& connection, Output& output) {
       WatchSettings settings;
@@ -191,6 +209,10 @@ void addWatch(CLI::App& app, Request& request) {
       settings.form = texts->json  ? WatchSettings::Form::JSON
                       : texts->raw ? WatchSettings::Form::Raw
                                    : WatchSettings::Form::Text;
+      if (!texts->format.empty()) {
+        settings.format.emplace(texts->format);
+      }
+      settings.width = texts->full ? 0 : texts->width;
       settings.count = texts->limits.count;
       settings.timeout = texts->limits.seconds();
       watch(connection, settings, output);
@@ -336,12 +358,23 @@ void addStatus(CLI::App& app, Request& request) {
                                  "  valtor-bus status --check || alarm\n");
   const auto settings = std::make_shared<StatusSettings>();
   auto* watch = command->add_flag("--watch", settings->watch, "stay, and show every change");
-  command
-      ->add_flag("--check", settings->check,
-                 "one line; exit 0 only if every enabled connection point is connected")
-      ->excludes(watch);
+  auto* check = command
+                    ->add_flag("--check", settings->check,
+                               "one line for monitoring systems; exit codes 0 OK, 1 WARNING, "
+                               "2 CRITICAL, 3 UNKNOWN")
+                    ->excludes(watch);
+  command->add_flag("--probe", settings->probe, "ask every enabled router's node too")
+      ->needs(check);
+  command->add_flag("--json", settings->json, "as JSON")->excludes(watch)->excludes(check);
+  command->add_option("--socket", settings->socket, "where the daemon of this machine tells")
+      ->type_name("PATH")
+      ->capture_default_str();
   addTimeout(*command, settings->timeout);
-  asksFor(*command, request, settings, status);
+  command->callback([settings, &request] {
+    request.command = [settings](BusConnection& connection, Output& output) {
+      (settings->check ? checkStatus : status)(connection, *settings, output);
+    };
+  });
 }
 
 void addPing(CLI::App& app, Request& request) {
@@ -440,17 +473,26 @@ void addReplay(CLI::App& app, Request& request) {
   CLI::App* command = addCommand(app, "replay", "Send the messages of a recording again.",
                                  "  valtor-bus replay evening.rec\n"
                                  "  valtor-bus replay --speed 10 evening.rec\n"
-                                 "  valtor-bus replay --no-timing evening.rec\n");
-  const auto settings = std::make_shared<ReplaySettings>();
-  command->add_option("FILE", settings->file, "a recording, or - for standard input")->required();
-  auto* speed = command->add_option("--speed", settings->speed, "2 is twice as fast as recorded")
+                                 "  valtor-bus replay --no-timing evening.rec\n"
+                                 "  valtor-bus replay --loop --path route evening.rec\n");
+  struct Texts {
+    ReplaySettings settings;
+    FilterTexts filter;
+  };
+  const auto texts = std::make_shared<Texts>();
+  ReplaySettings& settings = texts->settings;
+  command->add_option("FILE", settings.file, "a recording, or - for standard input")->required();
+  texts->filter.addTo(*command);
+  auto* speed = command->add_option("--speed", settings.speed, "2 is twice as fast as recorded")
                     ->type_name("FACTOR")
                     ->transform(numberCheck("factor above 0", 1e-9, 1e9))
                     ->capture_default_str();
-  command->add_flag("--no-timing", settings->noTiming, "as fast as it goes")->excludes(speed);
-  command->callback([settings, &request] {
-    request.command = [settings](BusConnection& connection, Output& /*output*/) {
-      replay(connection, *settings);
+  command->add_flag("--no-timing", settings.noTiming, "as fast as it goes")->excludes(speed);
+  command->add_flag("--loop", settings.loop, "begin again at the end, until interrupted");
+  command->callback([texts, &request] {
+    request.command = [texts](BusConnection& connection, Output& /*output*/) {
+      texts->settings.filter = texts->filter.filter();
+      replay(connection, texts->settings);
     };
   });
 }
@@ -459,17 +501,29 @@ void addReplay(CLI::App& app, Request& request) {
 
 void addOptions(CLI::App& app, Request& request) {
   app.set_version_flag("--version", "valtor-bus " VALTOR_VERSION);
-  app.add_option("--host", request.bus.host, "the message node's host")
-      ->check(CLI::Validator(
-          [](const std::string& text) {
-            return std::string(text.empty() ? "a name is needed" : "");
-          },
-          ""))
-      ->capture_default_str();
-  app.add_option("--port", request.bus.port, "its TCP port")
-      ->type_name("PORT")
-      ->transform(whole(1, 65535))
-      ->capture_default_str();
+  CLI::Option* host = app.add_option("-H,--host", request.bus.host, "the message node's host")
+                          ->check(CLI::Validator(
+                              [](const std::string& text) {
+                                return std::string(text.empty() ? "a name is needed" : "");
+                              },
+                              ""))
+                          ->capture_default_str();
+  CLI::Option* port = app.add_option("-p,--port", request.bus.port, "its TCP port")
+                          ->type_name("PORT")
+                          ->transform(portCheck())
+                          ->capture_default_str();
+  app.final_callback([host, port, &request] {
+    if (const auto given = host->count() == 0 ? busDefault("host") : std::nullopt) {
+      request.bus.host = given->text;
+    }
+    if (const auto given = port->count() == 0 ? busDefault("port") : std::nullopt) {
+      std::string text = given->text;
+      if (const std::string fault = portCheck()(text); !fault.empty()) {
+        throw CommandFailure(ExitCode::Usage, given->origin + ": " + fault);
+      }
+      request.bus.port = static_cast<uint16_t>(std::stoi(text));
+    }
+  });
   app.add_option("--name", request.bus.name, "name to log in with")->capture_default_str();
   app.add_option("--conn-id", request.bus.connID,
                  "connection id to log in with; by default 20000 to 29999, from the process id")
@@ -490,7 +544,7 @@ void addOptions(CLI::App& app, Request& request) {
   addRecord(app, request);
   addReplay(app, request);
   app.footer(
-      "\nExit codes: 0 done, 1 refused or no answer, 2 wrong usage.\n\n"
+      "\nExit codes: 0 done, 1 refused or no answer, 2 wrong usage; status --check has its own.\n\n"
       "Examples:\n"
       "  valtor-bus status\n"
       "  valtor-bus --host 10.0.0.7 watch --path 'device*'\n"

@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "valtor-bus/BusConnection.h"
+#include "valtor-bus/DaemonStatus.h"
+#include "valtor-bus/MessageFormat.h"
 #include "valtor-bus/MessageText.h"
 #include "valtor-bus/Output.h"
 
@@ -21,7 +23,9 @@ struct WatchSettings {
   enum class Form { Text, JSON, Raw };
   MessageFilter filter;
   Form form = Form::Text;
-  std::size_t count = 0;  // 0: no limit
+  std::optional<MessageFormat> format;  // instead of the form
+  std::size_t width = 160;              // of a body as text, in characters; 0: all of it
+  std::size_t count = 0;                // 0: no limit
   std::optional<double> timeout;
 };
 // A line for each message until the count or the time is over, or a signal comes. It fails when
@@ -64,11 +68,23 @@ std::string requestBody(const std::vector<std::string>& names);
 struct StatusSettings {
   bool watch = false;
   bool check = false;
+  bool probe = false;
+  bool json = false;
+  std::string socket = DaemonStatus::defaultPath();  // of the daemon of this machine
   double timeout = kAnswerTime;
 };
-// The connection points as a table; with watch again at every change; with check as one line, and
-// it fails unless every enabled connection point is connected.
+// The connection points as a table or as JSON, with the daemon's own figures where it is the one of
+// this machine, else as far as the bus tells; with watch again at every change.
 void status(BusConnection& connection, const StatusSettings& settings, Output& output);
+
+// What the daemon of this machine says of itself, if it is the one of that bus; says on standard
+// error why its socket gives no answer.
+DaemonStatus localStatus(const BusSettings& bus, const StatusSettings& settings);
+
+// One line for monitoring systems, in the form and with the exit codes of their plugins: OK,
+// WARNING, CRITICAL or UNKNOWN, the reasons, and figures behind "|". With probe every enabled
+// router's node is asked for a sign of life too.
+void checkStatus(BusConnection& connection, const StatusSettings& settings, Output& output);
 
 struct PingSettings {
   std::string router;  // name, unique ID or "address:port"; "" for the daemon
@@ -110,11 +126,14 @@ void record(BusConnection& connection, const RecordSettings& settings, Output& o
 
 struct ReplaySettings {
   std::string file;  // "-" for standard input
+  MessageFilter filter;
   double speed = 1;  // 2: twice as fast as recorded
   bool noTiming = false;
+  bool loop = false;  // begin again at the end, until a signal comes
 };
-// Sends the messages of the file as they were recorded, header included, except those that set up
-// a connection. A file on disk is checked as a whole before anything is sent.
+// Sends the messages of the file that the filter accepts as they were recorded, header included,
+// except those that set up a connection. A file on disk is checked as a whole before anything is
+// sent; only such a one can be looped.
 void replay(BusConnection& connection, const ReplaySettings& settings);
 
 }  // namespace valtor

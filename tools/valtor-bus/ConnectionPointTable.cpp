@@ -8,14 +8,13 @@
 #include "support/PrintableText.h"
 #include "valtor-bus/BusRequest.h"
 #include "valtor-bus/JSONText.h"
+#include "valtor-bus/TextTable.h"
 
 namespace valtor {
 namespace {
 
 constexpr std::array<const char*, 2> kListNames = {"connectionPoint", "serverConnectionPoint"};
 constexpr std::size_t kConnectedColumn = 5;
-constexpr std::size_t kColumns = 7;
-using Cells = std::array<std::string, kColumns>;
 
 std::string textMember(const cJSON* object, const char* name) {
   const char* text = stringMember(object, name);
@@ -35,22 +34,8 @@ std::string addressOf(const cJSON* point) {
   return !line.empty() ? line : textMember(phy, "type");
 }
 
-// In characters, as far as UTF-8 tells.
-std::size_t width(const std::string& text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char byte) { return (byte & 0xC0) != 0x80; }));
-}
-
-// "12:34:56", behind the date when that was not today.
-std::string sinceText(WallTime time) {
-  const std::string full = fullTime(time);
-  const std::string date = full.substr(0, full.find('T'));
-  const std::string clock = timeOfDay(time);
-  const bool today = fullTime(std::chrono::system_clock::now()).find(date) == 0;
-  return (today ? "" : date + " ") + clock.substr(0, clock.find('.'));
-}
-
-Cells cellsOf(const std::string& uniqueID, const ConnectionPointTable::Row& row) {
+std::vector<std::string> cellsOf(const std::string& uniqueID,
+                                 const ConnectionPointTable::Row& row) {
   return {row.name,
           printable(uniqueID),
           row.type,
@@ -106,7 +91,8 @@ bool ConnectionPointTable::takeList(const cJSON* list, std::optional<WallTime> t
     const bool connected = cJSON_IsTrue(cJSON_GetObjectItem(point, "connected")) != 0;
     const auto [entry, isNew] = rows_.try_emplace(uniqueID);
     Row& row = entry->second;
-    if (isNew || row.connected != connected) {
+    // An announcement always is of a change, also when the one before it was missed.
+    if (isNew || time || row.connected != connected) {
       row.since = time;
     }
     row.name = textMember(point, "name");
@@ -120,54 +106,42 @@ bool ConnectionPointTable::takeList(const cJSON* list, std::optional<WallTime> t
   return any;
 }
 
+void ConnectionPointTable::takeTimes(const DaemonStatus& status) {
+  for (const DaemonStatus::Router& router : status.routers) {
+    const auto entry = rows_.find(router.uniqueID);
+    if (entry != rows_.end() && router.since && entry->second.connected == router.up) {
+      entry->second.since = wallTime(*router.since);
+    }
+  }
+}
+
 std::string ConnectionPointTable::text(bool colour) const {
-  std::vector<Cells> lines = {
+  std::vector<std::vector<std::string>> lines = {
       {"NAME", "UNIQUE ID", "TYPE", "ADDRESS", "ENABLED", "CONNECTED", "SINCE"}};
   for (const auto& [uniqueID, row] : rows_) {
     lines.push_back(cellsOf(uniqueID, row));
   }
-  std::array<std::size_t, kColumns> widths{};
-  for (const Cells& cells : lines) {
-    for (std::size_t column = 0; column < kColumns; ++column) {
-      widths[column] = std::max(widths[column], width(cells[column]));
-    }
-  }
-  std::string result;
-  for (std::size_t number = 0; number < lines.size(); ++number) {
-    for (std::size_t column = 0; column < kColumns; ++column) {
-      const std::string& cell = lines[number][column];
-      const bool tinted = colour && number > 0 && column == kConnectedColumn;
-      result += tinted ? (cell == "yes" ? "\x1b[32m" : "\x1b[31m") + cell + "\x1b[0m" : cell;
-      result += column + 1 < kColumns ? std::string(widths[column] - width(cell) + 2, ' ') : "\n";
-    }
-  }
-  return result;
+  return textTable(lines, [colour](const std::string& cell, std::size_t column) {
+    return !colour || column != kConnectedColumn ? "" : cell == "yes" ? "\x1b[32m" : "\x1b[31m";
+  });
 }
 
-std::vector<std::string> ConnectionPointTable::down() const {
-  std::vector<std::string> names;
+std::string ConnectionPointTable::json() const {
+  std::string list;
   for (const auto& [uniqueID, row] : rows_) {
-    if (row.enabled && !row.connected) {
-      names.push_back((row.name.empty() ? printable(uniqueID) : row.name) + " (" + row.address +
-                      ")");
-    }
+    const std::size_t colon = std::min(row.address.find_last_of(':'), row.address.size());
+    const std::string port = row.address.substr(std::min(colon + 1, row.address.size()));
+    list += (list.empty() ? "" : ",") + ("{\"name\":" + quotedJSON(row.name)) +
+            ",\"uniqueID\":" + quotedJSON(uniqueID) +
+            ",\"address\":" + quotedJSON(row.address.substr(0, colon)) +
+            (port.empty() ? "" : ",\"port\":" + compactJSON(port).value_or(quotedJSON(port))) +
+            ",\"enabled\":" + (row.enabled ? "true" : "false") + ",\"state\":\"" +
+            (row.connected ? "up"
+             : row.enabled ? "down"
+                           : "disabled") +
+            "\"}";
   }
-  return names;
-}
-
-bool ConnectionPointTable::allConnected() const { return down().empty(); }
-
-std::string ConnectionPointTable::summary() const {
-  const std::vector<std::string> missing = down();
-  const auto enabled = static_cast<std::size_t>(std::count_if(
-      rows_.begin(), rows_.end(), [](const auto& entry) { return entry.second.enabled; }));
-  std::string line = (missing.empty() ? "OK: " : "CRITICAL: ") +
-                     std::to_string(enabled - missing.size()) + " of " + std::to_string(enabled) +
-                     " enabled connection points connected";
-  for (std::size_t i = 0; i < missing.size(); ++i) {
-    line += (i == 0 ? "; down: " : ", ") + missing[i];
-  }
-  return line;
+  return "{\"routers\":[" + list + "]}";
 }
 
 }  // namespace valtor

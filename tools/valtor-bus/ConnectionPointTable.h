@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "bus/message/PellInternalMessage.h"
+#include "valtor-bus/DaemonStatus.h"
 #include "valtor-bus/MessageText.h"
 
 namespace valtor {
@@ -31,18 +32,19 @@ class ConnectionPointTable {
   // Takes over a notification that came at the time. Whether it concerned connection points.
   bool takeNotification(const PellInternalMessage& notification, WallTime time);
 
+  // Takes over since when the states are as they are, from a daemon that tells.
+  void takeTimes(const DaemonStatus& status);
+
   // A head line and one line for each connection point, in the order of the unique IDs.
   std::string text(bool colour) const;
-  // One line for monitoring systems, and whether all is well.
-  std::string summary() const;
-  bool allConnected() const;
+  // What is known as JSON, in the form of the daemon's status document.
+  std::string json() const;
 
   const std::map<std::string, Row>& rows() const { return rows_; }
 
  private:
   // The time is that of a notification.
   bool takeList(const cJSON* list, std::optional<WallTime> time);
-  std::vector<std::string> down() const;
 
   std::map<std::string, Row> rows_;  // by unique ID
 };

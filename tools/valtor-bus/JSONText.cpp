@@ -1,6 +1,8 @@
 #include "valtor-bus/JSONText.h"
 
 #include <algorithm>
+#include <array>
+#include <cstdio>
 #include <rapidjson/error/en.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
@@ -70,6 +72,19 @@ std::size_t endOfValue(const std::string& json, std::size_t at) {
     at = byte == '"' ? endOfString(json, at) : at + 1;
   }
   return at;
+}
+
+// How many bytes the control character takes that begins there and may stand in JSON as it is; 0
+// for any other.
+std::size_t sizeOfControl(const std::string& json, std::size_t at) {
+  if (json[at] == '\x7f') {
+    return 1;
+  }
+  if (json[at] == '\xc2' && at + 1 < json.size() &&
+      isControl(static_cast<unsigned char>(json[at + 1]), 0xc2)) {
+    return 2;
+  }
+  return directionControlAt(json, at);
 }
 
 }  // namespace
@@ -162,18 +177,22 @@ std::string formattedJSON(const std::string& compact) {
 std::string escapedControls(const std::string& json) {
   std::string result;
   result.reserve(json.size());
-  for (const char byte : json) {
-    const auto value = static_cast<unsigned char>(byte);
-    const unsigned char before = result.empty() ? 0 : static_cast<unsigned char>(result.back());
-    if (value < 0x7f || !isControl(value, before)) {
-      result += byte;
+  for (std::size_t at = 0; at < json.size();) {
+    const std::size_t count = sizeOfControl(json, at);
+    if (count == 0) {
+      result += json[at++];
       continue;
     }
-    if (value != 0x7f) {
-      result.pop_back();
-    }
-    constexpr const char* kDigits = "0123456789abcdef";
-    result += std::string("\\u00") + kDigits[value >> 4U] + kDigits[value & 0xfU];
+    const auto bits = [&](std::size_t place, unsigned mask) {
+      return static_cast<unsigned char>(json[at + place]) & mask;
+    };
+    const unsigned code = count == 1   ? bits(0, 0x7f)
+                          : count == 2 ? bits(0, 0x1f) << 6U | bits(1, 0x3f)
+                                       : bits(0, 0xf) << 12U | bits(1, 0x3f) << 6U | bits(2, 0x3f);
+    std::array<char, 12> text{};
+    std::snprintf(text.data(), text.size(), "\\u%04x", code);
+    result += text.data();
+    at += count;
   }
   return result;
 }

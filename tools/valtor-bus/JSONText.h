@@ -32,8 +32,8 @@ std::string textOfJSON(const std::string& json);
 // What compactJSON() made, with line feeds and tabs for people.
 std::string formattedJSON(const std::string& compact);
 
-// JSON in which the control characters that JSON allows in strings, which a terminal would act on,
-// are escaped.
+// JSON in which what JSON allows in strings and a terminal would act on is escaped: control
+// characters and those that override the direction of writing.
 std::string escapedControls(const std::string& json);
 
 // A JSON string, with its quotes.

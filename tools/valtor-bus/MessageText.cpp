@@ -59,24 +59,21 @@ std::string participant(int32_t connID, const std::string& name) {
   return std::to_string(connID) + (name.empty() ? "" : "@" + printable(name));
 }
 
-std::string received(const PellInternalMessage& message) {
-  return message.bodyText() != nullptr ? message.bodyText() : "";
-}
-
 std::string bodyJSON(const PellInternalMessage& message) {
-  const std::string body = received(message);
+  const std::string body = bodyTextOf(message);
   return body.empty() ? "null" : compactJSON(body).value_or(quotedJSON(body));
 }
 
-// The header's schedule element as JSON; "" when it is 0 or not there.
-std::string scheduleOf(const PellInternalMessage& message) {
-  const char* line = message.receivedLine();
-  const HeaderElements elements(line != nullptr ? line : "");
-  const cJSON* element = elements.schedule;
-  if (element == nullptr || (cJSON_IsNumber(element) != 0 && element->valuedouble == 0)) {
-    return "";
+// The beginning of a long text, and how much is missing. A character is not cut in two.
+std::string cut(const std::string& text, std::size_t width) {
+  std::size_t count = 0;
+  for (std::size_t at = 0; width != 0 && at < text.size(); ++at) {
+    count += (static_cast<unsigned char>(text[at]) & 0xC0U) != 0x80U ? 1 : 0;
+    if (count > width) {
+      return text.substr(0, at) + "... (" + std::to_string(text.size() - at) + " bytes more)";
+    }
   }
-  return printJSON(element, false);
+  return text;
 }
 
 template <class Value>
@@ -92,7 +89,37 @@ std::string fullTime(WallTime time) {
   return localTime(time, "%FT%T") + milliseconds(time) + localTime(time, "%z");
 }
 
-std::string messageLine(const PellInternalMessage& message, WallTime time, bool colour) {
+std::string scheduleOf(const PellInternalMessage& message) {
+  const char* line = message.receivedLine();
+  const HeaderElements elements(line != nullptr ? line : "");
+  const cJSON* element = elements.schedule;
+  if (element == nullptr || (cJSON_IsNumber(element) != 0 && element->valuedouble == 0)) {
+    return "";
+  }
+  return printJSON(element, false);
+}
+
+std::string sinceText(WallTime time) {
+  const std::string full = fullTime(time);
+  const std::string date = full.substr(0, full.find('T'));
+  const std::string clock = timeOfDay(time);
+  const bool today = fullTime(std::chrono::system_clock::now()).find(date) == 0;
+  return (today ? "" : date + " ") + clock.substr(0, clock.find('.'));
+}
+
+WallTime wallTime(double seconds) {
+  constexpr double kFarthest = 9e9;  // what the clock of any machine can show
+  const double limited = seconds >= 0 && seconds < kFarthest ? seconds : 0;
+  return WallTime(
+      std::chrono::duration_cast<WallTime::duration>(std::chrono::duration<double>(limited)));
+}
+
+std::string bodyTextOf(const PellInternalMessage& message) {
+  return message.bodyText() != nullptr ? message.bodyText() : "";
+}
+
+std::string messageLine(const PellInternalMessage& message, WallTime time, bool colour,
+                        std::size_t width) {
   const PellInternalHeader& header = message.header;
   const std::string schedule = scheduleOf(message);
   std::string kind = kindName(header.kind);
@@ -104,7 +131,8 @@ std::string messageLine(const PellInternalMessage& message, WallTime time, bool 
          (header.path.empty() ? "-" : printable(header.path)) + " " +
          participant(header.sourceConnID, header.sourceName) + "->" +
          participant(header.destConnID, header.destName) + " " +
-         (schedule.empty() ? "" : "at " + printable(schedule) + " ") + printable(received(message));
+         (schedule.empty() ? "" : "at " + printable(schedule) + " ") +
+         cut(printable(bodyTextOf(message)), width);
 }
 
 std::string messageJSON(const PellInternalMessage& message, WallTime time) {
@@ -123,8 +151,7 @@ std::string messageJSON(const PellInternalMessage& message, WallTime time) {
                          ",\"body\":" + bodyJSON(message) + "}");
 }
 
-bool MessageFilter::accepts(const PellInternalMessage& message) const {
-  const PellInternalHeader& header = message.header;
+bool MessageFilter::accepts(const PellInternalHeader& header) const {
   return (paths.empty() || std::any_of(paths.begin(), paths.end(),
                                        [&](const std::string& pattern) {
                                          return coversPath(pattern, header.path);

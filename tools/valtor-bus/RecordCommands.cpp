@@ -20,16 +20,9 @@ std::string secondsText(Clock::duration time) {
 }
 
 // Logins, subscriptions and keep-alives would change the connection of whoever replays them.
-bool setsUpConnection(const std::string& payload) {
-  const OwnedJSON header = parseJSON(payload.substr(0, payload.find('\n')));
-  const cJSON* kind = cJSON_IsArray(header.get()) ? header.get()->child : nullptr;
-  const cJSON* path = kind != nullptr ? kind->next : nullptr;
-  if (path == nullptr || !cJSON_IsString(kind) || !cJSON_IsString(path) ||
-      kindFromName(kind->valuestring) != MessageKind::SET) {
-    return false;
-  }
-  const std::string text = path->valuestring;
-  return text.empty() || text == "system.connection";
+bool setsUpConnection(const PellInternalHeader& header) {
+  return header.kind == MessageKind::SET &&
+         (header.path.empty() || header.path == "system.connection");
 }
 
 // Waits, and drops what comes meanwhile.
@@ -42,6 +35,79 @@ void waitUntil(BusConnection& connection, Clock::time_point due) {
 std::chrono::microseconds scaled(std::chrono::microseconds offset, double speed) {
   return toDuration(std::chrono::duration<double>(offset).count() / speed);
 }
+
+// Sends a recording, again and again when it is to.
+class Replay {
+ public:
+  Replay(BusConnection& connection, const ReplaySettings& settings)
+      : connection_(connection), settings_(settings), reader_(settings.file) {}
+
+  void run() {
+    if (reader_->isOnDisk()) {
+      RecordingReader check(settings_.file);
+      while (check.next()) {
+      }
+    } else if (settings_.loop) {
+      throw CommandFailure(ExitCode::Usage, "--loop needs a file that can be read again");
+    }
+    connection_.open();
+    start_ = Clock::now();
+    try {
+      while (sendAll() > 0 && settings_.loop) {
+        reader_.emplace(settings_.file);
+      }
+      connection_.finish();
+    } catch (const Interrupted&) {
+      progress_.finish("stopped after " + std::to_string(sent_) + " messages");
+      if (!settings_.loop) {
+        throw;
+      }
+      return;
+    } catch (const CommandFailure&) {
+      progress_.finish("stopped after " + std::to_string(sent_) + " messages");
+      throw;
+    }
+    progress_.finish(
+        "replayed " + std::to_string(sent_) + " messages in " + secondsText(Clock::now() - start_) +
+        (skipped_ > 0 ? ", left out " + std::to_string(skipped_) + " that set up a connection"
+                      : ""));
+    if (reader_->endedUnfinished()) {
+      say("the last line of the recording is unfinished and was left out");
+    }
+  }
+
+ private:
+  // How many were sent.
+  std::size_t sendAll() {
+    const std::size_t before = sent_;
+    const Clock::time_point start = Clock::now();
+    std::optional<std::chrono::microseconds> first;
+    while (const auto message = reader_->next()) {
+      PellInternalHeader header;  // stays empty when the line is none
+      HeaderLine::decode(message->payload.substr(0, message->payload.find('\n')), header);
+      if (setsUpConnection(header)) {
+        ++skipped_;
+      } else if (settings_.filter.accepts(header)) {
+        first = first.value_or(message->offset);
+        const auto after = std::max(message->offset - *first, std::chrono::microseconds(0));
+        waitUntil(connection_, settings_.noTiming ? start : start + scaled(after, settings_.speed));
+        connection_.sendPayload(message->payload);
+        ++sent_;
+        progress_.show("replaying: " + std::to_string(sent_) + " messages" +
+                       (reader_->isOnDisk() ? ", " + reader_->progress() : ""));
+      }
+    }
+    return sent_ - before;
+  }
+
+  BusConnection& connection_;
+  const ReplaySettings& settings_;
+  std::optional<RecordingReader> reader_;
+  Progress progress_;
+  Clock::time_point start_;
+  std::size_t sent_ = 0;
+  std::size_t skipped_ = 0;
+};
 
 }  // namespace
 
@@ -70,7 +136,7 @@ void record(BusConnection& connection, const RecordSettings& settings, Output& o
     while ((settings.count == 0 || count < settings.count) && !connection.interrupted() &&
            Clock::now() < end) {
       const auto message = link.receive(std::min(end, Clock::now() + kProgressInterval));
-      if (message && settings.filter.accepts(*message)) {
+      if (message && settings.filter.accepts(message->header)) {
         const auto offset = Clock::now() - start;
         writer.add({std::chrono::duration_cast<std::chrono::microseconds>(offset),
                     message->receivedText()});
@@ -91,43 +157,7 @@ void record(BusConnection& connection, const RecordSettings& settings, Output& o
 }
 
 void replay(BusConnection& connection, const ReplaySettings& settings) {
-  RecordingReader reader(settings.file);
-  if (reader.isOnDisk()) {
-    RecordingReader check(settings.file);
-    while (check.next()) {
-    }
-  }
-  connection.open();
-  Progress progress;
-  const Clock::time_point start = Clock::now();
-  std::optional<std::chrono::microseconds> first;
-  std::size_t count = 0;
-  std::size_t skipped = 0;
-  try {
-    while (const auto message = reader.next()) {
-      if (setsUpConnection(message->payload)) {
-        ++skipped;
-        continue;
-      }
-      first = first.value_or(message->offset);
-      const auto after = std::max(message->offset - *first, std::chrono::microseconds(0));
-      waitUntil(connection, settings.noTiming ? start : start + scaled(after, settings.speed));
-      connection.sendPayload(message->payload);
-      ++count;
-      progress.show("replaying: " + std::to_string(count) + " messages" +
-                    (reader.isOnDisk() ? ", " + reader.progress() : ""));
-    }
-    connection.finish();
-  } catch (const CommandFailure&) {
-    progress.finish("stopped after " + std::to_string(count) + " messages");
-    throw;
-  }
-  progress.finish(
-      "replayed " + std::to_string(count) + " messages in " + secondsText(Clock::now() - start) +
-      (skipped > 0 ? ", left out " + std::to_string(skipped) + " that set up a connection" : ""));
-  if (reader.endedUnfinished()) {
-    say("the last line of the recording is unfinished and was left out");
-  }
+  Replay(connection, settings).run();
 }
 
 }  // namespace valtor

@@ -1,10 +1,13 @@
 #include <algorithm>
 #include <chrono>
+#include <optional>
 
 #include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/ConnectionPointListing.h"
+#include "valtor-bus/JSONText.h"
 #include "valtor-bus/PersistentLink.h"
+#include "valtor-bus/TextTable.h"
 
 namespace valtor {
 namespace {
@@ -17,13 +20,18 @@ constexpr std::chrono::seconds kAskAgain{10};
 constexpr std::chrono::seconds kLongestWait{1};
 constexpr const char* kHint =
     "Is the daemon running and its controller active? On a standby controller it does not answer.";
+constexpr double kSocketTime = 0.2;  // seconds for what the daemon says of itself, while watching
 constexpr const char* kClearScreen = "\x1b[H\x1b[2J";
 
 // Shows the table again whenever it changes.
 class StatusWatch {
  public:
-  StatusWatch(BusConnection& connection, double timeout, Output& output)
-      : connection_(connection), output_(output), link_(connection), listing_(timeout) {}
+  StatusWatch(BusConnection& connection, const StatusSettings& settings, Output& output)
+      : connection_(connection),
+        settings_(settings),
+        output_(output),
+        link_(connection),
+        listing_(settings.timeout) {}
 
   // Until interrupted.
   void run() {
@@ -45,6 +53,9 @@ class StatusWatch {
       if (listing_.endWhenDue()) {
         reportListing();
       }
+      if (!connection_.isOpen() && !connection_.interrupted()) {
+        showStale();
+      }
     }
   }
 
@@ -64,59 +75,134 @@ class StatusWatch {
   void reportListing() {
     if (listing_.isAnswered()) {
       silenceReported_ = false;
-      if (shown_ != listing_.table.text(output_.hasColour())) {
+      takeTimes();
+      if (staleSince_ || shown_ != listing_.table.text(output_.hasColour())) {
         show();
       }
-    } else if (connection_.isOpen() && !silenceReported_) {
-      say("nobody answers about connection points. " + std::string(kHint));
-      silenceReported_ = true;
+    } else if (connection_.isOpen()) {
+      if (!silenceReported_) {
+        say("nobody answers about connection points. " + std::string(kHint));
+        silenceReported_ = true;
+      }
+      showStale();
     }
   }
 
   void show() {
-    const char* before = output_.isTerminal() ? kClearScreen : shown_.empty() ? "" : "\n";
+    staleSince_.reset();
     shown_ = listing_.table.text(output_.hasColour());
-    output_.write(before + shown_);
+    write(shown_);
+  }
+
+  // What is shown may not hold any more.
+  void showStale() {
+    if (staleSince_ || shown_.empty()) {
+      return;
+    }
+    staleSince_ = std::chrono::system_clock::now();
+    const std::string text =
+        listing_.table.text(false) + "not known since " + sinceText(*staleSince_) + "\n";
+    write(output_.hasColour() ? greyed(text) : text);
+  }
+
+  void write(const std::string& text) {
+    const char* before = output_.isTerminal() ? kClearScreen : hasWritten_ ? "\n" : "";
+    hasWritten_ = true;
+    output_.write(before + text);
+  }
+
+  // Since when states are as they are is known to the daemon better than to who watches.
+  void takeTimes() {
+    StatusSettings quick = settings_;
+    quick.timeout = kSocketTime;
+    listing_.table.takeTimes(localStatus(connection_.settings(), quick));
   }
 
   BusConnection& connection_;
+  const StatusSettings& settings_;
   Output& output_;
   PersistentLink link_;
   ConnectionPointListing listing_;
   Clock::time_point askAt_;
   unsigned askedAfter_ = 0;  // how often the link was opened when the last questions went out
   std::string shown_;
+  std::optional<WallTime> staleSince_;
+  bool hasWritten_ = false;
   bool silenceReported_ = false;
 };
 
+std::string countText(double count) {
+  return std::to_string(static_cast<unsigned long long>(std::max(0.0, count)));
+}
+
+// What the daemon says of itself, for a person.
+std::string statusText(const DaemonStatus& status, bool colour) {
+  const auto since = [](const std::optional<double>& time) {
+    return time ? " since " + sinceText(wallTime(*time)) : "";
+  };
+  std::vector<std::vector<std::string>> lines = {{"NAME", "UNIQUE ID", "ADDRESS", "STATE", "SINCE",
+                                                  "TO", "FROM", "WAITING", "DROPPED", "LOST",
+                                                  "LAST LOSS"}};
+  for (const DaemonStatus::Router& router : status.routers) {
+    lines.push_back({router.name, router.uniqueID, router.place(),
+                     !router.enabled  ? "disabled"
+                     : router.stalled ? "stalled"
+                     : router.up      ? "up"
+                                      : "down",
+                     router.since ? sinceText(wallTime(*router.since)) : "-",
+                     countText(router.toRouter), countText(router.fromRouter),
+                     countText(router.waitingFrames), countText(router.dropped),
+                     countText(router.lost), router.lossReason.empty() ? "-" : router.lossReason});
+  }
+  return "daemon " + status.version + ", started" + since(status.startTime).replace(0, 6, "") +
+         "; role " + (status.role.empty() ? "unknown" : status.role) + since(status.roleSince) +
+         "; controller's link " + (status.controllerDown ? "down" : "up") +
+         since(status.controllerSince) + "\n" +
+         textTable(lines, [colour](const std::string& cell, std::size_t column) {
+           constexpr std::size_t kState = 3;
+           return !colour || column != kState ? ""
+                  : cell == "up"              ? "\x1b[32m"
+                  : cell == "disabled"        ? ""
+                                              : "\x1b[31m";
+         });
+}
+
+bool isLocal(const BusSettings& bus) {
+  return bus.host == "localhost" || bus.host.rfind("127.", 0) == 0;
+}
+
 }  // namespace
+
+DaemonStatus localStatus(const BusSettings& bus, const StatusSettings& settings) {
+  constexpr std::chrono::milliseconds kLongest{1000};
+  const DaemonStatus nothing{std::string()};
+  if (!isLocal(bus)) {
+    return nothing;
+  }
+  const auto half =
+      std::chrono::duration_cast<std::chrono::milliseconds>(toDuration(settings.timeout) / 2);
+  DaemonStatus status = DaemonStatus::ask(settings.socket, std::min(kLongest, half));
+  if (!status.problem().empty()) {
+    say(status.problem() + "; the bus is asked instead");
+  }
+  const bool isOther = status.controllerPort != 0 && status.controllerPort != bus.port;
+  return status.isThere() && !isOther ? std::move(status) : nothing;
+}
 
 void status(BusConnection& connection, const StatusSettings& settings, Output& output) {
   if (settings.watch) {
-    StatusWatch(connection, settings.timeout, output).run();
+    StatusWatch(connection, settings, output).run();
+    return;
+  }
+  if (const DaemonStatus own = localStatus(connection.settings(), settings); own.isThere()) {
+    output.write(settings.json ? formattedJSON(own.text()) + "\n"
+                               : statusText(own, output.hasColour()));
     return;
   }
   ConnectionPointListing listing(settings.timeout);
-  try {
-    listing.run(connection);
-    if (settings.check && listing.table.rows().empty()) {
-      throw CommandFailure(ExitCode::Refused, "no connection points are listed by connection " +
-                                                  std::to_string(listing.answeredBy()));
-    }
-  } catch (const CommandFailure& failure) {
-    if (settings.check) {
-      output.line(std::string("UNKNOWN: ") + failure.what());
-    }
-    throw;
-  }
-  if (settings.check) {
-    output.line(listing.table.summary());
-  } else {
-    output.write(listing.table.text(output.hasColour()));
-  }
-  if (settings.check && !listing.table.allConnected()) {
-    throw CommandFailure(ExitCode::Refused, "");
-  }
+  listing.run(connection);
+  output.write(settings.json ? formattedJSON(listing.table.json()) + "\n"
+                             : listing.table.text(output.hasColour()));
 }
 
 }  // namespace valtor

@@ -14,15 +14,19 @@ using Clock = BusConnection::Clock;
 // Between two looks at whether anybody still reads.
 constexpr std::chrono::milliseconds kLookInterval{300};
 
-std::string rendered(const PellInternalMessage& message, WatchSettings::Form form, bool colour) {
+std::string rendered(const PellInternalMessage& message, const WatchSettings& settings,
+                     bool colour) {
   const WallTime now = std::chrono::system_clock::now();
-  switch (form) {
+  if (settings.format) {
+    return settings.format->apply(message, now) + "\n";
+  }
+  switch (settings.form) {
     case WatchSettings::Form::JSON:
       return messageJSON(message, now) + "\n";
     case WatchSettings::Form::Raw:
       return message.receivedText() + "\n";
     default:
-      return messageLine(message, now, colour) + "\n";
+      return messageLine(message, now, colour, settings.width) + "\n";
   }
 }
 
@@ -38,8 +42,8 @@ void watch(BusConnection& connection, const WatchSettings& settings, Output& out
   std::size_t seen = 0;
   while ((settings.count == 0 || seen < settings.count) && !connection.interrupted()) {
     const auto message = link.receive(std::min(end, Clock::now() + kLookInterval));
-    if (message && settings.filter.accepts(*message)) {
-      output.write(rendered(*message, settings.form, output.hasColour()));
+    if (message && settings.filter.accepts(message->header)) {
+      output.write(rendered(*message, settings, output.hasColour()));
       ++seen;
     } else if (!message && Clock::now() >= end) {
       break;

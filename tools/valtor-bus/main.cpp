@@ -1,8 +1,10 @@
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <exception>
 #include <fcntl.h>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <syslog.h>
 #include <unistd.h>
@@ -81,6 +83,33 @@ int answer(const CLI::App& app, const CLI::ParseError& error) {
       commands);
 }
 
+// Whether a monitoring system has called: every failure has to be a line of its own kind then.
+bool isCheck(int argc, char** argv) {
+  const std::vector<std::string> words(argv + 1, argv + std::max(argc, 1));
+  const auto has = [&](const char* word) {
+    return std::find(words.begin(), words.end(), word) != words.end();
+  };
+  return has("status") && has("--check");
+}
+
+// The exit code when there is nothing to do.
+std::optional<int> parse(CLI::App& app, int argc, char** argv) {
+  int code = static_cast<int>(ExitCode::Usage);
+  try {
+    app.parse(argc, argv);
+    return std::nullopt;
+  } catch (const CLI::ParseError& error) {
+    code = answer(app, error);
+  } catch (const CommandFailure& failure) {
+    code = fail(failure.exitCode, failure.what(), failure.hint);
+  }
+  if (code != 0 && isCheck(argc, argv)) {
+    std::puts("UNKNOWN: the command line is wrong, see standard error");
+    code = static_cast<int>(ExitCode::Unknown);
+  }
+  return code;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -92,10 +121,8 @@ int main(int argc, char** argv) {
     request.bus.connID = ownConnID();
     CLI::App app("Watch, ask and change what passes over a message bus.", "valtor-bus");
     valtor::addOptions(app, request);
-    try {
-      app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-      return answer(app, error);
+    if (const auto end = parse(app, argc, argv)) {
+      return *end;
     }
     valtor::Output output;
     // A name server that does not answer would hold up its end.

@@ -11,6 +11,7 @@ Paths makePaths(const std::string& prefix) {
   made.databaseDirectory = prefix + "/vorn/app/pella/node/userdata/databases/";
   made.containerDirectory = prefix + "/vorn/etc/active_connectionPoint";
   made.incomingClientDirectory = prefix + "/tmp/connections/";
+  made.statusSocket = prefix + "/run/valtor-remote/status";
   made.hostAddressFile = prefix + "/sys/class/net/eth0/address";
   return made;
 }

@@ -12,6 +12,7 @@ struct Paths {
   std::string databaseDirectory;        // the active databases, with a trailing "/"
   std::string containerDirectory;       // the managers' container files, without a trailing "/"
   std::string incomingClientDirectory;  // the incoming-client files, with a trailing "/"
+  std::string statusSocket;             // where the daemon tells about itself
   std::string hostAddressFile;          // the hardware address of eth0 (sysfs, one line)
 };
 

@@ -19,65 +19,31 @@ TEST_F(ValtorBusTest, WatchShowsWhatTheFiltersLetThroughAndComesBackAfterALoss) 
   ASSERT_TRUE(eventually([&] { return watch->out().find('\n') != std::string::npos; }));
   node->closeConnections("valtor-bus");
   waitForSubscriptions(2);
-  node->inject(102, "SET", "device.a", 7, "{\"m\":\"\x1b[2J\"}");
+  node->inject(102, "SET", "device.a", 7, "{\"m\":\"\x1b[2J\xe2\x80\xae\"}");
   EXPECT_EQ(watch->wait(), 0);
   const std::string out = watch->out();
   const std::size_t second = out.find('\n') + 1;
   EXPECT_EQ(out.substr(12, second - 12), " NOT    device 101->0 {\"n\": 12345678901234567890}\n");
-  EXPECT_EQ(out.substr(second + 12), " SET    device.a 102->7 {\"m\":\" [2J\"}\n");
+  EXPECT_EQ(out.substr(second + 12), " SET    device.a 102->7 {\"m\":\" [2J   \"}\n");
   EXPECT_NE(watch->err().find("lost: the node hung up; trying again"), std::string::npos);
 }
 
 TEST_F(ValtorBusTest, WatchPrintsForScriptsAndFailsWhenTooLittleCame) {
   const auto json = start({"watch", "--json", "--count", "1"});
   const auto raw = start({"watch", "--raw", "--count", "1"});
-  waitForSubscriptions(2);
+  const auto own = start({"watch", "--count", "1", "--format",
+                          "%{kind}\\t%{path} %{source}@%{sourceName} %{size}%% %{body}"});
+  const auto cut = start({"watch", "--count", "1", "--width", "5"});
+  waitForSubscriptions(4);
   node->injectPayload("[\"NOT\",\"a\",\"0x10@x\",0 ]\n{ \"n\" : 1.00 } ");
-  EXPECT_EQ(json->wait() + raw->wait(), 0);
+  EXPECT_EQ(json->wait() + raw->wait() + own->wait() + cut->wait(), 0);
+  EXPECT_EQ(own->out(), "NOT\ta 16@x 39% { \"n\" : 1.00 } \n");
+  EXPECT_EQ(cut->out().substr(12), " NOT    a 16@x->0 { \"n\"... (10 bytes more)\n");
   EXPECT_EQ(json->out().substr(json->out().find(",\"kind\"")),
             R"(,"kind":"NOT","path":"a","source":16,"sourceName":"x","destination":0,)"
             "\"body\":{\"n\":1.00}}\n");
   EXPECT_EQ(raw->out(), "[\"NOT\",\"a\",\"0x10@x\",0 ]\n{ \"n\" : 1.00 } \n");
   EXPECT_EQ(start({"watch", "--count", "1", "--timeout", "0.1"})->wait(), 1);
-}
-
-std::string point(const std::string& uniqueID, bool connected) {
-  return R"({"type":"valtor","name":"router","uniqueID":")" + uniqueID +
-         R"(","phy":[{"type":"tcp","ipAddress":"127.0.0.2","port":15000}],"enabled":true,)" +
-         "\"connected\":" + (connected ? "true}" : "false}");
-}
-
-TEST_F(ValtorBusTest, StatusChecksAndFollowsTheConnectionPoints) {
-  const auto check = start({"status", "--check", "--timeout", "60"});
-  answerNext("device", {R"("param":{"serverConnectionPoint":[)" + point("r1", true) + "]}"});
-  answerNext("device", {R"("param":{"connectionPoint":[)" + point("r2", false) + "]}"});
-  EXPECT_EQ(check->wait(), 1);
-  EXPECT_EQ(check->out(),
-            "CRITICAL: 1 of 2 enabled connection points connected; "
-            "down: router (127.0.0.2:15000)\n");
-  const auto silent = start({"status", "--check", "--timeout", "0.1"});
-  EXPECT_EQ(silent->wait(), 1);
-  EXPECT_EQ(silent->out().rfind("UNKNOWN: no answer to GET on \"device\"", 0), 0U);
-  nextSent("device");
-  nextSent("device");
-
-  const auto watch = start({"status", "--watch", "--timeout", "60"});
-  nextSent("device");  // who has no server connection points does not answer this one
-  answerNext("device", {R"("param":{"connectionPoint":[)" + point("r1", true) + "]}"});
-  const auto shows = [&](const std::string& text) {
-    return eventually([&] { return watch->out().find(text) != std::string::npos; });
-  };
-  EXPECT_TRUE(
-      shows("NAME    UNIQUE ID  TYPE    ADDRESS          ENABLED  CONNECTED  SINCE\n"
-            "router  r1         valtor  127.0.0.2:15000  yes      yes        -\n"));
-  const std::string change = "{\"connectionPoint\":[" + point("r1", false) + "]}}";
-  node->inject(101, "NOT", "device", 0, "{\"param\":" + change);
-  EXPECT_TRUE(shows("yes      no         "));
-  EXPECT_FALSE(watch->out().find("no         -") != std::string::npos);
-  node->inject(101, "NOT", "device", 0, "{\"paramDelete\":" + change);
-  EXPECT_TRUE(shows("\n\nNAME  UNIQUE ID  TYPE  ADDRESS  ENABLED  CONNECTED  SINCE\n"));
-  watch->signal(SIGINT);
-  EXPECT_EQ(watch->wait(), 0);
 }
 
 TEST_F(ValtorBusTest, ARecordingIsReplayedByteByByteUpToWhereItWasCut) {
@@ -117,6 +83,13 @@ TEST_F(ValtorBusTest, ARecordingIsReplayedByteByByteUpToWhereItWasCut) {
     EXPECT_EQ(*passed[1].payload, payloads[0]);
     EXPECT_EQ(*passed[2].payload, payloads[1]);
   }
+  node.forget();
+  looked.clear();
+  const auto loop = start({"replay", "--no-timing", "--loop", "--path", "a", file});
+  EXPECT_TRUE(nextSent("a").path == "a" && nextSent("a").path == "a");
+  loop->signal(SIGINT);
+  EXPECT_EQ(loop->wait(), 0);
+  EXPECT_EQ(node.countPassed([](const PassedMessage& one) { return one.path == "b"; }), 0U);
   node.forget();
   folder.write("recording", whole + half + "\n" + nul);
   EXPECT_EQ(start({"replay", file})->wait(), 1);
@@ -204,6 +177,31 @@ TEST_F(ValtorBusTest, CheckTellsWhatTheDaemonMakesOfEachEntry) {
             std::string::npos);
   EXPECT_EQ(start({"check", folder.path()})->wait(), 1);
   EXPECT_TRUE(node.passed().empty());
+}
+
+TEST_F(ValtorBusTest, HostAndPortComeFromTheFirstPlaceThatHasThem) {
+  node->stopListening();
+  const struct {
+    std::string script;
+    std::string error;
+    int exitCode = 1;
+  } cases[] = {
+      {"", "cannot connect to 127.0.0.9:2: "},
+      {"export VALTOR_BUS_PORT=3 VALTOR_BUS_HOST=;", "cannot connect to 127.0.0.9:3: "},
+      {"export VALTOR_BUS_PORT=0; set -- -p 4 -H 127.0.0.8;", "cannot connect to 127.0.0.8:4: "},
+      {"export VALTOR_BUS_PORT=0;", "VALTOR_BUS_PORT: \"0\" is no whole number from 1 to 65535", 2},
+      {"echo host 7 >>valtor-bus.conf;",
+       "valtor-bus.conf, line 4: \"host 7\" is neither host=NAME nor port=NUMBER", 2},
+  };
+  for (const auto& one : cases) {
+    ChildProcess tool(
+        "export XDG_CONFIG_HOME=$PWD; printf '# ours\\n\\nhost = 127.0.0.9 # far\\n' "
+        ">valtor-bus.conf; " +
+        std::string(one.exitCode == 2 ? "" : "echo port=2 >>valtor-bus.conf;") + one.script +
+        "exec 2>err; exec " VALTOR_BUS_EXECUTABLE " watch \"$@\"");
+    EXPECT_EQ(tool.wait(), one.exitCode);
+    EXPECT_NE(tool.err().find(one.error), std::string::npos) << tool.err();
+  }
 }
 
 TEST_F(ValtorBusTest, EveryOptionIsInTheCompletionAndOnTheManPage) {

@@ -1,0 +1,251 @@
+#include <cstring>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include "support/Vocabulary.h"
+#include "tools/valtor-bus/ToolFixture.h"
+
+namespace valtor::test {
+namespace {
+
+// Says the same to everybody who connects, as the daemon does on its status socket.
+class StatusSocket {
+ public:
+  explicit StatusSocket(const std::string& path)
+      : listener_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    std::strncpy(name.sun_path, path.c_str(), sizeof name.sun_path - 1);
+    EXPECT_EQ(bind(listener_.get(), reinterpret_cast<sockaddr*>(&name), sizeof name), 0);
+  }
+  ~StatusSocket() { stop(); }
+
+  void start() {
+    listen(listener_.get(), 8);
+    thread_ = std::thread([this] {
+      while (!stopped_) {
+        pollfd entry{listener_.get(), POLLIN, 0};
+        if (poll(&entry, 1, 20) > 0) {
+          const UniqueDescriptor asker(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+          send(asker.get(), text.data(), text.size(), MSG_NOSIGNAL);
+        }
+      }
+    });
+  }
+  void stop() {
+    stopped_ = true;
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+  std::string text;  // changed between two askers only
+
+ private:
+  UniqueDescriptor listener_;
+  std::atomic<bool> stopped_{false};
+  std::thread thread_;
+};
+
+class StatusTest : public ToolFixture {
+ protected:
+  // A run of the tool that asks at the socket.
+  std::unique_ptr<ChildProcess> status(Texts arguments) {
+    arguments.insert(arguments.begin(), {"status", "--socket", folder.at("status")});
+    return start(arguments);
+  }
+  std::string document(const std::string& more) const {
+    return R"({"now":1000000000,"controller":{"port":)" + std::to_string(node.port()) + "}," +
+           more + "}";
+  }
+
+  TemporaryFolder folder;
+};
+
+// A router of the document: north, connected for an hour unless it says otherwise.
+std::string router(const std::string& more) {
+  return R"("role":{"state":"active"},"routers":[{"name":"no|rth","uniqueID":"r","address":)"
+         R"("127.0.0.2","port":7,)" +
+         more + R"("state":"up","since":999996400,"toRouter":{"messages":5000000001},"later":{}}])";
+}
+
+TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
+  const std::string figures =
+      " to_routers=5000000001c from_routers=0c waiting=0 waiting_bytes=0B dropped=0c lost=";
+  const std::string up = "1 of 1 enabled connection points connected";
+  const std::string upFigures = " | connected=1;;;0;1 delay=0s;1;;0" + figures;
+  const std::string north = "no/rth (127.0.0.2:7)";
+  const struct {
+    std::string document;
+    int exitCode;
+    std::string line;
+  } cases[] = {
+      {R"("role":{"state":"standby"})", 0, "OK: standby"},
+      {router(""), 0, "OK: " + up + upFigures + "0c"},
+      {router(R"("state":"down",)"), 2,
+       "CRITICAL: 0 of 1 enabled connection points connected; down: " + north +
+           " | connected=0;;;0;1 delay=0s;1;;0" + figures + "0c"},
+      {router(R"("enabled":false,)"), 0,
+       "OK: 0 of 0 enabled connection points connected | connected=0;;;0;0 delay=0s;1;;0" +
+           figures + "0c"},
+      {router(R"("stalled":true,"waiting":{"frames":3},)"), 2,
+       "CRITICAL: " + up + "; stalled: " + north +
+           ", 3 messages wait | connected=1;;;0;1 delay=0s;1;;0 to_routers=5000000001c "
+           "from_routers=0c waiting=3 waiting_bytes=0B dropped=0c lost=0c"},
+      {router(
+           R"("since":999999990,"lost":1,"losses":[999999980],"lastLoss":{"reason":"hung up"},)"),
+       1,
+       "WARNING: " + up + "; flapping: " + north +
+           " is back for 10 s, lost 1 times in 10 minutes, last hung up" + upFigures + "1c"},
+      {router(R"("lost":4,"losses":[1,999999500,999999600,999999700],"lastLoss":null,)"), 1,
+       "WARNING: " + up + "; flapping: " + north +
+           " is back for 3600 s, lost 3 times in 10 minutes" + upFigures + "4c"},
+      {router("") + R"(,"localQueue":{"delayMs":1500})", 1,
+       "WARNING: " + up +
+           "; an answer takes 1.5 s, messages are waiting in the daemon | connected=1;;;0;1 "
+           "delay=1.5s;1;;0" +
+           figures + "0c"},
+      {router("") +
+           R"(,"loops":{"last":{"kind":"NOT","path":"a","from":"x","to":"y","time":999999999}})",
+       1, "WARNING: " + up + "; a loop: NOT on \"a\" from x to y" + upFigures + "0c"},
+      {R"("controller":{"state":"down","since":999999999,"port":)" + std::to_string(node.port()) +
+           "}",
+       2,
+       "CRITICAL: the controller's link is down for 1 s; no connection points are listed by the "
+       "daemon"},
+      {R"("routers":7)", 3, "UNKNOWN: no connection points are listed by the daemon"},
+  };
+  StatusSocket socket(folder.at("status"));
+  socket.start();
+  for (const auto& one : cases) {
+    // The first of two members counts.
+    socket.text = one.document.find("\"controller\"") != std::string::npos
+                      ? "{\"now\":1000000000," + one.document + "}"
+                      : document(one.document);
+    const auto tool = status({"--check"});
+    EXPECT_EQ(tool->wait(), one.exitCode) << one.line;
+    EXPECT_EQ(tool->out(), one.line + "\n");
+    EXPECT_EQ(tool->err(), "");
+  }
+  socket.text = document(router(R"("lost":2,)"));
+  const auto table = status({});
+  const auto json = status({"--json"});
+  EXPECT_EQ(table->wait() + json->wait(), 0);
+  EXPECT_NE(table->out().find("  5000000001  0     0        0        2     -\n"), std::string::npos)
+      << table->out();
+  EXPECT_NE(json->out().find("\"later\":\t{}"), std::string::npos) << json->out();
+}
+
+TEST_F(StatusTest, ASocketWithoutAnAnswerIsNamedAndTheBusIsAsked) {
+  const auto checked = [&] {
+    const auto tool = status({"--check", "--timeout", "1"});
+    EXPECT_EQ(tool->wait(), 2);
+    EXPECT_EQ(tool->out(), "CRITICAL: no daemon answers on the bus at 127.0.0.1:" +
+                               std::to_string(node.port()) + "\n");
+    return tool->err();
+  };
+  ready = false;
+  EXPECT_EQ(checked(), "");
+  const std::string end = "; the bus is asked instead\n";
+  StatusSocket socket(folder.at("status"));
+  EXPECT_EQ(checked(),
+            "valtor-bus: " + folder.at("status") + " lies there from a daemon that is gone" + end);
+  socket.text = R"({"now":1,"routers":[{"name)";
+  socket.start();
+  EXPECT_EQ(checked(), "valtor-bus: what " + folder.at("status") + " says is no JSON object" + end);
+  socket.stop();
+  EXPECT_EQ(checked(), "valtor-bus: nobody answers at " + folder.at("status") + end);
+}
+
+std::string point(const std::string& uniqueID, bool connected, int port) {
+  return R"({"type":"valtor","name":"router","uniqueID":")" + uniqueID +
+         R"(","phy":[{"type":"tcp","ipAddress":"127.0.0.1","port":)" + std::to_string(port) +
+         R"(}],"enabled":true,"connected":)" + (connected ? "true}" : "false}");
+}
+
+TEST_F(StatusTest, WithoutASocketTheBusDecides) {
+  RunningNode frozen;
+  frozen->setReadingPaused("*", true);
+  RunningNode alive;
+  const std::string place = "router (127.0.0.1:" + std::to_string(frozen.port()) + ")";
+  const struct {
+    std::string servers;
+    std::string clients;
+    int exitCode;
+    std::string line;
+  } cases[] = {
+      {"", "", 3, "UNKNOWN: no connection points are listed by connection 101\n"},
+      {point("r1", true, alive.port()), "", 0,
+       "OK: 1 of 1 enabled connection points connected | connected=1;;;0;1 delay="},
+      {point("r1", true, alive.port()), point("r2", true, frozen.port()), 2,
+       "CRITICAL: 2 of 2 enabled connection points connected; no sign of life: " + place +
+           ", no answer | connected=2;;;0;2 delay="},
+      {point("r1", true, alive.port()), point("r2", false, frozen.port()), 2,
+       "CRITICAL: 1 of 2 enabled connection points connected; down: " + place +
+           " | connected=1;;;0;2 delay="},
+  };
+  ready = false;
+  for (const auto& one : cases) {
+    const auto tool = status({"--check", "--probe", "--timeout", "60"});
+    answerNext("device", {R"("param":{"serverConnectionPoint":[)" + one.servers + "]}"});
+    answerNext("device", {R"("param":{"connectionPoint":[)" + one.clients + "]}"});
+    answerNext("system", {R"("param":{})"});
+    EXPECT_EQ(tool->wait(), one.exitCode) << tool->err();
+    EXPECT_EQ(tool->out().rfind(one.line, 0), 0U) << tool->out();
+  }
+  // A daemon that is there and lists nothing.
+  ready = true;
+  const auto active = status({"--check"});
+  EXPECT_EQ(active->wait(), 3);
+  EXPECT_EQ(active->out(),
+            "UNKNOWN: the daemon lists no connection points, the controller's role is active\n");
+  node->setRole("standby");
+  const auto standby = status({"--check"});
+  EXPECT_EQ(standby->wait(), 0);
+  EXPECT_EQ(standby->out(), "OK: standby\n");
+  // No node, and no such option.
+  node->setReadingPaused("*", true);
+  const auto silent = status({"--check", "--timeout", "0.2"});
+  EXPECT_EQ(silent->wait(), 3);
+  EXPECT_EQ(silent->out().rfind("UNKNOWN: no answer from the node at ", 0), 0U) << silent->out();
+  const auto wrong = status({"--check", "--frob"});
+  EXPECT_EQ(wrong->wait(), 3);
+  EXPECT_EQ(wrong->out(), "UNKNOWN: the command line is wrong, see standard error\n");
+}
+
+TEST_F(StatusTest, TheWatchFollowsAndSaysWhatIsStale) {
+  const auto watch = status({"--watch", "--timeout", "60"});
+  nextSent("device");  // who has no server connection points does not answer this one
+  answerNext("device", {R"("param":{"connectionPoint":[)" + point("r1", true, 7) + "]}"});
+  const auto shows = [&](const std::string& text) {
+    return eventually([&] { return watch->out().find(text) != std::string::npos; });
+  };
+  EXPECT_TRUE(
+      shows("NAME    UNIQUE ID  TYPE    ADDRESS      ENABLED  CONNECTED  SINCE\n"
+            "router  r1         valtor  127.0.0.1:7  yes      yes        -\n"));
+  const auto announce = [&](const char* key, bool connected) {
+    node->inject(
+        101, "NOT", "device", 0,
+        std::string("{\"") + key + "\":{\"connectionPoint\":[" + point("r1", connected, 7) + "]}}");
+  };
+  // The same state again: a loss before it was missed, when the daemon crashed.
+  announce("param", true);
+  EXPECT_TRUE(shows("yes      yes        0") || shows("yes      yes        1") ||
+              shows("yes      yes        2"));
+  announce("param", false);
+  EXPECT_TRUE(shows("yes      no         "));
+  EXPECT_FALSE(watch->out().find("no         -") != std::string::npos);
+  node->stopListening();
+  node->closeConnections("valtor-bus");
+  EXPECT_TRUE(shows("\nnot known since "));
+  node->startListening();
+  waitForSubscriptions(2);
+  announce("paramDelete", false);
+  EXPECT_TRUE(shows("\n\nNAME  UNIQUE ID  TYPE  ADDRESS  ENABLED  CONNECTED  SINCE\n"));
+  watch->signal(SIGINT);
+  EXPECT_EQ(watch->wait(), 0);
+}
+
+}  // namespace
+}  // namespace valtor::test

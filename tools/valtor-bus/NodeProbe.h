@@ -1,0 +1,23 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "valtor-bus/BusConnection.h"
+
+namespace valtor {
+
+// A message node to look at.
+struct ProbedNode {
+  std::string address;  // IPv4
+  int port = 0;
+  std::string fault;  // filled in: why it gives no sign of life; "" when it does
+};
+
+// Connects to every node itself, all at once, logs in and sends a keep-alive; whoever does not
+// answer it within the time has a fault. Uses a descriptor for each node.
+void probeNodes(std::vector<ProbedNode>& nodes, const BusSettings& login,
+                std::chrono::milliseconds time);
+
+}  // namespace valtor
