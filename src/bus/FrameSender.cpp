@@ -169,8 +169,7 @@ void FrameSender::wait(Waits& waits) {
   constexpr std::chrono::microseconds kShortest{100};
   const auto begin = std::chrono::steady_clock::now();
   waits.sockets.push_back({wakeEvent_.get(), POLLIN, 0});
-  const timespec time = timeLeft(waits.until);
-  const int ready = ppoll(waits.sockets.data(), waits.sockets.size(), &time, nullptr);
+  const int ready = pollUntil(waits.sockets, waits.until);
   if (ready > 0 && waits.sockets.back().revents != 0) {
     uint64_t count = 0;
     const ssize_t got = ::read(wakeEvent_.get(), &count, sizeof count);
