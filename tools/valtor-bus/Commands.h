@@ -78,7 +78,7 @@ struct StatusSettings {
 void status(BusConnection& connection, const StatusSettings& settings, Output& output);
 
 // What the daemon of this machine says of itself, if it is the one of that bus; says on standard
-// error why its socket gives no answer.
+// error, unless it is asked again and again, why its socket gives no answer.
 DaemonStatus localStatus(const BusSettings& bus, const StatusSettings& settings);
 
 // One line for monitoring systems, in the form and with the exit codes of their plugins: OK,

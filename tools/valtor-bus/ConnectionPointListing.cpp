@@ -47,8 +47,7 @@ void ConnectionPointListing::begin() {
 
 std::array<BusRequest, 2> ConnectionPointListing::questions() {
   repetition_.next();
-  const std::array<BusRequest, 2> both = {question("serverConnectionPoint"),
-                                          question("connectionPoint")};
+  std::array<BusRequest, 2> both = {question("serverConnectionPoint"), question("connectionPoint")};
   asked_.insert(asked_.end(), both.begin(), both.end());
   return both;
 }

@@ -20,7 +20,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kLongest = 64 * 1024 * 1024;  // bytes; ten thousand routers need a sixth
+constexpr std::size_t kLongest = 67108864;  // bytes; ten thousand routers need a sixth
 
 std::string textOf(const cJSON* object, const char* name) {
   const char* text = stringMember(object, name);

@@ -125,11 +125,11 @@ void ping(BusConnection& connection, const PingSettings& settings, Output& outpu
     times = askAgainAndAgain(node, settings, output,
                              [&](BusConnection& bus) { return bus.roundTrip(deadline()); });
   }
-  output.line(std::to_string(settings.count) + " questions, " + std::to_string(times.size()) +
-              " answers" + summary(times));
+  output.line(std::to_string(times.size()) + " of " + std::to_string(settings.count) + " answered" +
+              summary(times));
   if (times.size() < settings.count) {
     throw CommandFailure(ExitCode::Refused,
-                         std::to_string(settings.count - times.size()) + " questions had no answer",
+                         std::to_string(settings.count - times.size()) + " had no answer",
                          settings.router.empty() ? "Is the daemon running?" : "");
   }
 }

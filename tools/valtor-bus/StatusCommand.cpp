@@ -135,6 +135,20 @@ std::string countText(double count) {
   return std::to_string(static_cast<unsigned long long>(std::max(0.0, count)));
 }
 
+std::string stateText(const DaemonStatus::Router& router) {
+  if (!router.enabled) {
+    return "disabled";
+  }
+  return router.stalled ? "stalled" : router.up ? "up" : "down";
+}
+
+std::string colourOfState(const std::string& state) {
+  if (state == "disabled") {
+    return "";
+  }
+  return state == "up" ? "\x1b[32m" : "\x1b[31m";
+}
+
 // What the daemon says of itself, for a person.
 std::string statusText(const DaemonStatus& status, bool colour) {
   const auto since = [](const std::optional<double>& time) {
@@ -144,11 +158,7 @@ std::string statusText(const DaemonStatus& status, bool colour) {
                                                   "TO", "FROM", "WAITING", "DROPPED", "LOST",
                                                   "LAST LOSS"}};
   for (const DaemonStatus::Router& router : status.routers) {
-    lines.push_back({router.name, router.uniqueID, router.place(),
-                     !router.enabled  ? "disabled"
-                     : router.stalled ? "stalled"
-                     : router.up      ? "up"
-                                      : "down",
+    lines.push_back({router.name, router.uniqueID, router.place(), stateText(router),
                      router.since ? sinceText(wallTime(*router.since)) : "-",
                      countText(router.toRouter), countText(router.fromRouter),
                      countText(router.waitingFrames), countText(router.dropped),
@@ -160,10 +170,7 @@ std::string statusText(const DaemonStatus& status, bool colour) {
          since(status.controllerSince) + "\n" +
          textTable(lines, [colour](const std::string& cell, std::size_t column) {
            constexpr std::size_t kState = 3;
-           return !colour || column != kState ? ""
-                  : cell == "up"              ? "\x1b[32m"
-                  : cell == "disabled"        ? ""
-                                              : "\x1b[31m";
+           return colour && column == kState ? colourOfState(cell) : "";
          });
 }
 
@@ -175,18 +182,17 @@ bool isLocal(const BusSettings& bus) {
 
 DaemonStatus localStatus(const BusSettings& bus, const StatusSettings& settings) {
   constexpr std::chrono::milliseconds kLongest{1000};
-  const DaemonStatus nothing{std::string()};
   if (!isLocal(bus)) {
-    return nothing;
+    return DaemonStatus("");
   }
   const auto half =
       std::chrono::duration_cast<std::chrono::milliseconds>(toDuration(settings.timeout) / 2);
   DaemonStatus status = DaemonStatus::ask(settings.socket, std::min(kLongest, half));
-  if (!status.problem().empty()) {
+  if (!status.problem().empty() && !settings.watch) {
     say(status.problem() + "; the bus is asked instead");
   }
   const bool isOther = status.controllerPort != 0 && status.controllerPort != bus.port;
-  return status.isThere() && !isOther ? std::move(status) : nothing;
+  return isOther ? DaemonStatus("") : status;
 }
 
 void status(BusConnection& connection, const StatusSettings& settings, Output& output) {

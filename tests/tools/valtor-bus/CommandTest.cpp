@@ -130,13 +130,12 @@ TEST_F(ValtorBusTest, PingMeasuresTheDaemonAndTheNodesOfRouters) {
            std::to_string(node.port()) + "}]}]}"});
     }
     EXPECT_EQ(ping->wait(), 0) << ping->err();
-    EXPECT_NE(ping->out().find("\n2 questions, 2 answers, minimum "), std::string::npos)
-        << ping->out();
+    EXPECT_NE(ping->out().find("\n2 of 2 answered, minimum "), std::string::npos) << ping->out();
   }
   ready = false;
   const auto ping = start({"ping", "--count", "1", "--timeout", "0.1"});
   EXPECT_EQ(ping->wait(), 1);
-  EXPECT_EQ(ping->out(), "1: no answer within 0.1 s\n1 questions, 0 answers\n");
+  EXPECT_EQ(ping->out(), "1: no answer within 0.1 s\n0 of 1 answered\n");
 }
 
 TEST_F(ValtorBusTest, CheckTellsWhatTheDaemonMakesOfEachEntry) {

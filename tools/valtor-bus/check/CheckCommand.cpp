@@ -91,6 +91,14 @@ class JoinedLines {
   std::vector<std::size_t> starts_;
 };
 
+// The place of the quote that ends the string which begins there.
+std::size_t endOfString(const std::string& text, std::size_t at) {
+  for (++at; at < text.size() && text[at] != '"'; ++at) {
+    at += text[at] == '\\' ? 1 : 0;
+  }
+  return at;
+}
+
 // Where the elements of a list begin: that of the member with the number, counted from 0, of the
 // object that the text is. Looks at nothing but brackets, commas and quotes, since the text has
 // been parsed.
@@ -111,9 +119,7 @@ std::vector<std::size_t> placesOfElements(const std::string& text, std::size_t m
     }
     begins = false;
     if (byte == '"') {
-      for (++at; at < text.size() && text[at] != '"'; ++at) {
-        at += text[at] == '\\' ? 1 : 0;
-      }
+      at = endOfString(text, at);
     } else if (byte == '{' || byte == '[') {
       ++depth;
       begins = inList();
