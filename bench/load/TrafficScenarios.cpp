@@ -35,10 +35,17 @@ void latency(const Run& run) {
   measurePaced(run, loop, bridge, down, 500, "latency/down");
   measurePaced(run, loop, bridge, up, 500, "latency/up");
   down.pace(500);
-  measurePaced(run, loop, bridge, up, 500, "latency/together/up");
-  down.stop();
+  up.pace(500);
+  loop.runFor(std::chrono::milliseconds(500));
+  down.forgetDelays();
+  up.forgetDelays();
+  loop.runFor(run.seconds(8, 1));
   recordDelays(run, "latency/together/down", down.delays());
+  recordDelays(run, "latency/together/up", up.delays());
+  down.stop();
+  up.stop();
   expectWhole(run, loop, down, "latency/together/down");
+  expectWhole(run, loop, up, "latency/together/up");
   expectAlive(run, bridge, "latency");
 }
 

@@ -77,7 +77,13 @@ void addBenchmark(Figures& figures, const cJSON* run) {
 }
 
 void load(Figures& figures, const std::string& path) {
-  const JSONPtr tree(cJSON_Parse(contentOf(path).c_str()));
+  std::string text = contentOf(path);
+  // Google Benchmark's variation of a counter that is always 0; JSON has no such number.
+  const std::string noNumber = ": NaN";
+  for (std::size_t at = 0; (at = text.find(noNumber, at)) != std::string::npos;) {
+    text.replace(at, noNumber.size(), ": null");
+  }
+  const JSONPtr tree(cJSON_Parse(text.c_str()));
   if (tree == nullptr) {
     throw std::runtime_error(path + " is no JSON");
   }
@@ -93,10 +99,11 @@ void load(Figures& figures, const std::string& path) {
   }
 }
 
-// Three digits that count; none behind the point from 100 on.
+// Three digits that count; none behind the point from 100 on, nor of a whole number.
 std::string rounded(double value) {
   const double magnitude = value == 0 ? 0 : std::floor(std::log10(std::abs(value)));
-  const int decimals = std::clamp(2 - static_cast<int>(magnitude), 0, 3);
+  const int decimals =
+      value == std::floor(value) ? 0 : std::clamp(2 - static_cast<int>(magnitude), 0, 3);
   const double grain = std::pow(10, magnitude - 2);
   std::array<char, 64> text{};
   std::snprintf(text.data(), text.size(), "%.*f", decimals, std::round(value / grain) * grain);
