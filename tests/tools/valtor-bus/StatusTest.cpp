@@ -3,6 +3,7 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
+#include "app/util/Mutex.h"
 #include "support/Vocabulary.h"
 #include "tools/valtor-bus/ToolFixture.h"
 
@@ -28,7 +29,8 @@ class StatusSocket {
         pollfd entry{listener_.get(), POLLIN, 0};
         if (poll(&entry, 1, 20) > 0) {
           const UniqueDescriptor asker(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-          send(asker.get(), text.data(), text.size(), MSG_NOSIGNAL);
+          const Locked<Mutex> lock(lock_);
+          send(asker.get(), text_.data(), text_.size(), MSG_NOSIGNAL);
         }
       }
     });
@@ -40,9 +42,15 @@ class StatusSocket {
     }
   }
 
-  std::string text;  // changed between two askers only
+  // Tells every asker this from now on.
+  void say(const std::string& text) {
+    const Locked<Mutex> lock(lock_);
+    text_ = text;
+  }
 
  private:
+  Mutex lock_;
+  std::string text_ VALTOR_GUARDED_BY(lock_);
   UniqueDescriptor listener_;
   std::atomic<bool> stopped_{false};
   std::thread thread_;
@@ -120,15 +128,15 @@ TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
   socket.start();
   for (const auto& one : cases) {
     // The first of two members counts.
-    socket.text = one.document.find("\"controller\"") != std::string::npos
-                      ? "{\"now\":1000000000," + one.document + "}"
-                      : document(one.document);
+    socket.say(one.document.find("\"controller\"") != std::string::npos
+                   ? "{\"now\":1000000000," + one.document + "}"
+                   : document(one.document));
     const auto tool = status({"--check"});
     EXPECT_EQ(tool->wait(), one.exitCode) << one.line;
     EXPECT_EQ(tool->out(), one.line + "\n");
     EXPECT_EQ(tool->err(), "");
   }
-  socket.text = document(router(R"("lost":2,)"));
+  socket.say(document(router(R"("lost":2,)")));
   const auto table = status({});
   const auto json = status({"--json"});
   EXPECT_EQ(table->wait() + json->wait(), 0);
@@ -151,7 +159,7 @@ TEST_F(StatusTest, ASocketWithoutAnAnswerIsNamedAndTheBusIsAsked) {
   StatusSocket socket(folder.at("status"));
   EXPECT_EQ(checked(),
             "valtor-bus: " + folder.at("status") + " lies there from a daemon that is gone" + end);
-  socket.text = R"({"now":1,"routers":[{"name)";
+  socket.say(R"({"now":1,"routers":[{"name)");
   socket.start();
   EXPECT_EQ(checked(), "valtor-bus: what " + folder.at("status") + " says is no JSON object" + end);
   socket.stop();
