@@ -1,12 +1,18 @@
 #include "app/Daemon.h"
 
+#include <algorithm>
 #include <exception>
+#include <functional>
+#include <string>
 #include <syslog.h>
 #include <utility>
 
 #include "app/ActiveDatabase.h"
+#include "app/StatusDocument.h"
+#include "app/StatusServer.h"
 #include "app/util/Paths.h"
 #include "bus/ValtorInterfaceClient.h"
+#include "peers/RemoteValtorConnectionPointManager.h"
 #include "peers/ValtorRouterPeerManager.h"
 
 namespace valtor {
@@ -25,6 +31,37 @@ class ShutGate {
   StartGate& gate_;
 };
 
+bool isRouter(const std::string& uniqueID) {
+  const auto routers = describeRouters();
+  return std::any_of(routers.begin(), routers.end(),
+                     [&](const RouterDescription& router) { return router.uniqueID == uniqueID; });
+}
+
+// What the status server asks. The router peer manager is looked up each time, and outlives the
+// server.
+StatusServer::Source statusSource(const ValtorInterfaceClient& client) {
+  StatusServer::Source source;
+  source.document = [&client] { return statusDocument(client); };
+  source.follow = [](const std::string& uniqueID,
+                     std::function<void()> wake) -> TrafficTap::FollowerPtr {
+    const auto manager = routerPeerManager();
+    if (manager == nullptr || !isRouter(uniqueID)) {
+      return nullptr;
+    }
+    return manager->watch().tap.follow(uniqueID, std::move(wake));
+  };
+  source.take = [](TrafficTap::Follower& follower) {
+    const auto manager = routerPeerManager();
+    return manager != nullptr ? manager->watch().tap.take(follower) : std::string();
+  };
+  source.unfollow = [](const TrafficTap::FollowerPtr& follower) {
+    if (const auto manager = routerPeerManager()) {
+      manager->watch().tap.unfollow(follower);
+    }
+  };
+  return source;
+}
+
 }  // namespace
 
 Daemon::Daemon(bool skipDatabase, const std::string& host, int32_t port)
@@ -35,6 +72,7 @@ Daemon::Daemon(bool skipDatabase, const std::string& host, int32_t port)
 }
 
 Daemon::~Daemon() {
+  status_.reset();  // it asks all the others
   client_->close();
   client_->removeAllHandlers();
   // While the client still lives: peers report and forward to it until they are gone.
@@ -52,6 +90,7 @@ void Daemon::start() {
   peerTiming.reconnectDelay = reconnectDelay_;
   peers->setPeerTiming(peerTiming);
   setRouterPeerManager(std::move(peers));
+  status_ = std::make_unique<StatusServer>(paths().statusSocket, statusSource(*client_));
   if (skipDatabase_) {
     return;
   }

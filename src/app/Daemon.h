@@ -7,6 +7,7 @@
 
 namespace valtor {
 
+class StatusServer;
 class ValtorInterfaceClient;
 
 // The objects that live for the whole run, in the order in which they depend on each other: the
@@ -30,9 +31,9 @@ class Daemon {
   // From one attempt to connect a link to the next, 1 s if not set; before start().
   void setReconnectDelay(std::chrono::milliseconds delay) { reconnectDelay_ = delay; }
 
-  // Connects to the bus, installs the router peer manager and, unless it is skipped, loads the
-  // active database, in this order. What arrives on the bus meanwhile waits. Whether the bus could
-  // be reached does not matter: the client goes on trying.
+  // Connects to the bus, installs the router peer manager, answers whoever asks for the status and,
+  // unless it is skipped, loads the active database, in this order. What arrives on the bus
+  // meanwhile waits. Whether the bus could be reached does not matter: the client goes on trying.
   void start();
   // Blocks until the client's threads end, which in normal operation they never do.
   void wait();
@@ -43,6 +44,7 @@ class Daemon {
   const bool skipDatabase_;
   std::chrono::milliseconds reconnectDelay_{1000};
   std::unique_ptr<ValtorInterfaceClient> client_;
+  std::unique_ptr<StatusServer> status_;
 };
 
 }  // namespace valtor

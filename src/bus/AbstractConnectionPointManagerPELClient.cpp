@@ -1,5 +1,6 @@
 #include "bus/AbstractConnectionPointManagerPELClient.h"
 
+#include <string_view>
 #include <utility>
 
 #include "bus/message/RSPMessage.h"
@@ -53,6 +54,7 @@ bool AbstractConnectionPointManagerPELClient::handleMasterState(
   if (role == nullptr) {
     return false;
   }
+  noteRole(std::string_view(role) == "standby");
   std::error_code error;
   try {
     error = setSkipDatabase(std::string_view(role) == "standby");
@@ -63,6 +65,24 @@ bool AbstractConnectionPointManagerPELClient::handleMasterState(
   }
   sendMessage(RSPMessage(message, error ? kStatusBadRequest : kStatusOK));
   return true;
+}
+
+void AbstractConnectionPointManagerPELClient::noteRole(bool standby) {
+  const char* const name = standby ? "standby" : "active";
+  const Locked lock(roleLock_);
+  if (std::string_view(role_.name) != name) {
+    role_ = {name, std::chrono::system_clock::now()};
+  }
+}
+
+AbstractConnectionPointManagerPELClient::Role AbstractConnectionPointManagerPELClient::role()
+    const {
+  const Locked lock(roleLock_);
+  return role_;
+}
+
+std::string AbstractConnectionPointManagerPELClient::linkName() const {
+  return "The controller's node at " + host() + ":" + std::to_string(port());
 }
 
 void AbstractConnectionPointManagerPELClient::onConnectionStateChanged(int state,

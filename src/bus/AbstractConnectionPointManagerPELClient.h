@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -43,18 +44,30 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
   // Offers the message to every handler in order, also after one took it; whether any did.
   bool dispatchToHandlers(const PellInternalMessage& message, ResponseList& responses);
 
+  // The controller's role as it was announced last: "active" or "standby", and "unknown" before.
+  struct Role {
+    const char* name = "unknown";
+    std::chrono::system_clock::time_point since = std::chrono::system_clock::now();
+  };
+  Role role() const;
+
+  std::string linkName() const override;
+
   const std::string& databaseDirectory() const { return databaseDirectory_; }
 
   // Holds back every received message until opened; shut by start-up before connect().
   StartGate& startGate() { return gate_; }
 
  private:
+  void noteRole(bool standby);
   bool handleMasterState(const PellInternalMessage& message);
   bool offerLocked(const PellInternalMessage& message, ResponseList& responses)
       VALTOR_REQUIRES(handlerLock_);
 
   const std::string databaseDirectory_;
   StartGate gate_;
+  mutable Mutex roleLock_;  // a leaf
+  Role role_ VALTOR_GUARDED_BY(roleLock_);
   FairMutex handlerLock_;  // the receive thread has its turn behind any backlog of messages
   std::vector<std::unique_ptr<IPellaInternalProtocolHandler>> handlers_
       VALTOR_GUARDED_BY(handlerLock_);

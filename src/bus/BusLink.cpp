@@ -13,6 +13,7 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/PollWait.h"
+#include "app/util/Warnings.h"
 #include "bus/FrameSender.h"
 
 namespace valtor {
@@ -62,6 +63,7 @@ std::optional<std::vector<BusLink::SendResult>> BusLink::open(
   queue_.open(++number_);
   noteTaken();
   headFullSince_.reset();
+  passed_ = false;
   nextSend_ = {};
   state_ = 1;
   std::vector<SendResult> results;
@@ -97,8 +99,16 @@ BusLink::SendResult BusLink::write(const SharedFrame& frame) {
       return rest;
     }
   }
-  SendResult result = writeBytes(frame, 0, left);
-  return result;
+  // Who sends this way again and again must not keep the queue waiting: they take turns.
+  if (const auto head = queue_.head(); head && passed_) {
+    waitForPace();
+    if (!isOver()) {
+      sendHead(*head);
+    }
+    return write(frame);
+  }
+  passed_ = true;
+  return writeBytes(frame, 0, left);
 }
 
 // Sends a frame from that offset on; of one that is at the queue's head the queue is told.
@@ -118,6 +128,8 @@ BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, std::size_t of
       result.sent += static_cast<std::size_t>(count);
       if (isHead) {
         queue_.advance(static_cast<std::size_t>(count));
+        headFullSince_.reset();
+        left = budget_;  // whoever takes a long frame slowly is not given up for its length
       }
     } else if (errno != EAGAIN) {
       result.error = errno;
@@ -130,6 +142,7 @@ BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, std::size_t of
   }
   if (result.sent == result.size) {
     result.outcome = Send::Sent;
+    sent_.add(result.size);
   } else if (result.sent > 0 && !isHead) {
     try {
       queue_.pushFront(frame, result.sent);
@@ -177,7 +190,8 @@ void BusLink::waitForRoom(std::chrono::microseconds& left) const {
 }
 
 void BusLink::noteTaken() {
-  fullSince_.reset();
+  fullFor_ = {};
+  fullSeen_.reset();
   stalled_ = false;
 }
 
@@ -187,13 +201,19 @@ void BusLink::noteFull() {
   const auto now = Clock::now();
   int unsent = 0;
   ioctl(descriptor_, SIOCOUTQ, &unsent);
-  if (!fullSince_ || unsent != unsentBytes_) {
+  if (!fullSeen_ || unsent != unsent_) {
     noteTaken();
-    fullSince_ = now;
-    unsentBytes_ = unsent;
-  } else if (!stalled_ && now - *fullSince_ >= kStall) {
-    stalled_ = true;
-    queue_.wake();
+    unsent_ = unsent;
+  } else {
+    fullFor_ += std::min<Clock::duration>(now - *fullSeen_, kLook);
+  }
+  fullSeen_ = now;
+  if (fullFor_ >= kStall) {
+    // Nobody waits for it, so seeing late that it goes on costs nobody anything.
+    nextTry_ = now + kLook;
+    if (!stalled_.exchange(true)) {
+      queue_.wake();
+    }
   }
 }
 
@@ -208,19 +228,17 @@ BusLink::Send BusLink::forward(const SharedFrame& frame, const std::stop_token& 
   if (outcome != Send::Sent) {
     return outcome;
   }
+  std::optional<SendResult> trouble;
   if (sendLock_.tryLock()) {
-    std::optional<SendResult> trouble;
-    {
-      const Locked lock(sendLock_, std::adopt_lock);
-      Wait unused;
-      trouble = drainHead(unused);
-    }
-    sayWhatChanged();
-    if (trouble) {
-      report(*trouble);
-    }
+    const Locked lock(sendLock_, std::adopt_lock);
+    Wait unused;
+    trouble = drainHead(unused);
   }
   tellSender();
+  sayWhatChanged();
+  if (trouble) {
+    report(*trouble);
+  }
   return outcome;
 }
 
@@ -269,6 +287,22 @@ BusLink::Wait BusLink::drain() {
   return wait;
 }
 
+// Sends what the socket takes of the queue's head. False, with errno, when that is nothing.
+bool BusLink::sendHead(const OutgoingQueue::Head& head) {
+  const ssize_t count = sendOnce(head.frame, head.offset);
+  if (count < 0) {
+    return false;
+  }
+  passed_ = false;
+  headFullSince_.reset();
+  queue_.advance(static_cast<std::size_t>(count));
+  if (head.offset + static_cast<std::size_t>(count) == head.frame->size()) {
+    sent_.add(head.frame->size());
+    forwarded_.add(head.frame->size());
+  }
+  return true;
+}
+
 // At most one send: the next one has to wait for the pace. What there is to log about it.
 std::optional<BusLink::SendResult> BusLink::drainHead(Wait& wait) {
   const auto head = stands(number_) ? queue_.head() : std::nullopt;
@@ -276,30 +310,30 @@ std::optional<BusLink::SendResult> BusLink::drainHead(Wait& wait) {
     return std::nullopt;
   }
   const auto now = Clock::now();
-  if (now < nextSend_) {
-    wait = {Wait::For::Pace, nextSend_, 0};
+  const auto next = stalled_ ? std::max(nextSend_, nextTry_) : nextSend_;
+  if (now < next) {
+    wait = {Wait::For::Time, next, 0};
+    return std::nullopt;
+  }
+  if (sendHead(*head)) {
+    if (hasWaiting()) {
+      wait = {Wait::For::Time, nextSend_, 0};
+    }
     return std::nullopt;
   }
   SendResult result;
   result.sent = head->offset;
   result.size = head->frame->size();
-  const ssize_t count = sendOnce(head->frame, head->offset);
-  if (count >= 0) {
-    headFullSince_.reset();
-    queue_.advance(static_cast<std::size_t>(count));
-    if (hasWaiting()) {
-      wait = {Wait::For::Pace, nextSend_, 0};
-    }
-    return std::nullopt;
-  }
   if (errno != EAGAIN) {
     result.error = errno;
     result.outcome = Send::Failed;
     shutdownSocket();
     return result;
   }
-  // Nobody waits for a stalled router, so seeing late that it goes on costs nobody anything.
-  wait = {Wait::For::Room, now + (stalled_ ? 5 * kRoomSlice : kRoomSlice), descriptor_};
+  wait = {Wait::For::Room, now + kRoomSlice, descriptor_};
+  if (stalled_) {
+    wait = {Wait::For::Time, nextTry_, 0};
+  }
   if (!headFullSince_) {
     headFullSince_ = now;
   } else if (now - *headFullSince_ >= budget_) {
@@ -308,6 +342,12 @@ std::optional<BusLink::SendResult> BusLink::drainHead(Wait& wait) {
     return result;
   }
   return std::nullopt;
+}
+
+int BusLink::unsentBytes() {
+  const Locked lock(socketLock_);
+  int count = 0;
+  return socket_.valid() && ioctl(socket_.get(), SIOCOUTQ, &count) == 0 ? count : 0;
 }
 
 bool BusLink::giveWay() {
@@ -319,12 +359,14 @@ bool BusLink::giveWay() {
 }
 
 void BusLink::noteDropped() {
+  allDropped_.fetch_add(1, std::memory_order_relaxed);
   {
     const Locked lock(episodeLock_);
     if (++droppedFrames_ > 1) {
       return;
     }
   }
+  countWarning(Warning::RouterStalled);
   syslog(LOG_WARNING, "%s takes no messages: what finds no room to wait is dropped from now on.\n",
          nameForLog(name_).c_str());
 }
@@ -345,10 +387,12 @@ void BusLink::sayWhatChanged() {
 
 void BusLink::report(const SendResult& result) const {
   if (result.outcome == Send::Failed) {
+    countWarning(Warning::SendFailed);
     syslog(LOG_ERR, "%s send error (fd=%d, %s) : %s\n",
            "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
            shownDescriptor(), nameForLog(name_).c_str(), errnoText(result.error).c_str());
   } else if (result.outcome == Send::BudgetExhausted) {
+    countWarning(Warning::SendGaveUp);
     syslog(LOG_ERR,
            "const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zd)\n",
            static_cast<int>(result.sent), static_cast<ssize_t>(result.size));
@@ -400,20 +444,25 @@ std::size_t BusLink::endQueue() {
 void BusLink::sayLost(std::size_t count) {
   sayWhatChanged();
   if (count > 0) {
+    countWarning(Warning::LostWithLink);
     syslog(LOG_WARNING, "%s: %zu messages that waited to leave are lost with the link.\n",
            nameForLog(name_).c_str(), count);
   }
 }
 
 // After the send lock was let go, or a frame was left to whoever has it.
-void BusLink::tellSender() {
+void BusLink::tellSender() noexcept {
   const bool missed = missed_.exchange(false);
   if (!missed && !hasWaiting()) {
     return;
   }
   if (const auto sender = sender_.lock()) {
-    if (hasWaiting()) {
-      sender->add(shared_from_this());
+    try {
+      if (hasWaiting()) {
+        sender->add(shared_from_this());
+      }
+    } catch (const std::bad_alloc&) {
+      // The next frame, or keep-alive, tries again.
     }
     if (missed) {
       sender->wake();

@@ -12,6 +12,7 @@
 
 #include "app/util/FairMutex.h"
 #include "app/util/Mutex.h"
+#include "app/util/TrafficCount.h"
 #include "app/util/UniqueDescriptor.h"
 #include "bus/ClosingSignal.h"
 #include "bus/OutgoingQueue.h"
@@ -56,7 +57,7 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
     enum class For {
       Nothing,  // no frame waits, or its link is at its end
       Holder,   // somebody else sends: whoever that is wakes the sender
-      Pace,     // until the time below
+      Time,     // until the time below
       Room,     // until the socket has room, or the time below
     } reason = For::Nothing;
     Clock::time_point until{};
@@ -69,8 +70,10 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   // How long a full socket is waited for at a time: one whose reader is slow reports room much
   // later than it has some.
   static constexpr std::chrono::milliseconds kRoomSlice{20};
-  // Who has taken nothing for so long is waited for no more.
+  // Who has taken nothing for so long is waited for no more. A pause between two looks counts for
+  // no more than kLook: it may be this machine that had no time.
   static constexpr std::chrono::seconds kStall{1};
+  static constexpr std::chrono::milliseconds kLook{100};
 
   // The name is the client's, for log lines. The budget is the time for which send() waits for
   // room.
@@ -113,9 +116,16 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
 
   // Whether frames may leave: a link stands and is not at its end.
   bool isStanding() const { return !isOver() && state_ == 1; }
+  // What the socket holds that the far end has not acknowledged, in bytes; 0 without one.
+  int unsentBytes();
   // Whether its router has taken nothing for kStall.
   bool isStalled() const { return stalled_; }
   OutgoingQueue::Size waiting() const { return queue_.size(); }
+  // What forward() was given and has left, and every frame that has.
+  const TrafficCount& forwarded() const { return forwarded_; }
+  const TrafficCount& sent() const { return sent_; }
+  // Frames that a stalled router lost.
+  uint64_t droppedFrames() const { return allDropped_; }
   bool hasWaiting() const { return !queue_.isEmpty(); }
 
   // Ends the link that stands: its reader finds the end of the stream, and senders give up. Waits
@@ -142,12 +152,13 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   void noteFull() VALTOR_REQUIRES(sendLock_);
   void noteTaken() VALTOR_REQUIRES(sendLock_);
   std::optional<SendResult> drainHead(Wait& wait) VALTOR_REQUIRES(sendLock_);
+  bool sendHead(const OutgoingQueue::Head& head) VALTOR_REQUIRES(sendLock_);
   Send enqueue(const SharedFrame& frame, FrameSender& sender, const std::stop_token& caller);
   std::size_t endQueue() VALTOR_REQUIRES(sendLock_);
   void noteDropped();
   void sayWhatChanged();
   void sayLost(std::size_t count);
-  void tellSender();
+  void tellSender() noexcept;
 
   const std::string name_;
   const std::chrono::milliseconds budget_;
@@ -157,9 +168,13 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   FairMutex sendLock_;
   OutgoingQueue queue_;
   Clock::time_point nextSend_ VALTOR_GUARDED_BY(sendLock_){};
-  // Since when the socket has been full without a sign that its reader takes anything.
-  std::optional<Clock::time_point> fullSince_ VALTOR_GUARDED_BY(sendLock_);
-  int unsentBytes_ VALTOR_GUARDED_BY(sendLock_) = 0;  // what the socket held then
+  // How long the socket has been seen full without a sign that its reader takes anything, when it
+  // was looked at last, and what it held then.
+  Clock::duration fullFor_ VALTOR_GUARDED_BY(sendLock_){};
+  std::optional<Clock::time_point> fullSeen_ VALTOR_GUARDED_BY(sendLock_);
+  Clock::time_point nextTry_ VALTOR_GUARDED_BY(sendLock_){};  // of a stalled router
+  bool passed_ VALTOR_GUARDED_BY(sendLock_) = false;          // the last frame went past the queue
+  int unsent_ VALTOR_GUARDED_BY(sendLock_) = 0;
   // Since when the frame at the queue's head has met a full socket.
   std::optional<Clock::time_point> headFullSince_ VALTOR_GUARDED_BY(sendLock_);
 
@@ -173,6 +188,10 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
 
   Mutex socketLock_;  // a leaf: the socket stays open while it is held
   UniqueDescriptor socket_ VALTOR_GUARDED_BY(socketLock_);
+
+  TrafficCount forwarded_;
+  TrafficCount sent_;
+  std::atomic<uint64_t> allDropped_{0};
 
   Mutex episodeLock_;                                              // a leaf
   std::size_t droppedFrames_ VALTOR_GUARDED_BY(episodeLock_) = 0;  // since the router stalled

@@ -28,13 +28,6 @@ SharedFrame FrameBudget::count(SharedFrame frame) {
   return SharedFrame(address, std::move(release));
 }
 
-// What the sender waits for between two looks at its links.
-struct FrameSender::Waits {
-  std::chrono::steady_clock::time_point until;
-  std::vector<pollfd> sockets;
-  bool lookAgain = false;
-};
-
 FrameSender::FrameSender()
     : MyThreadClass("FrameSender"),
       wakeEvent_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
@@ -71,11 +64,6 @@ void FrameSender::add(const std::shared_ptr<BusLink>& link) {
   wake();
 }
 
-FrameSender::Links FrameSender::links() {
-  const Locked lock(lock_);
-  return links_;
-}
-
 // False when frames have come meanwhile, so that the link stays.
 bool FrameSender::forget(const std::shared_ptr<BusLink>& link) {
   const Locked lock(lock_);
@@ -87,7 +75,11 @@ bool FrameSender::forget(const std::shared_ptr<BusLink>& link) {
 }
 
 bool FrameSender::makeRoom() {
-  const Links all = links();
+  Links all;
+  {
+    const Locked lock(lock_);
+    all = links_;
+  }
   bool any = true;
   while (budget_->isExceeded() && any) {
     any = false;
@@ -98,83 +90,68 @@ bool FrameSender::makeRoom() {
   return !budget_->isExceeded();
 }
 
-bool FrameSender::isFlushed() {
-  const Links all = links();
-  return std::none_of(all.begin(), all.end(), [](const std::shared_ptr<BusLink>& link) {
-    return link->hasWaiting() && link->isStanding() && !link->isStalled();
-  });
-}
-
-void FrameSender::flush(std::chrono::milliseconds longest) {
-  const auto end = std::chrono::steady_clock::now() + longest;
-  {
-    const Locked lock(lock_);
-    ++flushers_;
-  }
-  while (!isFlushed() && std::chrono::steady_clock::now() < end) {
-    const Locked lock(lock_);
-    // A pass of the sender that comes between the question and this wait is not missed for long.
-    changed_.wait_until(
-        lock_, std::min(end, std::chrono::steady_clock::now() + std::chrono::milliseconds(5)));
-  }
-  const Locked lock(lock_);
-  --flushers_;
-}
-
 void FrameSender::InternalThreadEntry() {
   // The pace is a millisecond; the default slack of 50 us would be lost on every frame.
   prctl(PR_SET_TIMERSLACK, 1000UL);
   while (isRunning()) {
-    Waits waits{std::chrono::steady_clock::now() + std::chrono::hours(1), {}, false};
     try {
-      for (const auto& link : links()) {
-        look(link, waits);
-      }
+      lookAtAll();
     } catch (const std::exception& error) {
+      // Nothing here may allocate: there may be no memory still.
       syslog(LOG_ERR, "FrameSender: %s\n", error.what());
-      waits.until = std::chrono::steady_clock::now() + std::chrono::milliseconds(20);
-    }
-    {
-      const Locked lock(lock_);
-      if (flushers_ > 0) {
-        changed_.notify_all();
-      }
-    }
-    if (!waits.lookAgain) {
-      wait(waits);
+      pollUntil(wakeEvent_.get(), 0, Clock::now() + std::chrono::milliseconds(20));
     }
   }
 }
 
-void FrameSender::look(const std::shared_ptr<BusLink>& link, Waits& waits) {
+// Sends what may leave, then waits until something else may.
+void FrameSender::lookAtAll() {
+  until_ = Clock::now() + std::chrono::hours(1);
+  sockets_.clear();
+  bool again = false;
+  {
+    const Locked lock(lock_);
+    looked_ = links_;
+  }
+  for (const auto& link : looked_) {
+    again = look(link) || again;
+  }
+  looked_.clear();
+  if (!again) {
+    wait();
+  }
+}
+
+// Whether it has to be looked at again at once.
+bool FrameSender::look(const std::shared_ptr<BusLink>& link) {
   const BusLink::Wait next = link->drain();
   switch (next.reason) {
     case BusLink::Wait::For::Nothing:
-      waits.lookAgain = !forget(link) || waits.lookAgain;
-      break;
+      return !forget(link);
     case BusLink::Wait::For::Room:
-      waits.sockets.push_back({next.descriptor, POLLOUT, 0});
-      waits.until = std::min(waits.until, next.until);
+      sockets_.push_back({next.descriptor, POLLOUT, 0});
+      until_ = std::min(until_, next.until);
       break;
-    case BusLink::Wait::For::Pace:
-      waits.until = std::min(waits.until, next.until);
+    case BusLink::Wait::For::Time:
+      until_ = std::min(until_, next.until);
       break;
     case BusLink::Wait::For::Holder:
       break;
   }
+  return false;
 }
 
 // Nothing is locked: a socket may be closed meanwhile, which costs one useless look.
-void FrameSender::wait(Waits& waits) {
+void FrameSender::wait() {
   constexpr std::chrono::microseconds kShortest{100};
-  const auto begin = std::chrono::steady_clock::now();
-  waits.sockets.push_back({wakeEvent_.get(), POLLIN, 0});
-  const int ready = pollUntil(waits.sockets, waits.until);
-  if (ready > 0 && waits.sockets.back().revents != 0) {
+  const auto begin = Clock::now();
+  sockets_.push_back({wakeEvent_.get(), POLLIN, 0});
+  const int ready = pollUntil(sockets_, until_);
+  if (ready > 0 && sockets_.back().revents != 0) {
     uint64_t count = 0;
     const ssize_t got = ::read(wakeEvent_.get(), &count, sizeof count);
     static_cast<void>(got);
-  } else if (ready > 0 && std::chrono::steady_clock::now() - begin < kShortest) {
+  } else if (ready > 0 && Clock::now() - begin < kShortest) {
     // A socket that says it has room and refuses must not make this thread spin.
     pollUntil(wakeEvent_.get(), POLLIN, begin + kShortest);
   }

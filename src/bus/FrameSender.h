@@ -2,9 +2,9 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <memory>
+#include <poll.h>
 #include <vector>
 
 #include "app/util/Mutex.h"
@@ -52,9 +52,6 @@ class FrameSender final : public MyThreadClass {
 
   // Drops the newest frames of links that take nothing until the budget is met. Whether it is.
   bool makeRoom();
-  // Blocks until nothing waits any more for links that take what they are sent, at most this long.
-  void flush(std::chrono::milliseconds longest);
-
   bool isStarted() const { return started_; }
   FrameBudget& budget() { return *budget_; }
 
@@ -62,21 +59,22 @@ class FrameSender final : public MyThreadClass {
   void InternalThreadEntry() override;
 
  private:
+  using Clock = std::chrono::steady_clock;
   using Links = std::vector<std::shared_ptr<BusLink>>;
-  struct Waits;
 
-  Links links();
-  void look(const std::shared_ptr<BusLink>& link, Waits& waits);
+  void lookAtAll();
+  bool look(const std::shared_ptr<BusLink>& link);
   bool forget(const std::shared_ptr<BusLink>& link);
-  bool isFlushed();
-  void wait(Waits& waits);
+  void wait();
 
   const std::shared_ptr<FrameBudget> budget_ = std::make_shared<FrameBudget>();
   UniqueDescriptor wakeEvent_;
   Mutex lock_;
-  std::condition_variable_any changed_;
   Links links_ VALTOR_GUARDED_BY(lock_);  // those with waiting frames
-  int flushers_ VALTOR_GUARDED_BY(lock_) = 0;
+  // Of the thread, kept so that it need not allocate in every round.
+  Links looked_;
+  std::vector<pollfd> sockets_;
+  Clock::time_point until_{};
   const bool started_;  // last: the thread uses all the others
 };
 

@@ -10,14 +10,15 @@ void OutgoingQueue::open(uint32_t link) {
 }
 
 std::size_t OutgoingQueue::close() {
-  std::deque<Head> dropped;  // outlives the lock: frames may be large
+  // In place, since even an empty deque allocates: whoever ends a link must not fail.
   const Locked lock(lock_);
+  const std::size_t dropped = frames_.size();
   link_ = 0;
-  dropped.swap(frames_);
+  frames_.clear();
   bytes_ = 0;
   count_ = 0;
   noteChange();
-  return dropped.size();
+  return dropped;
 }
 
 bool OutgoingQueue::fits(const SharedFrame& frame) const {

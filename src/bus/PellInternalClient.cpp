@@ -1,6 +1,7 @@
 #include "bus/PellInternalClient.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -8,13 +9,16 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <string_view>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <syslog.h>
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/LineBudget.h"
 #include "app/util/UniqueDescriptor.h"
+#include "app/util/Warnings.h"
 #include "bus/PellInternalClientMsgQThread.h"
 #include "bus/PellInternalClientRxThread.h"
 #include "bus/SocketConnect.h"
@@ -60,6 +64,21 @@ void setReceiveTimeout(int socket, std::chrono::milliseconds timeout) {
   setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
 }
 
+// The reasons of the hook, as the log and the figures name them.
+std::string plainReason(const std::string& reason) {
+  constexpr std::array<std::pair<std::string_view, const char*>, 4> kPlain = {
+      {{"Socket hung up", "hung up"},
+       {"no resp timeout", "no response"},
+       {"recv error", "receive error"},
+       {"send ACK req error", "keep-alive not taken"}}};
+  for (const auto& [known, plain] : kPlain) {
+    if (reason == known) {
+      return plain;
+    }
+  }
+  return reason;
+}
+
 bool isUsable(const std::string& host, int32_t port) {
   return !host.empty() && port >= 1 && port <= 65535;
 }
@@ -95,6 +114,7 @@ int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourc
     result = link_->send(frameOf(message, sourceConnID), link);
   }
   if (result.outcome == BusLink::Send::NotConnected) {
+    countWarning(Warning::NotConnected);
     syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
     return 0;
   }
@@ -106,6 +126,7 @@ int PellInternalClient::forwardFrame(const SharedFrame& frame) {
   const std::stop_token caller =
       currentClient != nullptr ? currentClient->closingToken() : std::stop_token();
   if (link_->forward(frame, caller) == BusLink::Send::NotConnected) {
+    countWarning(Warning::NotConnected);
     syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
   }
   return 0;
@@ -164,8 +185,37 @@ JSONPtr PellInternalClient::buildLoginParameters() {
 
 void PellInternalClient::setConnectionState(int state, const std::string& reason) {
   link_->setState(state);
+  noteLink(state, reason);
   onConnectionStateChanged(state, reason);
   reportedState_ = state;
+}
+
+void PellInternalClient::noteLink(int state, const std::string& reason) {
+  const char* const wanted = state == 1 ? nullptr : endReason_.exchange(nullptr);
+  const std::string why = wanted != nullptr ? wanted : plainReason(reason);
+  if (!history_.note(state == 1, why, wanted != nullptr || isClosing())) {
+    return;
+  }
+  if (state == 1) {
+    syslog(LOG_NOTICE, "%s is connected.\n", linkName().c_str());
+  } else {
+    syslog(LOG_NOTICE, "%s is disconnected: %s.\n", linkName().c_str(), why.c_str());
+  }
+}
+
+std::string PellInternalClient::linkName() const {
+  return nameForLog(name_) + " at " + nameForLog(host()) + ":" + std::to_string(port());
+}
+
+bool PellInternalClient::hasUnderWay() const {
+  return link_->isStanding() && !link_->isStalled() &&
+         (link_->hasWaiting() || link_->unsentBytes() > 0);
+}
+
+PellInternalClient::Figures PellInternalClient::figures() const {
+  return {history_.figures(),  link_->sent().figures(), link_->forwarded().figures(),
+          received_.figures(), link_->waiting(),        link_->droppedFrames(),
+          link_->isStalled(),  queue_.figures()};
 }
 
 int PellInternalClient::connect() {
@@ -183,6 +233,7 @@ int PellInternalClient::connect() {
     const Locked threads(threadsLock_);
     ownClose_ = nullptr;
   }
+  endReason_ = nullptr;
   closing_->reset();
   try {
     const int result = attemptConnection(timing_.ownerAttempt);
@@ -232,7 +283,7 @@ int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
   const int error = connectWithin(socket.get(), addresses->ai_addr, addresses->ai_addrlen, longest,
                                   [this] { return isClosing(); });
   if (error != 0) {
-    if (error != ECANCELED) {
+    if (error != ECANCELED && LineBudget::spend()) {
       syslog(LOG_ERR, "PellInternalClient connect error: %s %s\n", errnoText(error).c_str(),
              target.host.c_str());
     }
@@ -274,8 +325,8 @@ bool PellInternalClient::openLink(UniqueDescriptor socket) {
 }
 
 bool PellInternalClient::startThreads() {
-  // The controller's own client, which would lose what it cannot keep rather than let the node
-  // wait.
+  // A link of that very name loses what it cannot keep rather than let its node wait: here that is
+  // a router that somebody named so.
   const uint32_t queueLimit = name_ == "valtor" ? PellInternalClientRxThread::kPauseChunks : 0;
   auto receive = std::make_unique<PellInternalClientRxThread>(
       PellInternalClientRxThread::Parts{*this, *link_, queue_, *closing_, timing_, name_},
@@ -358,7 +409,9 @@ void PellInternalClient::close() { closeAs("close"); }
 void PellInternalClient::disconnect() { closeAs("disconnect"); }
 
 void PellInternalClient::closeAs(const char* reason) {
-  syslog(LOG_INFO, "Closing PellInternalClient %s...\n", nameForLog(name_).c_str());
+  if (LineBudget::spend()) {
+    syslog(LOG_INFO, "Closing PellInternalClient %s...\n", nameForLog(name_).c_str());
+  }
   if (currentClient == this) {
     {
       const Locked lock(threadsLock_);
@@ -375,8 +428,10 @@ void PellInternalClient::stopForDestruction() {
   if (stopped_.exchange(true)) {
     return;
   }
-  syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", nameForLog(name_).c_str(),
-         link_->shownDescriptor());
+  if (LineBudget::spend()) {
+    syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", nameForLog(name_).c_str(),
+           link_->shownDescriptor());
+  }
   const Locked lock(lifecycle_);
   if (rxThread_) {
     syslog(LOG_DEBUG, "~PellInternalClient() close:%d\n", link_->shownDescriptor());
@@ -503,9 +558,11 @@ void PellInternalClient::deliver(const std::vector<PellInternalMessage>& message
       // Whoever closes waits for this thread, and a batch may hold ten thousand messages.
       return;
     }
+    received_.add(message.receivedBytes());
     try {
       onMessage(message);
     } catch (const std::exception& error) {
+      countWarning(Warning::MessageFailed);
       syslog(LOG_ERR, "PellInternalClient %s: message %s on \"%s\" failed: %s\n",
              nameForLog(name_).c_str(), kindName(message.getKind()),
              quotedForLog(message.header.path.c_str()).c_str(), error.what());

@@ -13,12 +13,14 @@
 
 #include "app/util/Mutex.h"
 #include "app/util/OwnedJSON.h"
+#include "app/util/TrafficCount.h"
 #include "app/util/UniqueDescriptor.h"
 #include "bus/BusLink.h"
 #include "bus/ClientTiming.h"
 #include "bus/ClosingSignal.h"
 #include "bus/IClientThreadHost.h"
 #include "bus/IPellInternalClient.h"
+#include "bus/LinkHistory.h"
 #include "bus/ReceiveQueue.h"
 #include "bus/message/PellInternalStreamParser.h"
 
@@ -64,6 +66,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   int sendMessage(const PellInternalMessage& message) override;
   void subscribe(const std::string& path) override;
   virtual std::string getName();
+  // The same, for those who may not call a virtual operation.
+  const std::string& busName() const { return name_; }
   // close() with the reason "disconnect" for the state's hook.
   virtual void disconnect();
   // The connection id that the client announces at login.
@@ -73,6 +77,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   virtual bool isConnected() const;
   // Answers the module-ready query. Derived classes call it first.
   int onMessage(const PellInternalMessage& message) override;
+  // The far end of the link, as log lines name it. Called on any thread of the client.
+  virtual std::string linkName() const;
   // Called after every change of the connection state (1 connected, 0 not), on the thread that
   // changed it, without any lock of the link.
   virtual void onConnectionStateChanged(int state, const std::string& reason);
@@ -121,8 +127,26 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   std::string host() const;
   int32_t port() const;
 
-  // The frames that this client's link lets wait.
-  OutgoingQueue::Size waitingFrames() const { return link_->waiting(); }
+  // Whether frames are on their way to a node that takes what it is sent: they wait here, or are
+  // not acknowledged yet.
+  bool hasUnderWay() const;
+
+  // How the client does, for whoever asks. Each part is taken at a moment of its own.
+  struct Figures {
+    LinkHistory::Figures history;
+    TrafficCount::Figures sent;       // frames that left
+    TrafficCount::Figures forwarded;  // of which forwardFrame() was given these
+    TrafficCount::Figures received;   // messages
+    OutgoingQueue::Size waiting;
+    uint64_t dropped = 0;  // frames that a stalled node lost
+    bool stalled = false;
+    ReceiveQueue::Figures queue;
+  };
+  Figures figures() const;
+
+  // Why the owner ends the link next, for the log and the figures: a constant text. Forgotten with
+  // the next connect().
+  void setEndReason(const char* reason) { endReason_ = reason; }
 
   // Set before connect().
   void setFrameSender(std::weak_ptr<FrameSender> sender) { link_->setSender(std::move(sender)); }
@@ -165,6 +189,7 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   Endpoint endpoint() const;
   bool hasEndpoint();
   void deliver(const std::vector<PellInternalMessage>& messages);
+  void noteLink(int state, const std::string& reason);
   void threadBegins();
   void threadEnded();
 
@@ -175,6 +200,9 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   std::atomic<bool> moduleReady_{false};
   std::atomic<int> reportedState_{0};  // the last state whose hook returned
   std::atomic<bool> subscriptionsUnsent_{false};
+  std::atomic<const char*> endReason_{nullptr};
+  LinkHistory history_;
+  TrafficCount received_;
   std::atomic<bool> stopped_{false};  // stopForDestruction() has run
 
   Mutex lifecycle_;

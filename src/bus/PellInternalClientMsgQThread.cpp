@@ -27,6 +27,7 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
              parts_.name.c_str(), error.what());
       batch_ = std::vector<char>();
       parts_.parser.reset();
+      parts_.queue.finish();
       parts_.closing.sleep(kAfterFault);
     }
   }
@@ -46,6 +47,7 @@ void PellInternalClientMsgQThread::handleBatch() {
     link_ = taken.link;
   }
   parts_.parser.parse(batch_.data(), batch_.size());
+  parts_.queue.finish();
   // Never so large as things are: a batch ends at 100 chunks of at most 15,360 bytes.
   if (batch_.size() <= kBatchBytes) {
     batch_.clear();

@@ -9,6 +9,7 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/PollWait.h"
+#include "app/util/Warnings.h"
 
 namespace valtor {
 
@@ -112,6 +113,7 @@ bool PellInternalClientRxThread::pauseWhileFull(int descriptor) {
   if (parts_.queue.hasRoom({kPauseChunks, kPauseBytes})) {
     return true;
   }
+  countWarning(Warning::ReadingPaused);
   syslog(LOG_WARNING,
          "PellInternalRxThread: %s: %u chunks or %zu bytes wait to be handled, reading pauses.\n",
          nameForLog(parts_.name).c_str(), kPauseChunks, kPauseBytes);

@@ -40,6 +40,9 @@ ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t by
       break;
     }
     batch.link = chunk.link;
+    if (batch.chunks == 0) {
+      handled_ = chunk.received;
+    }
     buffer.insert(buffer.end(), chunk.bytes.begin(), chunk.bytes.end());
     bytes_ -= chunk.bytes.size();
     chunks_.pop_front();
@@ -51,6 +54,21 @@ ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t by
     }
   }
   return batch;
+}
+
+void ReceiveQueue::finish() {
+  const Locked lock(lock_);
+  handled_.reset();
+}
+
+ReceiveQueue::Figures ReceiveQueue::figures() const {
+  const Locked lock(lock_);
+  Figures figures{{}, chunks_.size(), bytes_};
+  if (handled_ || !chunks_.empty()) {
+    figures.delay =
+        std::chrono::steady_clock::now() - (handled_ ? *handled_ : chunks_.front().received);
+  }
+  return figures;
 }
 
 void ReceiveQueue::clear() {

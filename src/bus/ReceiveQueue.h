@@ -18,6 +18,7 @@ namespace valtor {
 struct ReceivedChunk {
   uint32_t link = 0;
   std::string bytes;
+  std::chrono::steady_clock::time_point received = std::chrono::steady_clock::now();
 };
 
 // What the receive thread has read and the message-queue thread has not yet taken, in order. Its
@@ -50,7 +51,17 @@ class ReceiveQueue {
   Batch take(std::vector<char>& buffer, std::size_t byteBound, uint32_t& drained,
              uint32_t drainedLimit);
 
+  // What was taken has been handled.
+  void finish();
+
   void clear();
+
+  struct Figures {
+    std::chrono::steady_clock::duration delay{0};  // the age of the oldest that is not handled yet
+    std::size_t chunks = 0;                        // that wait
+    std::size_t bytes = 0;
+  };
+  Figures figures() const;
 
  private:
   bool fits(Limits limits) const VALTOR_REQUIRES(lock_);
@@ -59,6 +70,8 @@ class ReceiveQueue {
   std::condition_variable_any filled_;
   std::deque<ReceivedChunk> chunks_ VALTOR_GUARDED_BY(lock_);
   std::size_t bytes_ VALTOR_GUARDED_BY(lock_) = 0;  // those of all chunks
+  // When the first chunk of those that are being handled came.
+  std::optional<std::chrono::steady_clock::time_point> handled_ VALTOR_GUARDED_BY(lock_);
 };
 
 }  // namespace valtor

@@ -144,7 +144,7 @@ void AbstractConnectionPointManager::refuse(std::unique_ptr<ConnectionPoint> con
   if (LineBudget::spend()) {
     syslog(LOG_INFO, "Add ConnectionPoint %s refused, Too Many.\n", nameForLog(uniqueID).c_str());
   }
-  if (LineBudget::spend()) {
+  if (LineBudget::spendTrace()) {
     std::printf("Add ConnectionPoint %s refused, Too Many.\n", uniqueID.c_str());
   }
   connectionPoint->disconnect();
@@ -172,7 +172,7 @@ std::shared_ptr<ConnectionPoint> AbstractConnectionPointManager::merge(
   existing->update(*connectionPoint);
   if (!existing->isEnabled()) {
     existing->removeAllDeviceConnections();
-    existing->disconnect();
+    existing->disconnectBecause("disabled");
   } else if (!existing->isConnected()) {
     existing->connect();
   }

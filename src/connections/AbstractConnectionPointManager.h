@@ -131,9 +131,7 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   void answer(ResponseList& responses, const PellInternalMessage& message, const char* name,
               JSONPtr value);
   // False, with a warning, when the request has got as much as one request may.
-  bool hasRoomForAnswer(const PellInternalMessage& message) const {
-    return answerRoom_.isLeft(message);
-  }
+  bool hasRoomForAnswer(const PellInternalMessage& message) { return answerRoom_.isLeft(message); }
   // Offers the message to every connection point; whether any took it.
   bool offerDeviceParam(const std::string& uniqueID, const PellInternalMessage& message);
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <syslog.h>
+#include <utility>
 
 namespace valtor {
 
@@ -24,9 +25,12 @@ std::size_t textSize(const cJSON* item) {
 
 }  // namespace
 
-bool AnswerRoom::isLeft(const PellInternalMessage& request) const {
-  if (answers_ < kMaxAnswers && bytes_ < kMaxBytes) {
+bool AnswerRoom::isLeft(const PellInternalMessage& request) {
+  if (answers_ < kMaxAnswers && points_ < kMaxPoints && bytes_ < kMaxBytes) {
     return true;
+  }
+  if (std::exchange(said_, true)) {
+    return false;
   }
   syslog(LOG_WARNING,
          "A request of connection %d asks for too much, what follows its answer %zu is ignored.\n",
@@ -36,6 +40,7 @@ bool AnswerRoom::isLeft(const PellInternalMessage& request) const {
 
 void AnswerRoom::take(const cJSON* value, std::size_t lookedAt) {
   ++answers_;
+  points_ += lookedAt;
   bytes_ += textSize(value) + lookedAt * kPunctuation;
 }
 

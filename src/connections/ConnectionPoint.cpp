@@ -18,7 +18,7 @@ constexpr const char* kDevicePath = "device";
 constexpr const char* kParam = "param";
 constexpr const char* kParamDelete = "paramDelete";
 constexpr const char* kDeviceConnection = "deviceConnection";
-constexpr int kMaxPhys = 16;  // of which the first counts
+constexpr std::size_t kMaxPhys = 16;  // of which the first counts
 
 // What a load that misses a member returns.
 int lacks(const char* member) {
@@ -39,7 +39,7 @@ ConnectionPoint::ConnectionPoint(std::string type, IPellInternalClient& sender,
     : sender_(sender), manager_(manager), type_(std::move(type)) {}
 
 ConnectionPoint::~ConnectionPoint() {
-  if (LineBudget::spend()) {
+  if (LineBudget::spendTrace()) {
     traceLine("%s - %p\n", "~ConnectionPoint", static_cast<void*>(this));
   }
   const Locked lock(deviceLock_);
@@ -81,15 +81,14 @@ int ConnectionPoint::loadPhys(const cJSON* item) {
   if (descriptions == nullptr) {
     return lacks("phy");
   }
-  int elementsSeen = 0;
   // An object's members must not be taken for elements.
   const cJSON* elements = cJSON_IsArray(descriptions) != 0 ? descriptions : nullptr;
   const cJSON* element = nullptr;
   cJSON_ArrayForEach(element, elements) {
-    if (++elementsSeen > kMaxPhys) {
+    if (phys_.size() == kMaxPhys) {
       if (LineBudget::spend()) {
         syslog(LOG_WARNING,
-               "ConnectionPointDetails::loadFromJSON - more than %d phys, the rest is ignored.\n",
+               "ConnectionPointDetails::loadFromJSON - more than %zu phys, the rest is ignored.\n",
                kMaxPhys);
       }
       break;
@@ -227,7 +226,7 @@ void ConnectionPoint::update(ConnectionPoint& from) {
   const bool moved = !hasEqualPhys(identity.phys);
   if (moved) {
     // Without the description lock: this waits for the thread that may just want it.
-    disconnect();
+    disconnectBecause("moved");
   }
   {
     const Locked lock(descriptionLock_);

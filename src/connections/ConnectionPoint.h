@@ -67,6 +67,11 @@ class ConnectionPoint : public AbstractJSONBackedData {
   // Ends the connection; the base only sets the state. Never called with one of this object's locks
   // held, for a subclass waits here for threads that report to it.
   virtual void disconnect();
+  // The same, with the reason for logs and figures: a constant text.
+  void disconnectBecause(const char* reason) {
+    endReason_ = reason;
+    disconnect();
+  }
 
   // A new array of every device connection's toJSON(), in the order of their unique IDs.
   virtual JSONPtr deviceConnectionsToJSON() const;
@@ -135,6 +140,8 @@ class ConnectionPoint : public AbstractJSONBackedData {
  protected:
   IPellInternalClient& sender() const { return sender_; }
   AbstractConnectionPointManager& manager() const { return manager_; }
+  // Why disconnect() was called last.
+  const char* endReason() const { return endReason_; }
   // Set by a subclass while it is built.
   void setDeletable(bool deletable) { deletable_ = deletable; }
 
@@ -175,6 +182,7 @@ class ConnectionPoint : public AbstractJSONBackedData {
 
   std::atomic<bool> enabled_{true};
   std::atomic<bool> connected_{false};
+  std::atomic<const char*> endReason_{"disabled"};
   std::atomic<bool> markedForDeletion_{false};
   std::atomic<bool> deletable_{false};
 

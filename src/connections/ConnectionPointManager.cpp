@@ -90,7 +90,7 @@ std::unique_ptr<ConnectionPointTCPServer> ConnectionPointManager::createTCPServe
     return nullptr;
   }
   if (server->getType().empty()) {
-    if (LineBudget::spend()) {
+    if (LineBudget::spendTrace()) {
       std::printf("Emtpy TCPServer Type Detected. Setting to %s\n", getManagerType().c_str());
     }
     server->setType(getManagerType());

@@ -94,12 +94,12 @@ ConnectionPointSet::List ConnectionPointSet::removeMarked() {
   const Locked lock(lock_);
   for (const auto& entry : stored_) {
     if (entry.second->isMarkedForDeletion()) {
-      entry.second->disconnect();
+      entry.second->disconnectBecause("removed");
       marked.push_back(entry.second);
     }
   }
   for (const Pointer& connectionPoint : marked) {
-    if (LineBudget::spend()) {
+    if (LineBudget::spendTrace()) {
       std::printf("%s erasing connectionPoint: %s\n",
                   "virtual int AbstractConnectionPointManager::loadFromJSON(cJSON*)",
                   connectionPoint->getUniqueID().c_str());
@@ -151,7 +151,7 @@ ConnectionPointSet::Pointer ConnectionPointSet::removeDeletable(const std::strin
 }
 
 void ConnectionPointSet::remove(const Pointer& connectionPoint) {
-  connectionPoint->disconnect();
+  connectionPoint->disconnectBecause("removed");
   connectionPoint->removeAllDeviceConnections();
   connectionPoint->notifyDeleted();
   const auto found = stored_.find(connectionPoint->getUniqueID());

@@ -15,8 +15,6 @@ namespace valtor {
 
 namespace {
 
-constexpr int kMaxPhys = 16;  // of a description; the rest is left out
-
 // What a load that misses a member returns.
 int lacks(const char* member) {
   if (LineBudget::spend()) {
@@ -71,6 +69,7 @@ int DispatcherPeerClient::onMessage(const PellInternalMessage& message) {
   if (result.pass && forwarder == nullptr) {
     result = FilterResult::blocked("noForwarder");
   }
+  noteToMaster(message, result);
   if (!result.pass) {
     traceBlocked("peer->master", message, result.rule);
     return -1;
@@ -82,6 +81,40 @@ int DispatcherPeerClient::onMessage(const PellInternalMessage& message) {
   }
   forwarder->forwardMessage(message);
   return 0;
+}
+
+void DispatcherPeerClient::noteToMaster(const PellInternalMessage& message,
+                                        const FilterResult& result) {
+  if (result.pass) {
+    toMaster_.add(message.receivedBytes());
+  } else {
+    blockedToMaster_.add(result.rule);
+  }
+  if (watch_ == nullptr) {
+    return;
+  }
+  if (result.pass) {
+    watch_->crossings.add(Direction::ToController, message.getKind(), message.header.path,
+                          message.receivedBytes());
+    watch_->loops.note(message, this, [this] { return linkName(); });
+  }
+  if (watch_->tap.isFollowed()) {
+    watch_->tap.offer(uniqueID(), Direction::ToController, message, result);
+  }
+}
+
+void DispatcherPeerClient::noteToPeer(const PellInternalMessage& message,
+                                      const FilterResult& result) {
+  if (!result.pass) {
+    blockedToPeer_.add(result.rule);
+  }
+  if (watch_ != nullptr && watch_->tap.isFollowed()) {
+    watch_->tap.offer(uniqueID(), Direction::ToRouters, message, result);
+  }
+}
+
+DispatcherPeerClient::BridgeFigures DispatcherPeerClient::bridgeFigures() const {
+  return {blockedToPeer_.figures(), blockedToMaster_.figures(), toMaster_.figures()};
 }
 
 FilterResult DispatcherPeerClient::filterToMaster(const PellInternalMessage& message) const {
@@ -166,13 +199,9 @@ int DispatcherPeerClient::loadFromJSON(const cJSON* item) {
 // Whether at least one phy was accepted. Accepted ones replace those of an earlier load.
 bool DispatcherPeerClient::loadPhys(const cJSON* array) {
   PhyList accepted;
-  int elementsSeen = 0;
   const cJSON* element = nullptr;
   if (cJSON_IsArray(array) != 0) {
     cJSON_ArrayForEach(element, array) {
-      if (++elementsSeen > kMaxPhys) {
-        break;
-      }
       auto phy = ConnectionPointPhy::createFromJSON(element);
       if (phy == nullptr) {
         if (LineBudget::spend()) {

@@ -6,11 +6,14 @@
 #include <vector>
 
 #include "app/util/Mutex.h"
+#include "app/util/TrafficCount.h"
 #include "bus/IPellaMessageForwarder.h"
 #include "bus/PellInternalClient.h"
 #include "connections/phy/ConnectionPointPhy.h"
 #include "data/AbstractJSONBackedData.h"
+#include "peers/BridgeWatch.h"
 #include "peers/FilterResult.h"
+#include "peers/RuleCounts.h"
 
 namespace valtor {
 
@@ -66,6 +69,18 @@ class DispatcherPeerClient : public PellInternalClient, public AbstractJSONBacke
   bool isMarkedForErase() const { return markedForErase_; }
   void setMarkedForErase(bool marked) { markedForErase_ = marked; }
 
+  // How the bridge to this peer does.
+  struct BridgeFigures {
+    RuleCounts::Figures blockedToPeer;
+    RuleCounts::Figures blockedToMaster;
+    TrafficCount::Figures toMaster;  // what passed
+  };
+  BridgeFigures bridgeFigures() const;
+  // The filter's answer about a message of the master bus.
+  void noteToPeer(const PellInternalMessage& message, const FilterResult& result);
+  // Where this peer's messages are seen by those who watch the bridge. Set before connect().
+  void setWatch(std::shared_ptr<BridgeWatch> watch) { watch_ = std::move(watch); }
+
   // Null: what arrives is dropped.
   void setForwarder(IPellaMessageForwarder* forwarder) { forwarder_ = forwarder; }
 
@@ -78,6 +93,7 @@ class DispatcherPeerClient : public PellInternalClient, public AbstractJSONBacke
   using PhyList = std::vector<std::unique_ptr<ConnectionPointPhy>>;
 
   bool loadPhys(const cJSON* array);
+  void noteToMaster(const PellInternalMessage& message, const FilterResult& result);
   void noteDatabaseRequest(const PellInternalMessage& message);
 
   mutable Mutex descriptionLock_;
@@ -89,6 +105,10 @@ class DispatcherPeerClient : public PellInternalClient, public AbstractJSONBacke
   const bool enabled_ = true;  // what "enabled" renders; nothing disables a peer
   std::atomic<bool> markedForErase_{false};
   std::atomic<IPellaMessageForwarder*> forwarder_{nullptr};
+  std::shared_ptr<BridgeWatch> watch_;
+  RuleCounts blockedToPeer_;
+  RuleCounts blockedToMaster_;
+  TrafficCount toMaster_;
 
   mutable Mutex dbRequestHostLock_;
   std::string dbRequestHost_ VALTOR_GUARDED_BY(dbRequestHostLock_);

@@ -1,5 +1,6 @@
 #include "peers/RemoteValtorConnectionPoint.h"
 
+#include <chrono>
 #include <string>
 #include <syslog.h>
 #include <utility>
@@ -53,9 +54,10 @@ int RemoteValtorConnectionPoint::connect() {
 // Once until it has another place: start-up and every reload connect again.
 void RemoteValtorConnectionPoint::warnOfPlace(const IPPhy& phy) {
   const std::string place = phy.getIPAddress() + ":" + std::to_string(phy.getPort());
-  if (std::exchange(warnedPlace_, place) == place || !LineBudget::spend()) {
+  if (warnedPlace_ == place || !LineBudget::spend()) {
     return;
   }
+  warnedPlace_ = place;
   syslog(LOG_WARNING,
          "RemoteValtorConnectionPoint %s (%s) stays down: its tcp phy names no place to connect to "
          "(address \"%s\", port %d).\n",
@@ -67,12 +69,14 @@ void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
                                              const std::string& uniqueID, const IPPhy& phy) {
   const auto peer =
       std::make_shared<ValtorRouterPeerConnection>(phy.getIPAddress(), phy.getPort(), getName());
-  peer->setTiming(peers.peerTiming());
-  peer->setFrameSender(peers.frameSender());
+  peer->setTiming(peers.ownerTiming());
+  peers.join(*peer);
   peer->setUniqueID(uniqueID);
   peer->setForwarder(forwarder());
   peer->setOwner(*this);
+  const auto begin = std::chrono::steady_clock::now();
   peer->connect();
+  peers.noteOwnerAttempt(std::chrono::steady_clock::now() - begin);
   peers.addPeer(peer);
 }
 
@@ -87,6 +91,7 @@ bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerManager& peers,
   }
   if (moved) {
     peers.letFramesOut();
+    peer.setEndReason("moved");
     // Its threads may still be trying the old place.
     peer.disconnect();
     peer.setEndpoint(phy.getIPAddress(), phy.getPort());
@@ -104,6 +109,7 @@ void RemoteValtorConnectionPoint::disconnect() {
   if (const auto peers = routerPeerManager()) {
     if (const auto peer = ownPeer(*peers)) {
       peers->letFramesOut();
+      peer->setEndReason(endReason());
       peer->disconnect();
     }
   }
@@ -120,6 +126,7 @@ void RemoteValtorConnectionPoint::giveUpPeer() {
   if (const auto peers = routerPeerManager()) {
     const auto peer = ownPeer(*peers);
     if (peer != nullptr && peer->clearOwner(*this)) {
+      peer->setEndReason("standby");
       peers->removePeer(peer);
     }
   }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "app/util/Immortal.h"
+#include "app/util/Mutex.h"
 #include "peers/RemoteValtorConnectionPoint.h"
 #include "peers/ValtorRouterPeerManager.h"
 
@@ -12,6 +14,18 @@ namespace {
 // What the manager lists as its own interface.
 constexpr const char* kDefaultAddress = "192.168.1.2";
 constexpr int32_t kDefaultPort = 15000;
+
+// The managers that live, for describeRouters(). Its lock is taken before a manager's and held
+// while that is asked, so that none goes meanwhile.
+struct Managers {
+  Mutex lock;
+  std::vector<const RemoteValtorConnectionPointManager*> list VALTOR_GUARDED_BY(lock);
+};
+
+Managers& managers() {
+  static Immortal<Managers> instance;
+  return *instance;
+}
 
 }  // namespace
 
@@ -24,9 +38,34 @@ RemoteValtorConnectionPointManager::RemoteValtorConnectionPointManager(
   phy->setPort(kDefaultPort);
   phy->setServer(1);
   addPhy(std::move(phy));
+  Managers& all = managers();
+  const Locked lock(all.lock);
+  all.list.push_back(this);
 }
 
-RemoteValtorConnectionPointManager::~RemoteValtorConnectionPointManager() { stopCleanupThread(); }
+RemoteValtorConnectionPointManager::~RemoteValtorConnectionPointManager() {
+  stopCleanupThread();
+  Managers& all = managers();
+  const Locked lock(all.lock);
+  std::erase(all.list, this);
+}
+
+std::vector<RouterDescription> describeRouters() {
+  std::vector<RouterDescription> routers;
+  Managers& all = managers();
+  const Locked lock(all.lock);
+  for (const RemoteValtorConnectionPointManager* manager : all.list) {
+    manager->connectionPoints().forEach([&](ConnectionPoint& point) {
+      RouterDescription router{point.getName(), point.getUniqueID(), "", 0, point.isEnabled()};
+      if (const auto phy = point.firstTCPPhy()) {
+        router.address = phy->getIPAddress();
+        router.port = phy->getPort();
+      }
+      routers.push_back(std::move(router));
+    });
+  }
+  return routers;
+}
 
 bool RemoteValtorConnectionPointManager::handleMessage(const PellInternalMessage& message,
                                                        ResponseList& responses) {

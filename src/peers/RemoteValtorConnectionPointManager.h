@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "connections/ConnectionPointManager.h"
 
@@ -10,6 +12,19 @@ namespace valtor {
 // The connection points that stand for remote routers. Besides managing them it hands every message
 // that it is offered to the process's router peer manager, which is the whole way from the master
 // bus to the routers. Bus client and router peer manager outlive its connection points.
+// What a manager tells about one of its routers to whoever asks.
+struct RouterDescription {
+  std::string name;
+  std::string uniqueID;
+  std::string address;
+  int32_t port = 0;
+  bool enabled = false;
+};
+
+// The routers of all managers of the process, in the order of their unique IDs. Any thread may ask,
+// and waits while a manager adds or removes one. Takes no handler lock.
+std::vector<RouterDescription> describeRouters();
+
 class RemoteValtorConnectionPointManager : public ConnectionPointManager {
  public:
   // With rejectLoopback, routers at 127.0.0.1, the controller itself, are refused.
@@ -23,6 +38,8 @@ class RemoteValtorConnectionPointManager : public ConnectionPointManager {
   std::unique_ptr<ConnectionPoint> createConnectionPoint(const cJSON* item) override;
 
  private:
+  friend std::vector<RouterDescription> describeRouters();
+
   const bool rejectLoopback_;
 };
 

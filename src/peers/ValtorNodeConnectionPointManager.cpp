@@ -7,6 +7,7 @@
 #include <new>
 #include <string_view>
 #include <syslog.h>
+#include <thread>
 #include <utility>
 
 #include "app/util/LineBudget.h"
@@ -46,7 +47,8 @@ ValtorNodeConnectionPointManager::ValtorNodeConnectionPointManager(
     : AbstractJSONTopLevelContainer(name),
       type_("Valtor Peer"),
       forwarder_(forwarder),
-      sender_(std::make_shared<FrameSender>()) {}
+      sender_(std::make_shared<FrameSender>()),
+      watch_(std::make_shared<BridgeWatch>()) {}
 
 ValtorNodeConnectionPointManager::~ValtorNodeConnectionPointManager() = default;
 
@@ -99,11 +101,12 @@ void ValtorNodeConnectionPointManager::loadPeers(const cJSON* array) {
 }
 
 void ValtorNodeConnectionPointManager::erasePeer(const PeerPtr& peer) {
-  if (LineBudget::spend()) {
+  if (LineBudget::spendTrace()) {
     std::printf("%s erasing connectionPoint: %s\n",
                 "virtual int ValtorNodeConnectionPointManager::loadFromJSON(cJSON*)",
                 peer->uniqueID().c_str());
   }
+  letFramesOut();
   takeOut(peer);
 }
 
@@ -259,7 +262,7 @@ bool ValtorNodeConnectionPointManager::addOrUpdatePeer(std::unique_ptr<Dispatche
   }
   const PeerPtr existing = findPeer(peer->uniqueID());
   if (existing == nullptr) {
-    peer->setFrameSender(sender_);
+    join(*peer);
     addPeer(std::move(peer));
     return true;
   }
@@ -270,18 +273,22 @@ bool ValtorNodeConnectionPointManager::addOrUpdatePeer(std::unique_ptr<Dispatche
 
 void ValtorNodeConnectionPointManager::forwardToPeers(const PellInternalMessage& message) {
   SharedFrame frame;
+  char shown[129] = "";  // the payload's beginning, for the trace
   for (const PeerPtr& peer : peers()) {
     const FilterResult result = filterToPeer(*peer, message);
+    peer->noteToPeer(message, result);
     if (!result.pass) {
       traceBlocked("master->peer", message, result.rule);
       continue;
     }
     if (frame == nullptr) {
       frame = sender_->budget().count(frameOf(message, message.header.sourceConnID));
-      ++forwarded_;
+      shown[frame->payload().copy(shown, sizeof shown - 1)] = '\0';
+      watch_->crossings.add(Direction::ToRouters, message.getKind(), message.header.path,
+                            message.receivedBytes());
+      watch_->loops.note(message, nullptr, nullptr);
     }
-    std::printf("master->peer send %.128s \n",
-                std::string(frame->payload().substr(0, 128)).c_str());
+    std::printf("master->peer send %.128s \n", shown);
     try {
       peer->forwardFrame(frame);
     } catch (const std::bad_alloc&) {
@@ -291,9 +298,25 @@ void ValtorNodeConnectionPointManager::forwardToPeers(const PellInternalMessage&
   }
 }
 
+void ValtorNodeConnectionPointManager::join(DispatcherPeerClient& peer) const {
+  peer.setFrameSender(sender_);
+  peer.setWatch(watch_);
+}
+
 void ValtorNodeConnectionPointManager::letFramesOut() {
-  if (flushed_.exchange(forwarded_) != forwarded_) {
-    sender_->flush(kFlush);
+  using Clock = std::chrono::steady_clock;
+  if (Clock::now().time_since_epoch() < noFlushBefore_.load()) {
+    return;
+  }
+  const PeerList all = peers();
+  const auto end = Clock::now() + kFlush;
+  const auto underWay = [](const PeerPtr& peer) { return peer->hasUnderWay(); };
+  while (std::any_of(all.begin(), all.end(), underWay)) {
+    if (Clock::now() >= end) {
+      noFlushBefore_ = (Clock::now() + kFlushPause).time_since_epoch();
+      return;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
 

@@ -70,14 +70,17 @@ class ValtorNodeConnectionPointManager : public AbstractJSONTopLevelContainer,
   // waiting for a peer that takes nothing. One line of console trace a peer.
   void forwardToPeers(const PellInternalMessage& message);
   // For whoever ends links next: what was forwarded before still reaches the peers that take what
-  // they are sent. Waits at most kFlush, once for all peers and not again until another message was
-  // forwarded.
+  // they are sent. Waits for all of them at once, kFlush at most; when that was not enough, not
+  // again for kFlushPause, so that ending many links takes no longer.
   void letFramesOut();
   static constexpr std::chrono::milliseconds kFlush{200};
+  static constexpr std::chrono::milliseconds kFlushPause{1000};
 
-  // The thread behind the queues of this manager's peers; for clients that join it, before they
-  // connect.
-  const std::shared_ptr<FrameSender>& frameSender() const { return sender_; }
+  // For a client that becomes one of this manager's peers, before it connects: it shares the thread
+  // behind the queues, and is seen by those who watch.
+  void join(DispatcherPeerClient& peer) const;
+  // What is seen of the bridge.
+  BridgeWatch& watch() const { return *watch_; }
 
   // The first peer with that identifier, or none.
   PeerPtr findPeer(const std::string& uniqueID) const;
@@ -103,8 +106,8 @@ class ValtorNodeConnectionPointManager : public AbstractJSONTopLevelContainer,
   const std::string type_;
   IPellaMessageForwarder* const forwarder_;
   const std::shared_ptr<FrameSender> sender_;
-  std::atomic<uint64_t> forwarded_{0};  // messages
-  std::atomic<uint64_t> flushed_{0};    // of which so many were let out
+  const std::shared_ptr<BridgeWatch> watch_;
+  std::atomic<std::chrono::steady_clock::duration> noFlushBefore_{};  // since the clock's epoch
   mutable Mutex peersLock_;
   PeerList peers_ VALTOR_GUARDED_BY(peersLock_);
 };

@@ -1,7 +1,9 @@
 #include "peers/ValtorRouterPeerConnection.h"
 
+#include <string>
 #include <utility>
 
+#include "app/util/ErrnoText.h"
 #include "peers/ForwardingFilters.h"
 #include "peers/RemoteValtorConnectionPoint.h"
 
@@ -29,6 +31,11 @@ void ValtorRouterPeerConnection::reportState() {
   if (owner_ != nullptr) {
     owner_->setConnected(isConnected());
   }
+}
+
+std::string ValtorRouterPeerConnection::linkName() const {
+  return "Router " + nameForLog(busName()) + " (" + nameForLog(uniqueID()) + ") at " +
+         nameForLog(host()) + ":" + std::to_string(port());
 }
 
 FilterResult ValtorRouterPeerConnection::filterToMaster(const PellInternalMessage& message) const {

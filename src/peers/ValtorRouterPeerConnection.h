@@ -20,6 +20,7 @@ class ValtorRouterPeerConnection : public DispatcherPeerClient {
   ~ValtorRouterPeerConnection() override;
 
   void onConnectionStateChanged(int state, const std::string& reason) override;
+  std::string linkName() const override;
   FilterResult filterToMaster(const PellInternalMessage& message) const override;
 
   // The connection point that uses this connection from now on, and is told whether the link is up;

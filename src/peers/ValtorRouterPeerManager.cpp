@@ -33,6 +33,24 @@ FilterResult ValtorRouterPeerManager::filterToPeer(const DispatcherPeerClient& p
   return routerMasterToPeer(message, peer.dbRequestHost());
 }
 
+PellInternalClient::Timing ValtorRouterPeerManager::ownerTiming() {
+  constexpr std::chrono::seconds kWindow{1};
+  const auto now = std::chrono::steady_clock::now();
+  if (now - attemptsBegin_ > kWindow) {
+    attemptsBegin_ = now;
+    attemptsTook_ = {};
+  }
+  PellInternalClient::Timing timing = peerTiming_;
+  if (attemptsTook_ >= kOwnerAttempts) {
+    timing.ownerAttempt = std::chrono::milliseconds(0);
+  }
+  return timing;
+}
+
+void ValtorRouterPeerManager::noteOwnerAttempt(std::chrono::steady_clock::duration took) {
+  attemptsTook_ += took;
+}
+
 std::shared_ptr<ValtorRouterPeerManager> routerPeerManager() {
   Slot& slot = theSlot();
   const Locked lock(slot.lock);

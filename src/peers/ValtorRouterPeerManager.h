@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 
 #include "peers/ValtorNodeConnectionPointManager.h"
@@ -18,9 +19,18 @@ class ValtorRouterPeerManager : public ValtorNodeConnectionPointManager {
 
   // What new router connections are timed by; for tests to shorten, before any is made.
   const PellInternalClient::Timing& peerTiming() const { return peerTiming_; }
+  // What an attempt of an owner that begins now may take, and what it took. Switched-off routers
+  // add up, so together attempts get kOwnerAttempts a second; beyond it the receive threads
+  // connect.
+  PellInternalClient::Timing ownerTiming();
+  void noteOwnerAttempt(std::chrono::steady_clock::duration took);
+  static constexpr std::chrono::milliseconds kOwnerAttempts{500};
   void setPeerTiming(const PellInternalClient::Timing& timing) { peerTiming_ = timing; }
 
  private:
+  // Owners connect on one thread at a time.
+  std::chrono::steady_clock::time_point attemptsBegin_{};
+  std::chrono::steady_clock::duration attemptsTook_{0};
   PellInternalClient::Timing peerTiming_ = DispatcherPeerClient::hostTiming();
 };
 

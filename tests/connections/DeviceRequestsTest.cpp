@@ -131,7 +131,7 @@ TEST_F(DeviceRequestsTest, WhateverARequestListsIsHandledAndLoggedWithinBounds) 
       {"UPDATE", points(numbered(10003, R"(,"enabled":false)")),
        "5 ConnectionPoints refused, there is room for 10000."},
       {"UPDATE", points(repeated(faulty, 500)),
-       "600 more lines about the elements of one request are left out."},
+       "400 more lines about the elements of one request are left out."},
       {"SET",
        R"({"param":{"connectionPointManager":{},"tcpServer":[)" +
            repeated(R"({"enabled":true,"port":1,"connectionLimit":4,"numConnections":0})", 1003) +

@@ -14,12 +14,20 @@ LineBudget::LineBudget() { standing = this; }
 
 LineBudget::~LineBudget() {
   standing = nullptr;
-  if (asked_ > kLines) {
+  if (leftOut_ > 0) {
     syslog(LOG_WARNING, "%zu more lines about the elements of one request are left out.\n",
-           asked_ - kLines);
+           leftOut_);
   }
 }
 
-bool LineBudget::spend() { return standing == nullptr || ++standing->asked_ <= kLines; }
+bool LineBudget::spend() {
+  const bool may = spendTrace();
+  if (!may) {
+    ++standing->leftOut_;
+  }
+  return may;
+}
+
+bool LineBudget::spendTrace() { return standing == nullptr || ++standing->asked_ <= kLines; }
 
 }  // namespace valtor

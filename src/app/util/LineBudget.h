@@ -17,11 +17,14 @@ class LineBudget {
   LineBudget(const LineBudget&) = delete;
   LineBudget& operator=(const LineBudget&) = delete;
 
-  // Whether the calling thread may write one more such line.
+  // Whether the calling thread may write one more such line to the log.
   static bool spend();
+  // The same for the trace. What is left out there is not told.
+  static bool spendTrace();
 
  private:
   std::size_t asked_ = 0;
+  std::size_t leftOut_ = 0;  // of the log
 };
 
 }  // namespace valtor

@@ -95,7 +95,8 @@ PellInternalMessage::PellInternalMessage(PellInternalMessage&& other) noexcept
       rawVector_(std::move(other.rawVector_)),
       uniqueId_(std::exchange(other.uniqueId_, {})),
       view_(std::move(other.view_)),
-      decoded_(std::exchange(other.decoded_, false)) {}
+      decoded_(std::exchange(other.decoded_, false)),
+      receivedBytes_(std::exchange(other.receivedBytes_, 0)) {}
 
 PellInternalMessage& PellInternalMessage::operator=(PellInternalMessage&& other) noexcept {
   if (this != &other) {
@@ -108,6 +109,7 @@ PellInternalMessage& PellInternalMessage::operator=(PellInternalMessage&& other)
     uniqueId_ = std::exchange(other.uniqueId_, {});
     view_ = std::move(other.view_);
     decoded_ = std::exchange(other.decoded_, false);
+    receivedBytes_ = std::exchange(other.receivedBytes_, 0);
   }
   return *this;
 }

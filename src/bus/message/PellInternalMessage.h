@@ -97,6 +97,11 @@ class PellInternalMessage {
 
   // The message identifier: the "id" of the body, "" when there is none.
   std::string getUniqueId() const;
+  // The length of the payload that the message was cut out of a stream with, in bytes; 0 for
+  // others.
+  std::size_t receivedBytes() const { return receivedBytes_; }
+  void setReceivedBytes(std::size_t count) { receivedBytes_ = count; }
+
   // The identifier as far as it is known already, without looking into the body.
   const std::string& knownUniqueId() const { return uniqueId_; }
   // The two integers of the body's "seq" when it is an array of exactly 2 elements, else 0 and 0.
@@ -127,6 +132,7 @@ class PellInternalMessage {
   mutable std::string uniqueId_;       // cached copy of the body's "id"
   mutable JSONPtr view_;               // what viewBody() parsed
   bool decoded_ = true;
+  std::size_t receivedBytes_ = 0;
 };
 
 }  // namespace valtor

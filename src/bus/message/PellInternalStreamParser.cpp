@@ -135,25 +135,28 @@ std::size_t PellInternalStreamParser::readPayload(const char* data, std::size_t 
     return length;
   }
   const char footer = data[missing];
-  longest_ = std::max(longest_, static_cast<std::size_t>(expectedLength_));
+  const auto size = static_cast<std::size_t>(expectedLength_);
+  longest_ = std::max(longest_, size);
   std::unique_ptr<char[]> payload = std::move(bodyBuffer_);
   restart();
   if (!payload) {
     return missing + 1;
   }
   if (footer == kFooter) {
-    handleCompleteMessage(std::move(payload));
+    handleCompleteMessage(std::move(payload), size);
   } else {
     syslog(LOG_INFO, "PellInternalStreamParser invalid message footer:'%c'\n", footer);
   }
   return missing + 1;
 }
 
-void PellInternalStreamParser::handleCompleteMessage(std::unique_ptr<char[]> payload) {
+void PellInternalStreamParser::handleCompleteMessage(std::unique_ptr<char[]> payload,
+                                                     std::size_t size) {
   PellInternalMessage message(std::move(payload));
   // A header may fail after its kind was read, so the kind alone does not tell.
   if (message.isDecoded() && message.getKind() != MessageKind::Unknown &&
       message.header.sourceConnID >= 0 && message.header.destConnID >= 0) {
+    message.setReceivedBytes(size);
     finished_.push_back(std::move(message));
   } else {
     syslog(LOG_ERR, "PellInternalStreamParser::handleCompleteMessage() Bad Header\n");

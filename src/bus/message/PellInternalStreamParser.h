@@ -49,7 +49,7 @@ class PellInternalStreamParser {
   std::size_t readPayload(const char* data, std::size_t length);
   void storeHeaderByte(char byte);
   void handleSeparator();
-  void handleCompleteMessage(std::unique_ptr<char[]> payload);
+  void handleCompleteMessage(std::unique_ptr<char[]> payload, std::size_t size);
 
   static constexpr int kHeaderCapacity = 64;
 

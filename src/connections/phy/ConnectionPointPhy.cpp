@@ -47,7 +47,7 @@ std::unique_ptr<ConnectionPointPhy> ConnectionPointPhy::createFromJSON(const cJS
   if (!phy) {
     if (LineBudget::spend()) {
       syslog(LOG_WARNING, "ConnectionPointPhy::loadFromJSON - unsupported type:%s\n",
-             quotedForLog(type).c_str());
+             nameForLog(type).c_str());
     }
     return nullptr;
   }

@@ -119,7 +119,7 @@ TEST(StreamsTest, ALostStandardStreamEndsACommandWithItsReason) {
     std::string text;
   } cases[] = {
       {"timeout 30 " VALTOR_BUS_EXECUTABLE " watch" + port + "| true", 128 + SIGPIPE, ""},
-      {VALTOR_BUS_EXECUTABLE " status --check --timeout 0" + port + ">&-", 3,
+      {VALTOR_BUS_EXECUTABLE " status --check --timeout 0 --socket /nonexistent" + port + ">&-", 3,
        "valtor-bus: cannot write to standard output: it is closed\n"},
       {VALTOR_BUS_EXECUTABLE " --help >/dev/full", 1,
        "valtor-bus: cannot write to standard output: No space left on device\n"},

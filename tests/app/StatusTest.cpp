@@ -1,0 +1,232 @@
+#include <atomic>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <thread>
+#include <unistd.h>
+
+#include "app/Daemon.h"
+#include "app/SingleInstance.h"
+#include "app/StatusServer.h"
+#include "app/util/OwnedJSON.h"
+#include "bus/BusSupport.h"
+#include "peers/Crossings.h"
+#include "peers/LoopWatch.h"
+#include "support/BridgeSite.h"
+#include "support/LogCapture.h"
+#include "support/TemporaryFolder.h"
+#include "support/Vocabulary.h"
+
+namespace valtor::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+UniqueDescriptor connectTo(const std::string& path) {
+  UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  path.copy(name.sun_path, sizeof name.sun_path - 1);
+  EXPECT_EQ(connect(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name), 0);
+  return socket;
+}
+
+// What comes until the line feed, or the end.
+std::string readLine(const UniqueDescriptor& socket) {
+  std::string line;
+  char byte = 0;
+  while (recv(socket.get(), &byte, 1, 0) == 1 && byte != '\n') {
+    line += byte;
+  }
+  return line;
+}
+
+std::string ask(const std::string& path, const std::string& request = "\n") {
+  const UniqueDescriptor socket = connectTo(path);
+  send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL);
+  return readLine(socket);
+}
+
+class StatusTest : public testing::Test {
+ protected:
+  StatusTest() {
+    folder.becomePathPrefix();
+    writeActiveDatabase(site.alphaEntry() + "," +
+                        routerEntry("off", "127.0.0.9", 15000, R"(,"enabled":false)"));
+    path = paths().statusSocket;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+    const UniqueDescriptor stale(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    path.copy(name.sun_path, sizeof name.sun_path - 1);
+    EXPECT_EQ(bind(stale.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name), 0);
+    daemon = std::make_unique<Daemon>(false, "127.0.0.1", site.controller->port());
+    daemon->setReconnectDelay(10ms);
+    daemon->start();
+  }
+
+  JSONPtr status() const { return JSONPtr(cJSON_Parse(ask(path).c_str())); }
+  // A member of the router at that place, as text.
+  static std::string member(const JSONPtr& document, int router, const char* name) {
+    return printJSON(
+        cJSON_GetObjectItem(
+            cJSON_GetArrayItem(cJSON_GetObjectItem(document.get(), "routers"), router), name),
+        false);
+  }
+  bool becomes(int router, const char* name, const std::string& text) const {
+    return eventually([&] { return member(status(), router, name) == text; });
+  }
+
+  LogCapture log;
+  TemporaryFolder folder;
+  BridgeSite site;
+  std::string path;
+  std::unique_ptr<Daemon> daemon;
+};
+
+TEST_F(StatusTest, ShowsEveryRouterItsTrafficItsRulesAndWhyItWasLost) {
+  struct stat mode {};
+  ASSERT_EQ(stat(path.c_str(), &mode), 0);
+  EXPECT_EQ(mode.st_mode & 0777U, 0660U);
+  ASSERT_TRUE(BridgeSite::becomesLinked(*site.alpha));
+  ASSERT_TRUE(becomes(0, "state", "\"up\""));
+  EXPECT_EQ(member(status(), 1, "state"), "\"disabled\"");
+  const std::string crossing = "[\"NOT\", \"tally\", 490, 0, 0]\n{\"id\":\"1@x\"}";
+  ASSERT_TRUE(BridgeSite::crosses(*site.controller, *site.alpha, crossing));
+  (*site.controller)->injectPayload("[\"NOT\", \"device\", 490, 0, 0]\n{}");
+  ASSERT_TRUE(eventually([&] {
+    return member(status(), 0, "toRouter").find("\"isConnectionPointConfig\":1") !=
+           std::string::npos;
+  }));
+  (*site.alpha)->injectPayload("[\"NOT\", \"route\", 7, 0, 0]\n{}");
+  ASSERT_TRUE(eventually([&] {
+    return member(status(), 0, "fromRouter").find("\"reqIDSupported\":1") != std::string::npos;
+  }));
+  const std::string all = ask(path);
+  EXPECT_NE(all.find(R"("direction":"toRouters","kind":"NOT","path":"tally")"), std::string::npos)
+      << all;
+  const std::string place = " (alpha) at 127.0.0.2:" + std::to_string(site.alpha->port());
+  site.alpha.reset();
+  ASSERT_TRUE(becomes(0, "lost", "1"));
+  EXPECT_NE(member(status(), 0, "lastLoss").find("\"reason\":\"hung up\""), std::string::npos);
+  EXPECT_EQ(log.count(LOG_NOTICE, "Router alpha" + place + " is connected.\n"), 1);
+  EXPECT_EQ(log.count(LOG_NOTICE, "Router alpha" + place + " is disconnected: hung up.\n"), 1);
+}
+
+TEST_F(StatusTest, AFollowerSeesOneRoutersMessagesBlockedOnesWithTheirRule) {
+  ASSERT_TRUE(BridgeSite::becomesLinked(*site.alpha));
+  EXPECT_EQ(ask(path, "follow nobody\n"), R"({"error":"no such router"})");
+  const UniqueDescriptor socket = connectTo(path);
+  send(socket.get(), "follow alpha\n", 13, MSG_NOSIGNAL);
+  std::atomic<bool> seen{false};
+  std::thread source([&] {  // until the follower is there
+    eventually([&] {
+      (*site.controller)
+          ->injectPayload("[\"NOT\", \"device\", 490, 0, 0]\n{\"pad\":\"" + std::string(2000, 'x') +
+                          "\"}");
+      return seen.load();
+    });
+  });
+  std::string got;
+  do {
+    got = readLine(socket);  // the answers to the link-up's requests may come first
+  } while (!got.empty() && got.find("\"rule\"") == std::string::npos);
+  seen = true;
+  source.join();
+  EXPECT_NE(got.find(R"("direction":"toRouter","kind":"NOT","path":"device","source":490)"),
+            std::string::npos)
+      << got;
+  EXPECT_NE(got.find(R"("passed":false,"rule":"isConnectionPointConfig")"), std::string::npos);
+  const JSONPtr object(cJSON_Parse(got.c_str()));
+  EXPECT_EQ(strlen(stringMember(object.get(), "body")), TrafficTap::kShownBody);
+}
+
+TEST_F(StatusTest, WhoDoesNotReadKeepsNobodyWaiting) {
+  std::vector<UniqueDescriptor> silent;
+  for (int i = 0; i < 100; ++i) {  // more than are served at once
+    silent.push_back(connectTo(path));
+  }
+  EXPECT_NE(ask(path).find("\"routers\""), std::string::npos);
+  for (const UniqueDescriptor& socket : silent) {
+    EXPECT_NE(readLine(socket).find("\"routers\""), std::string::npos);
+  }
+}
+
+TEST(StatusServer, WhereItCannotListenItSaysSo) {
+  const LogCapture log;
+  const TemporaryFolder folder;
+  const std::string file = folder.path() + "/file";
+  std::ofstream(file) << "x";
+  const StatusServer server(file + "/status", {});
+  EXPECT_FALSE(server.isServing());
+  EXPECT_EQ(log.countContaining("Nobody can ask for the status at " + file + "/status: "), 1);
+}
+
+TEST(SingleInstance, OneHoldsTheNameAtATime) {
+  const std::string name = "valtor-test-" + std::to_string(getpid());
+  SingleInstance second(name);
+  {
+    SingleInstance first(name);
+    ASSERT_TRUE(first.acquire());
+    EXPECT_FALSE(second.acquire());
+  }
+  EXPECT_TRUE(second.acquire());
+}
+
+TEST(LoopWatch, WarnsOnceAnEpisodeOfTheSameMessageAndOfNoOther) {
+  const LogCapture log;
+  LoopWatch loops;
+  const auto received = [](int id, int source) {
+    PellInternalMessage message =
+        test::received("[\"NOT\", \"tally\", " + std::to_string(source) + ", 0, 0]\n{\"id\":\"" +
+                       std::to_string(id) + "@x\"}");
+    return message;
+  };
+  auto now = LoopWatch::Clock::now();
+  const auto cross = [&](const PellInternalMessage& message, int times, const void* router) {
+    for (int i = 0; i < times; ++i) {
+      loops.note(
+          message, router, [] { return std::string("Router beta"); }, now);
+    }
+  };
+  for (int id = 0; id < 100; ++id) {
+    cross(received(id, 100), 1, nullptr);  // different messages
+  }
+  cross(test::received("[\"NOT\", \"tally\", 2, 0, 0]\n{}"), 100, nullptr);  // no identifier
+  cross(received(200, 100), 10, nullptr);
+  EXPECT_EQ(loops.figures().episodes, 0U);
+  now += 11s;
+  cross(received(200, 100), 10, &loops);  // as often, but not within the window, and another way
+  EXPECT_EQ(loops.figures().episodes, 0U);
+  cross(received(200, 490), 30, &loops);
+  cross(received(201, 490), 30, &loops);  // of the same episode
+  EXPECT_EQ(loops.figures().episodes, 1U);
+  EXPECT_EQ(
+      log.countContaining("NOT on \"tally\", id \"200@x\", has come from Router beta and gone "
+                          "to the controller"),
+      1);
+  now += 11s;
+  cross(received(202, 490), 11, nullptr);
+  EXPECT_EQ(loops.figures().episodes, 2U);
+  EXPECT_EQ(loops.figures().last->from, "the controller");
+}
+
+TEST(Crossings, PairsBeyondTheLimitCountTogether) {
+  Crossings crossings;
+  for (int round = 0; round < 2; ++round) {
+    for (int i = 0; i < 70; ++i) {
+      crossings.add(Direction::ToRouters, MessageKind::NOT, "p" + std::to_string(i), 10);
+    }
+  }
+  const auto all = crossings.figures();
+  ASSERT_EQ(all.size(), Crossings::kPairs + 1);
+  EXPECT_EQ(all.front().traffic.messages, 2U);
+  EXPECT_EQ(all.back().kind, MessageKind::Unknown);
+  EXPECT_EQ(all.back().traffic.messages, 12U);
+  EXPECT_EQ(all.back().traffic.bytes, 120U);
+}
+
+}  // namespace
+}  // namespace valtor::test
