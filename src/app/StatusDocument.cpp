@@ -1,7 +1,7 @@
 #include "app/StatusDocument.h"
 
 #include <chrono>
-#include <cstdio>
+#include <fstream>
 #include <memory>
 #include <unistd.h>
 #include <utility>
@@ -180,15 +180,11 @@ JSONPtr queueObject(const ReceiveQueue::Figures& queue) {
 
 // What the process holds in memory, in bytes (proc(5), "/proc/[pid]/statm"); 0 when unknown.
 double residentBytes() {
-  unsigned long size = 0;
-  unsigned long resident = 0;
-  if (FILE* const file = std::fopen("/proc/self/statm", "re"); file != nullptr) {
-    if (std::fscanf(file, "%lu %lu", &size, &resident) != 2) {
-      resident = 0;
-    }
-    std::fclose(file);
-  }
-  return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
+  std::ifstream file("/proc/self/statm");
+  double size = 0;
+  double resident = 0;
+  file >> size >> resident;
+  return file ? resident * static_cast<double>(sysconf(_SC_PAGESIZE)) : 0;
 }
 
 }  // namespace

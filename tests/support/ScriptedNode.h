@@ -66,6 +66,12 @@ class ScriptedPeer {
     send(std::to_string(payload.size()) + ":" + payload + ";");
   }
   void close() { socket_.reset(); }
+  void closeReading() { ::shutdown(socket_.get(), SHUT_RD); }
+  // One byte of what has come, if anything has.
+  void readByte() {
+    char byte = 0;
+    ::recv(socket_.get(), &byte, 1, MSG_DONTWAIT);
+  }
   // Ends the connection without the farewells of TCP, which wait behind what was sent.
   void reset() {
     const linger none{1, 0};
