@@ -172,6 +172,8 @@ TEST_F(PellInternalClientTest, TrafficTriggersAKeepAliveAndOneThatCannotGoOutEnd
 TEST_F(PellInternalClientTest, ReadingPausesWhileTooMuchWaitsAndTheEndOfTheLinkIsSeen) {
   auto peer = connect();
   peer->sendPayload(note("wait"));
+  // Alone in its batch.
+  ASSERT_TRUE(eventually([&] { return client_.paths.lines() == Lines{"wait"}; }));
   const std::string large = note("large") + std::string(500'000, ' ');
   for (int i = 0; i < 17; ++i) {  // little more than is read, so that the sockets hold the rest
     peer->sendPayload(large);
