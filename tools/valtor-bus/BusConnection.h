@@ -21,6 +21,10 @@ struct BusTimes {
   Time quiet{5000};     // without input before a keep-alive goes out
   Time silence{15000};  // without input after a keep-alive before the link counts as lost
   Time reopen{1000};    // from one attempt to make a lost connection again to the next
+  // Several participants may answer one request: how long others get after the answer that would
+  // be enough, and after a refusal.
+  Time others{300};
+  Time afterRefusal{1000};
 };
 
 struct BusSettings {

@@ -217,7 +217,7 @@ class StatusCheck {
       return;
     }
     // The daemon answers in order: once it has said that it is ready, it has listed what there is.
-    ConnectionPointListing listing(settings_.timeout);
+    ConnectionPointListing listing(settings_.timeout, connection_.settings().times.others);
     listing.begin();
     for (const BusRequest& request : listing.questions()) {
       connection_.send(request);
@@ -237,7 +237,7 @@ class StatusCheck {
       judgeRole();
       return;
     }
-    receiveUntil(std::min(deadline_, Clock::now() + kTimeForOthers),
+    receiveUntil(std::min(deadline_, Clock::now() + connection_.settings().times.others),
                  [&](const PellInternalMessage& message) {
                    listing.take(message);
                    return false;

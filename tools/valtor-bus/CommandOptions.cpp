@@ -158,6 +158,12 @@ void addTimeout(CLI::App& app, double& timeout) {
       ->capture_default_str();
 }
 
+void addSocket(CLI::App& app, std::string& socket) {
+  app.add_option("--socket", socket, "where the daemon of this machine tells")
+      ->type_name("PATH")
+      ->capture_default_str();
+}
+
 // What the subcommand asks for is the function with these settings, as parsing leaves them.
 template <class Settings>
 void asksFor(CLI::App& command, Request& request, const std::shared_ptr<Settings>& settings,
@@ -366,15 +372,38 @@ void addStatus(CLI::App& app, Request& request) {
   command->add_flag("--probe", settings->probe, "ask every enabled router's node too")
       ->needs(check);
   command->add_flag("--json", settings->json, "as JSON")->excludes(watch)->excludes(check);
-  command->add_option("--socket", settings->socket, "where the daemon of this machine tells")
-      ->type_name("PATH")
-      ->capture_default_str();
+  addSocket(*command, settings->socket);
   addTimeout(*command, settings->timeout);
   command->callback([settings, &request] {
     request.command = [settings](BusConnection& connection, Output& output) {
       (settings->check ? checkStatus : status)(connection, *settings, output);
     };
   });
+}
+
+void addFollow(CLI::App& app, Request& request) {
+  CLI::App* command =
+      addCommand(app, "follow", "Show each message of one router, and what blocked it.",
+                 "  valtor-bus follow router-north\n"
+                 "  valtor-bus follow --json router-north | jq 'select(.passed == false).rule'\n");
+  const auto settings = std::make_shared<FollowSettings>();
+  command->add_option("UNIQUE-ID", settings->uniqueID, "of a router that status lists")->required();
+  command->add_flag("--json", settings->json, "the daemon's lines as they are");
+  addSocket(*command, settings->socket);
+  asksFor(*command, request, settings, follow);
+}
+
+void addWait(CLI::App& app, Request& request) {
+  CLI::App* command = addCommand(app, "wait", "Wait until routers are connected.",
+                                 "  valtor-bus wait && start-the-show\n"
+                                 "  valtor-bus wait --down router-north --timeout 60\n");
+  const auto settings = std::make_shared<WaitSettings>();
+  command->add_option("ROUTER", settings->routers,
+                      "names or unique IDs; without any, all that are enabled");
+  command->add_flag("--down", settings->down, "until they are not connected");
+  addSocket(*command, settings->socket);
+  addTimeout(*command, settings->timeout);
+  asksFor(*command, request, settings, wait);
 }
 
 void addPing(CLI::App& app, Request& request) {
@@ -538,6 +567,8 @@ void addOptions(CLI::App& app, Request& request) {
   addDelete(app, request);
   addSend(app, request);
   addStatus(app, request);
+  addFollow(app, request);
+  addWait(app, request);
   addPing(app, request);
   addCheck(app, request);
   addRoute(app, request);

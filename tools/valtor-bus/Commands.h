@@ -86,6 +86,24 @@ DaemonStatus localStatus(const BusSettings& bus, const StatusSettings& settings)
 // router's node is asked for a sign of life too.
 void checkStatus(BusConnection& connection, const StatusSettings& settings, Output& output);
 
+struct FollowSettings {
+  std::string uniqueID;
+  bool json = false;
+  std::string socket = DaemonStatus::defaultPath();
+};
+// Shows what the daemon of this machine says of the messages of one router, a line each, passed or
+// blocked by which rule, until a signal ends the process. Fails when the daemon ends it.
+void follow(BusConnection& connection, const FollowSettings& settings, Output& output);
+
+struct WaitSettings {
+  std::vector<std::string> routers;  // names or unique IDs; none for all that are enabled
+  bool down = false;                 // until they are not connected
+  std::string socket = DaemonStatus::defaultPath();
+  double timeout = 10;
+};
+// Returns once the routers are connected, as the daemon says. Fails when the time is over.
+void wait(BusConnection& connection, const WaitSettings& settings, Output& output);
+
 struct PingSettings {
   std::string router;  // name, unique ID or "address:port"; "" for the daemon
   std::size_t count = 5;

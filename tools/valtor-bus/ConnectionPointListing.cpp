@@ -70,7 +70,7 @@ bool ConnectionPointListing::take(const PellInternalMessage& message) {
   if ((question - asked_.begin()) % 2 == 1 && !answered_) {
     answered_ = true;
     answeredBy_ = message.header.sourceConnID;
-    due_ = std::min(due_, Clock::now() + kTimeForOthers);
+    due_ = std::min(due_, Clock::now() + others_);
   }
   return false;
 }

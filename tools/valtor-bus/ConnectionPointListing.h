@@ -15,8 +15,9 @@ class ConnectionPointListing {
  public:
   using Clock = BusConnection::Clock;
 
-  // The seconds for the answers to one listing.
-  explicit ConnectionPointListing(double timeout) : timeout_(timeout) {}
+  // The seconds for the answers to one listing, and what others get after the first of them.
+  ConnectionPointListing(double timeout, BusTimes::Time others)
+      : timeout_(timeout), others_(others) {}
 
   // Opens the connection, lists once, and asks again as long as nobody answers. Throws
   // CommandFailure when nobody does in time.
@@ -44,6 +45,7 @@ class ConnectionPointListing {
 
  private:
   const double timeout_;
+  const BusTimes::Time others_;
   std::vector<BusRequest> asked_;  // in pairs
   Repetition repetition_;
   Clock::time_point due_;

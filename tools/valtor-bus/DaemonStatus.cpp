@@ -11,7 +11,6 @@
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
 #include "app/util/Paths.h"
-#include "app/util/UniqueDescriptor.h"
 #include "support/PrintableText.h"
 #include "valtor-bus/JSONText.h"
 
@@ -113,22 +112,33 @@ std::string problemOf(int error, const std::string& path) {
 
 std::string DaemonStatus::defaultPath() { return paths().statusSocket; }
 
-DaemonStatus DaemonStatus::ask(const std::string& path, std::chrono::milliseconds time) {
-  const Clock::time_point deadline = Clock::now() + time;
-  DaemonStatus none;
+UniqueDescriptor DaemonStatus::connectTo(const std::string& path, std::string& problem) {
   sockaddr_un name{};
   name.sun_family = AF_UNIX;
   if (path.size() >= sizeof name.sun_path) {
-    none.problem_ = problemOf(ENAMETOOLONG, path);
-    return none;
+    problem = problemOf(ENAMETOOLONG, path);
+    return UniqueDescriptor();
   }
   std::memcpy(name.sun_path, path.data(), path.size());
-  const UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  if (!socket.valid() ||
+      connect(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
+    problem = problemOf(errno, path);
+    return UniqueDescriptor();
+  }
+  return socket;
+}
+
+DaemonStatus DaemonStatus::ask(const std::string& path, std::chrono::milliseconds time) {
+  const Clock::time_point deadline = Clock::now() + time;
+  DaemonStatus none;
+  const UniqueDescriptor socket = connectTo(path, none.problem_);
+  if (!socket.valid()) {
+    return none;
+  }
   std::string text;
   // The closed half tells the daemon at once that there is no question to wait for.
-  if (!socket.valid() ||
-      connect(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0 ||
-      shutdown(socket.get(), SHUT_WR) != 0 || !readAll(socket.get(), deadline, text)) {
+  if (shutdown(socket.get(), SHUT_WR) != 0 || !readAll(socket.get(), deadline, text)) {
     none.problem_ = problemOf(errno, path);
     return none;
   }

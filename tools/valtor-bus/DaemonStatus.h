@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "app/util/UniqueDescriptor.h"
+
 namespace valtor {
 
 // What the daemon of this machine says of itself on its status socket: one JSON document for each
@@ -39,6 +41,9 @@ class DaemonStatus {
   static std::string defaultPath();
   // Asks at the path. Afterwards isThere() tells whether it answered, and problem() why not.
   static DaemonStatus ask(const std::string& path, std::chrono::milliseconds time);
+  // A connection to the socket at the path, or none, and what an operator should know then, as
+  // below.
+  static UniqueDescriptor connectTo(const std::string& path, std::string& problem);
   // From the text of a document; is not there when that is no JSON object.
   explicit DaemonStatus(const std::string& text);
 

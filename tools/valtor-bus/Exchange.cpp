@@ -131,7 +131,7 @@ std::optional<PellInternalMessage> Exchange::next() {
       if (message && takes(*message)) {
         if (isRefusal(*message)) {
           refusals_ += (refusals_.empty() ? "" : "; ") + refusalOf(*message);
-          bound(kTimeAfterRefusal);
+          bound(connection_.settings().times.afterRefusal);
         }
         answered_ = answered_ || !isRefusal(*message);
         return message;
@@ -147,7 +147,7 @@ std::optional<PellInternalMessage> Exchange::next() {
 
 void Exchange::hasEnough() {
   enough_ = true;
-  bound(kTimeForOthers);
+  bound(connection_.settings().times.others);
 }
 
 void Exchange::bound(Clock::duration time) { end_ = std::min(end_, Clock::now() + time); }

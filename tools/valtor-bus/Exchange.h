@@ -12,11 +12,6 @@
 
 namespace valtor {
 
-// Several participants of a bus may answer one request: how long others get after the answer that
-// would be enough, and after a refusal.
-constexpr std::chrono::milliseconds kTimeForOthers{300};
-constexpr std::chrono::seconds kTimeAfterRefusal{1};
-
 // The connection ids of the daemon on the controller's bus, and on the bus of a router.
 constexpr int32_t kDaemonConnID = 101;
 constexpr int32_t kDaemonOnRouterConnID = 10000;
@@ -62,7 +57,7 @@ class Exchange {
   // The next answer, refusals included; none when the time is over. Throws CommandFailure when
   // interrupted, and when the link is lost before there was enough.
   std::optional<PellInternalMessage> next();
-  // What came is enough: others get kTimeForOthers from now on.
+  // What came is enough: others get BusTimes::others from now on.
   void hasEnough();
 
   // Throws CommandFailure when every answer so far was a refusal, or there was none.

@@ -24,7 +24,7 @@ std::string millisecondsText(Clock::duration time) {
 
 // The place of the router with that name or unique ID.
 std::string placeOf(const std::string& router, BusConnection& connection, double timeout) {
-  ConnectionPointListing listing(timeout);
+  ConnectionPointListing listing(timeout, connection.settings().times.others);
   listing.run(connection);
   std::string place;
   for (const auto& [uniqueID, row] : listing.table.rows()) {

@@ -31,7 +31,7 @@ class StatusWatch {
         settings_(settings),
         output_(output),
         link_(connection),
-        listing_(settings.timeout) {}
+        listing_(settings.timeout, connection.settings().times.others) {}
 
   // Until interrupted.
   void run() {
@@ -205,7 +205,7 @@ void status(BusConnection& connection, const StatusSettings& settings, Output& o
                                : statusText(own, output.hasColour()));
     return;
   }
-  ConnectionPointListing listing(settings.timeout);
+  ConnectionPointListing listing(settings.timeout, connection.settings().times.others);
   listing.run(connection);
   output.write(settings.json ? formattedJSON(listing.table.json()) + "\n"
                              : listing.table.text(output.hasColour()));

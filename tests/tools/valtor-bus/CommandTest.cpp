@@ -207,7 +207,7 @@ TEST_F(ValtorBusTest, EveryOptionIsInTheCompletionAndOnTheManPage) {
   const std::string page = fileContent(VALTOR_BUS_MAN_PAGE);
   for (const std::string command :
        {"", "watch", "get", "set", "update", "del", "send", "status", "route take", "route query",
-        "record", "replay", "ping", "check"}) {
+        "record", "replay", "ping", "check", "follow", "wait"}) {
     ChildProcess completion("source " VALTOR_BUS_COMPLETION "; COMP_WORDS=(x " + command +
                             " --); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _valtor_bus; "
                             "echo \" ${COMPREPLY[*]} \" >out");

@@ -8,6 +8,7 @@
 #include "tools/ChildProcess.h"
 #include "valtor-bus/BusConnection.h"
 #include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/Exchange.h"
 #include "valtor-bus/PersistentLink.h"
 
 namespace valtor::test {
@@ -72,6 +73,27 @@ TEST(BusConnectionTest, WhatTheNodeHasNotReadCountsAsNotSent) {
     };
     EXPECT_NE(thrownBy(send).find(" lost: "), std::string::npos) << reason;
     EXPECT_FALSE(connection.isOpen());
+  }
+}
+
+TEST(ExchangeTest, OthersAreHeardForAsLongAsTheSettingsSay) {
+  // A refusal or an answer that is enough bounds the wait for others; nothing else does.
+  const Times kNever(3600000);
+  for (const bool refuses : {false, true}) {
+    ScriptedNode node;
+    BusConnection connection(settingsFor(
+        node.port(),
+        {.others = refuses ? kNever : Times(20), .afterRefusal = refuses ? Times(20) : kNever}));
+    Exchange exchange(connection, makeRequest(MessageKind::GET, "a", R"({"id":"1@x"})"), 3600);
+    const auto peer = node.accept();
+    peer->sendPayload("[\"RSP\", \"a\", 101, 0, 0]\n{\"id\":\"1@x\"" +
+                      std::string(refuses ? ",\"statusCode\":404}" : "}"));
+    EXPECT_TRUE(exchange.next());
+    if (!refuses) {
+      exchange.hasEnough();
+    }
+    EXPECT_FALSE(exchange.next());
+    EXPECT_EQ(exchange.refusals().empty(), !refuses);
   }
 }
 

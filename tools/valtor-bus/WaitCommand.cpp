@@ -1,0 +1,80 @@
+#include <algorithm>
+#include <chrono>
+
+#include "valtor-bus/CommandFailure.h"
+#include "valtor-bus/Commands.h"
+#include "valtor-bus/ConnectionPointListing.h"
+#include "valtor-bus/Exchange.h"
+#include "valtor-bus/JSONText.h"
+
+namespace valtor {
+namespace {
+
+using Clock = BusConnection::Clock;
+using Routers = std::vector<DaemonStatus::Router>;
+
+// Between two questions.
+constexpr std::chrono::milliseconds kPause{50};
+
+// What the daemon of this machine says, or the bus; throws CommandFailure when nobody does.
+Routers listRouters(BusConnection& connection, const WaitSettings& settings, double seconds) {
+  StatusSettings quiet;
+  quiet.watch = true;
+  quiet.socket = settings.socket;
+  quiet.timeout = seconds;
+  if (const DaemonStatus status = localStatus(connection.settings(), quiet); status.isThere()) {
+    return status.routers;
+  }
+  ConnectionPointListing listing(seconds, connection.settings().times.others);
+  listing.run(connection);
+  return DaemonStatus(listing.table.json()).routers;
+}
+
+// Whose link is not as it should be; "" when all are.
+std::string awaited(const Routers& routers, const WaitSettings& settings) {
+  std::string texts;
+  const auto add = [&](const std::string& text) { texts += (texts.empty() ? "" : ", ") + text; };
+  std::vector<std::string> missing = settings.routers;
+  bool any = false;
+  for (const DaemonStatus::Router& router : routers) {
+    const auto isNamed = [&](const std::string& name) {
+      return name == router.uniqueID || name == router.name;
+    };
+    const bool named = std::any_of(settings.routers.begin(), settings.routers.end(), isNamed);
+    if (!named && (!settings.routers.empty() || !router.enabled)) {
+      continue;
+    }
+    any = true;
+    missing.erase(std::remove_if(missing.begin(), missing.end(), isNamed), missing.end());
+    if (router.up == settings.down) {
+      add(router.name + " (" + router.place() + ") is " + (router.up ? "up" : "down"));
+    }
+  }
+  for (const std::string& name : missing) {
+    add("\"" + excerpt(name) + "\" is not listed");
+  }
+  return any || !missing.empty() ? texts : "no enabled router is listed";
+}
+
+}  // namespace
+
+void wait(BusConnection& connection, const WaitSettings& settings, Output& /*output*/) {
+  const Clock::time_point end = Clock::now() + toDuration(settings.timeout);
+  std::string open;
+  do {
+    const double left = std::chrono::duration<double>(end - Clock::now()).count();
+    open = awaited(listRouters(connection, settings, left), settings);
+    if (open.empty()) {
+      return;
+    }
+    connection.pause(std::min(end, Clock::now() + kPause));
+    if (connection.interrupted()) {
+      throw Interrupted();
+    }
+  } while (Clock::now() < end);
+  throw CommandFailure(
+      ExitCode::Refused,
+      "after " + secondsText(std::chrono::duration<double>(settings.timeout)) + ": " + open);
+}
+
+}  // namespace valtor
