@@ -5,6 +5,7 @@
 #include <string>
 
 #include "parts/AllocationCount.h"
+#include "peers/BridgeWatch.h"
 #include "peers/DatabaseIdHandler.h"
 #include "peers/ForwardingFilters.h"
 
@@ -50,6 +51,30 @@ void BM_FilterThatParses(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_FilterThatParses);
+
+// What the status counts of a message that crosses to eight routers: kind and path, whether it goes
+// round in circles, and a look whether somebody follows. Beside it the message's whole way from
+// received chunk to framed output is measured with the messages.
+void BM_Watch(benchmark::State& state) {
+  std::string body = "\n{\"id\":\"1000000@2.aa\",\"pad\":\"" + std::string(250, 'x') + "\"}";
+  PellInternalMessage message = received("[\"NOT\", \"tally\", 100, 0, 0]" + body);
+  message.setReceivedBytes(300);
+  BridgeWatch watch;
+  for (int i = 0; i < 20; ++i) {  // the pair looked for is not the first
+    watch.crossings.add(Direction::ToRouters, MessageKind::CMD, "p" + std::to_string(i), 1);
+  }
+  auto now = LoopWatch::Clock::now();
+  const AllocationCount count(state);
+  for (auto _ : state) {
+    now += std::chrono::seconds(11);  // never in circles
+    watch.crossings.add(Direction::ToRouters, message.getKind(), message.header.path, 300);
+    watch.loops.note(message, nullptr, nullptr, now);
+    for (int router = 0; router < 8; ++router) {
+      benchmark::DoNotOptimize(watch.tap.isFollowed());
+    }
+  }
+}
+BENCHMARK(BM_Watch);
 
 // A database answer of 1 MiB whose "id" stands first, or last.
 void BM_BodyId(benchmark::State& state) {

@@ -245,6 +245,8 @@ TEST_F(PellInternalClientTest, CloseFromAnOwnThreadDropsTheRestAndConnectStartsA
   }
   peer->send(frames);
   client_.waitTillComplete();
+  EXPECT_FALSE(client_.isConnected());
+  EXPECT_EQ(client_.states.lines().back(), "0 close");  // by the thread that ended last
   EXPECT_TRUE(peer->waitForHangUp());
   peer = connect();
   peer->sendPayload(note("again"));
