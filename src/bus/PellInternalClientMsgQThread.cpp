@@ -61,7 +61,7 @@ void PellInternalClientMsgQThread::handleBatch() {
 
 // The tree of a body of 20 MB takes hundreds of megabytes, and the allocator would keep them.
 void PellInternalClientMsgQThread::trimMemory() {
-  if (parts_.parser.takeLongest() > kLargeBody && !trimDue_) {
+  if (parts_.parser.takeLongest() > kLargePayload && !trimDue_) {
     trimDue_ = std::max(nextTrim_, Clock::now());
   }
   if (trimDue_ && Clock::now() >= *trimDue_) {

@@ -37,8 +37,9 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   static constexpr std::chrono::microseconds kBatchPause{100};
   // The pause after a fault, such as no memory: trying again at once would not help.
   static constexpr std::chrono::microseconds kAfterFault{10000};
-  // What handling a body longer than this leaves behind is given back to the system.
-  static constexpr std::size_t kLargeBody = std::size_t{1} << 20;
+  // What handling a payload longer than this leaves behind is given back to the system: one whose
+  // body has more than 1 MiB, however long its header line, of which 64 KiB are read.
+  static constexpr std::size_t kLargePayload = (std::size_t{1} << 20) + (std::size_t{64} << 10);
   // At most so often: it takes milliseconds.
   static constexpr std::chrono::seconds kTrimInterval{1};
 
