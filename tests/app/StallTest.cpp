@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <numeric>
 #include <thread>
@@ -7,6 +8,7 @@
 #include "bus/ValtorInterfaceClient.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "support/BridgeSite.h"
+#include "support/Repeat.h"
 #include "support/ScriptedNode.h"
 #include "support/Vocabulary.h"
 
@@ -143,6 +145,43 @@ TEST_P(StallTest, NobodyElseNoticesAndEveryWayToEndItsLinkIsHeededWithItsQueueFu
       EXPECT_TRUE(eventually([&] { return routerPeerManager()->findPeer("stalling") == nullptr; }));
       break;
   }
+  EXPECT_TRUE(isAnswered("GET", R"({"objectName":["connectionPoint"]})"));
+  EXPECT_TRUE(BridgeSite::crosses(*site.controller, *site.beta,
+                                  "[\"CMD\", \"route\", 490, 0, 0]\n{\"last\":1}"));
+}
+
+TEST_P(StallTest, AStormOfEveryChangeWhileQueuesAreFullLeavesAWorkingBridge) {
+  ASSERT_TRUE(BridgeSite::becomesLinked(*site.beta));
+  const std::string large = "{\"pad\":\"" + std::string(200'000, 'x') + "\"}";
+  const auto device = [&](const std::string& kind, const std::string& body) {
+    (*site.controller)->inject(490, kind, "device", 0, body);
+  };
+  const auto update = [&](const std::string& description) {
+    device("UPDATE", R"({"param":{"connectionPoint":[)" + description + "]}}");
+  };
+  for (int round = 0; round < std::max(4, repetitions(20)); ++round) {
+    for (int i = 0; i < 20; ++i) {
+      (*site.controller)->inject(490, "CMD", "route", 0, large);
+    }
+    switch (round % 4) {
+      case 0:
+        update(entry("127.0.0.4", stalling.node().port(), R"(,"enabled":false)"));
+        break;
+      case 1:
+        update(entry(BridgeSite::kAlphaAddress, site.alpha->port()));
+        break;
+      case 2:
+        device("DEL", R"({"objectBase":"connectionPoint","objectName":["stalling"]})");
+        break;
+      default:
+        (*site.controller)->setRole("standby");
+        (*site.controller)->setRole("active");
+        break;
+    }
+    update(entry("127.0.0.4", stalling.node().port()));
+  }
+  ASSERT_TRUE(eventually([&] { return !daemon->client().hasNoHandlers(); }));
+  ASSERT_TRUE(BridgeSite::becomesLinked(*site.beta));
   EXPECT_TRUE(isAnswered("GET", R"({"objectName":["connectionPoint"]})"));
   EXPECT_TRUE(BridgeSite::crosses(*site.controller, *site.beta,
                                   "[\"CMD\", \"route\", 490, 0, 0]\n{\"last\":1}"));
