@@ -101,6 +101,7 @@ BusLink::SendResult BusLink::write(const SharedFrame& frame) {
   }
   // Who sends this way again and again must not keep the queue waiting: they take turns.
   if (const auto head = queue_.head(); head && passed_) {
+    passed_ = false;  // one turn, whether the head can use it or not
     waitForPace();
     if (!isOver()) {
       sendHead(*head);

@@ -142,6 +142,22 @@ TEST_F(ForwardingTest, ABurstReachesAReaderThatDrainsWholeAndInOrder) {
   EXPECT_TRUE(eventually([&] { return !link_->hasWaiting() && sender_->budget().used() == 0; }));
 }
 
+TEST_F(ForwardingTest, WhoSendsPastAQueueThatCannotMoveGivesUpAfterItsBudget) {
+  const auto link = makeLink(1ms);
+  link->setSender(sender_);
+  const UniqueDescriptor far = openLink(*link);
+  // Full between two frames, so that the queue's head has not begun to go out.
+  while (link->send(frame(std::string(10'000, 'x')), 1).outcome == BusLink::Send::Sent) {
+  }
+  EXPECT_EQ(link->forward(frame(std::string(10'000, 'y')), {}), BusLink::Send::Sent);
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(link->send(frame("past"), 1).outcome, BusLink::Send::BudgetExhausted);
+  }
+  link->shutdownSocket();
+  EXPECT_EQ(link->send(frame("past"), 1).outcome, BusLink::Send::NotConnected);
+  link->closeSocket();
+}
+
 TEST_F(ForwardingTest, AFullQueueHoldsUpWhoForwardsUntilItsReaderStalls) {
   const UniqueDescriptor far = openLink(*link_);
   const std::string big(4 << 20, 'x');
