@@ -11,9 +11,9 @@
 #include <asio.hpp>
 
 #include "bus/message/PellInternalStreamParser.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/Output.h"
 
 namespace valtor {
@@ -24,14 +24,6 @@ using Tcp = asio::ip::tcp;
 
 constexpr std::chrono::seconds kLongestWait{1};  // between two looks at what the node has taken
 constexpr std::size_t kReadSize = 65536;
-
-std::string subscriptionBody(const std::vector<std::string>& paths) {
-  std::string list;
-  for (const std::string& path : paths) {
-    list += (list.empty() ? "" : ",") + ("{\"path\":" + quotedJSON(path)) + ",\"receiveAll\":true}";
-  }
-  return R"({"param":{"subscribeList":[)" + list + "]}}";
-}
 
 }  // namespace
 
@@ -86,9 +78,9 @@ class BusConnection::Impl {
     isOpen = true;
     quietSince_ = Clock::now();
     readOn();
-    send(loginRequest(settings));
+    send(loginRequest(settings.name, settings.connID));
     if (!subscriptions.empty()) {
-      send(makeRequest(MessageKind::SET, "system.connection", subscriptionBody(subscriptions)));
+      send(subscriptionRequest(subscriptions));
     }
   }
 
@@ -395,12 +387,6 @@ std::optional<Clock::duration> BusConnection::roundTrip(Clock::time_point deadli
   return impl_->roundTrip(deadline);
 }
 bool BusConnection::interrupted() const { return impl_->interrupted; }
-
-BusRequest loginRequest(const BusSettings& settings) {
-  return makeRequest(MessageKind::SET, "system.connection",
-                     R"({"param":{"login":{"name":)" + quotedJSON(settings.name) +
-                         ",\"connID\":" + std::to_string(settings.connID) + ",\"version\":1}}}");
-}
 
 std::string secondsText(std::chrono::duration<double> time) {
   std::array<char, 40> text{};

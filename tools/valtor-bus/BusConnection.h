@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "bus/message/PellInternalMessage.h"
-#include "valtor-bus/BusRequest.h"
+#include "support/BusRequest.h"
 
 namespace valtor {
 
@@ -34,9 +34,6 @@ struct BusSettings {
   int32_t connID = 0;
   BusTimes times;
 };
-
-// The first message of every connection.
-BusRequest loginRequest(const BusSettings& settings);
 
 // One connection to a message node, for a command that waits: every operation blocks until it is
 // done or its deadline has passed. While it waits it reads, and sends a silent node a keep-alive

@@ -8,8 +8,8 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/Files.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 
 namespace valtor {
 namespace {

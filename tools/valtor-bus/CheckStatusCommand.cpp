@@ -7,11 +7,11 @@
 #include <utility>
 
 #include "app/util/OwnedJSON.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/ConnectionPointListing.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/NodeProbe.h"
 
 namespace valtor {

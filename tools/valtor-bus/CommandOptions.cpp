@@ -17,13 +17,13 @@
 #include <CLI/CLI.hpp>
 
 #include "app/util/ErrnoText.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
 #include "support/WholeNumber.h"
 #include "valtor-bus/BusDefaults.h"
 #include "valtor-bus/CheckCommand.h"
-#include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/NumberRanges.h"
 
 namespace valtor {

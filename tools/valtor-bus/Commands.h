@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/StatusSocket.h"
 #include "valtor-bus/BusConnection.h"
 #include "valtor-bus/DaemonStatus.h"
 #include "valtor-bus/MessageFormat.h"
@@ -70,7 +71,7 @@ struct StatusSettings {
   bool check = false;
   bool probe = false;
   bool json = false;
-  std::string socket = DaemonStatus::defaultPath();  // of the daemon of this machine
+  std::string socket = defaultStatusSocket();  // of the daemon of this machine
   double timeout = kAnswerTime;
 };
 // The connection points as a table or as JSON, with the daemon's own figures where it is the one of
@@ -89,7 +90,7 @@ void checkStatus(BusConnection& connection, const StatusSettings& settings, Outp
 struct FollowSettings {
   std::string uniqueID;
   bool json = false;
-  std::string socket = DaemonStatus::defaultPath();
+  std::string socket = defaultStatusSocket();
 };
 // Shows what the daemon of this machine says of the messages of one router, a line each, passed or
 // blocked by which rule, until a signal ends the process. Fails when the daemon ends it.
@@ -98,7 +99,7 @@ void follow(BusConnection& connection, const FollowSettings& settings, Output& o
 struct WaitSettings {
   std::vector<std::string> routers;  // names or unique IDs; none for all that are enabled
   bool down = false;                 // until they are not connected
-  std::string socket = DaemonStatus::defaultPath();
+  std::string socket = defaultStatusSocket();
   double timeout = 10;
 };
 // Returns once the routers are connected, as the daemon says. Fails when the time is over.

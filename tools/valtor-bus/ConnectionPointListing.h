@@ -3,8 +3,8 @@
 #include <array>
 #include <vector>
 
+#include "support/BusRequest.h"
 #include "valtor-bus/BusConnection.h"
-#include "valtor-bus/BusRequest.h"
 #include "valtor-bus/ConnectionPointTable.h"
 #include "valtor-bus/Exchange.h"
 

@@ -5,9 +5,9 @@
 #include <utility>
 
 #include "app/util/OwnedJSON.h"
+#include "support/BusRequest.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/BusRequest.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/TextTable.h"
 
 namespace valtor {

@@ -1,23 +1,14 @@
 #include "valtor-bus/DaemonStatus.h"
 
-#include <array>
-#include <cerrno>
-#include <cstring>
-#include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <utility>
 
-#include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
-#include "app/util/Paths.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/JSONText.h"
+#include "support/StatusSocket.h"
 
 namespace valtor {
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kLongest = 67108864;  // bytes; ten thousand routers need a sixth
 
@@ -64,93 +55,20 @@ DaemonStatus::Router routerOf(const cJSON* item) {
   return router;
 }
 
-// Reads until the far end closes; false at the deadline or on an error, with its errno.
-bool readAll(int socket, Clock::time_point deadline, std::string& text) {
-  std::array<char, 65536> part{};
-  for (;;) {
-    const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
-    pollfd entry{socket, POLLIN, 0};
-    if (left <= 0 || poll(&entry, 1, static_cast<int>(left)) == 0) {
-      errno = ETIMEDOUT;
-      return false;
-    }
-    const ssize_t count = recv(socket, part.data(), part.size(), MSG_DONTWAIT);
-    if (count == 0) {
-      return true;
-    }
-    if (count > 0) {
-      text.append(part.data(), static_cast<std::size_t>(count));
-    } else if (errno != EINTR && errno != EAGAIN) {
-      return false;
-    }
-    if (text.size() > kLongest) {
-      errno = EMSGSIZE;
-      return false;
-    }
-  }
-}
-
-std::string problemOf(int error, const std::string& path) {
-  switch (error) {
-    case ENOENT:
-    case ENOTDIR:
-      return "";
-    case EACCES:
-      return "may not open " + path + ": only root and the group adm may";
-    case ECONNREFUSED:
-      return path + " lies there from a daemon that is gone";
-    case EAGAIN:
-    case ETIMEDOUT:
-      return "nobody answers at " + path;
-    default:
-      return "cannot ask at " + path + ": " + errnoText(error);
-  }
-}
-
 }  // namespace
 
-std::string DaemonStatus::defaultPath() { return paths().statusSocket; }
-
-UniqueDescriptor DaemonStatus::connectTo(const std::string& path, std::string& problem) {
-  sockaddr_un name{};
-  name.sun_family = AF_UNIX;
-  if (path.size() >= sizeof name.sun_path) {
-    problem = problemOf(ENAMETOOLONG, path);
-    return UniqueDescriptor();
-  }
-  std::memcpy(name.sun_path, path.data(), path.size());
-  UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!socket.valid() ||
-      connect(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
-    problem = problemOf(errno, path);
-    return UniqueDescriptor();
-  }
-  return socket;
-}
-
 DaemonStatus DaemonStatus::ask(const std::string& path, std::chrono::milliseconds time) {
-  const Clock::time_point deadline = Clock::now() + time;
-  DaemonStatus none;
-  const UniqueDescriptor socket = connectTo(path, none.problem_);
-  if (!socket.valid()) {
-    return none;
+  StatusAnswer answer = askForStatus(path, time, kLongest);
+  DaemonStatus status(answer.text);
+  if (!answer.text.empty() && !status.isThere()) {
+    answer.problem = "what " + path + " says is no JSON object";
   }
-  std::string text;
-  // The closed half tells the daemon at once that there is no question to wait for.
-  if (shutdown(socket.get(), SHUT_WR) != 0 || !readAll(socket.get(), deadline, text)) {
-    none.problem_ = problemOf(errno, path);
-    return none;
-  }
-  DaemonStatus status(text);
-  if (!status.isThere()) {
-    status.problem_ = "what " + path + " says is no JSON object";
-  }
+  status.problem_ = std::move(answer.problem);
   return status;
 }
 
 DaemonStatus::DaemonStatus(const std::string& text) {
-  const std::string whole = compactJSON(text).value_or("");
+  const std::string whole = compactJSON(withoutBrokenUtf8(text)).value_or("");
   if (whole.empty() || whole.front() != '{') {
     return;
   }

@@ -6,8 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "app/util/UniqueDescriptor.h"
-
 namespace valtor {
 
 // What the daemon of this machine says of itself on its status socket: one JSON document for each
@@ -37,13 +35,8 @@ class DaemonStatus {
     std::string place() const { return address + ":" + std::to_string(port); }
   };
 
-  // Where a daemon of this build has its socket.
-  static std::string defaultPath();
   // Asks at the path. Afterwards isThere() tells whether it answered, and problem() why not.
   static DaemonStatus ask(const std::string& path, std::chrono::milliseconds time);
-  // A connection to the socket at the path, or none, and what an operator should know then, as
-  // below.
-  static UniqueDescriptor connectTo(const std::string& path, std::string& problem);
   // From the text of a document; is not there when that is no JSON object.
   explicit DaemonStatus(const std::string& text);
 
@@ -68,8 +61,6 @@ class DaemonStatus {
   double lastLoopTime = 0;
 
  private:
-  DaemonStatus() = default;
-
   std::string text_;
   std::string problem_;
 };

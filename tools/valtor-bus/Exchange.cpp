@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 namespace {
@@ -77,11 +77,6 @@ void openBefore(BusConnection& connection, Clock::time_point deadline) {
       throw Interrupted();
     }
   }
-}
-
-BusRequest readinessQuestion(int32_t connID) {
-  return makeRequest(MessageKind::GET, "system", R"({"param":{"objectName":["moduleReady"]}})",
-                     connID);
 }
 
 void sendOnce(BusConnection& connection, const BusRequest& request, double seconds) {

@@ -7,14 +7,10 @@
 #include <vector>
 
 #include "bus/message/PellInternalMessage.h"
+#include "support/BusRequest.h"
 #include "valtor-bus/BusConnection.h"
-#include "valtor-bus/BusRequest.h"
 
 namespace valtor {
-
-// The connection ids of the daemon on the controller's bus, and on the bus of a router.
-constexpr int32_t kDaemonConnID = 101;
-constexpr int32_t kDaemonOnRouterConnID = 10000;
 
 // When to ask again for what nobody has answered: soon at first, since whoever has just started is
 // there in a moment, then every second.
@@ -35,10 +31,6 @@ class Repetition {
 // Opens the connection. A node that refuses is tried again until the deadline, beyond which the
 // connection does nothing from now on. Throws LinkFailure.
 void openBefore(BusConnection& connection, BusConnection::Clock::time_point deadline);
-
-// Asks whether the participant with that connection id is ready, which the daemon answers whatever
-// its role.
-BusRequest readinessQuestion(int32_t connID);
 
 // Opens the connection and sends a request that nobody answers; returns once the node has read it.
 // A change waits for the daemon as below. Throws CommandFailure.

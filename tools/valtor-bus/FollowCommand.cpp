@@ -7,10 +7,11 @@
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
 #include "app/util/PollWait.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
+#include "support/StatusSocket.h"
 #include "valtor-bus/Commands.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 namespace {
@@ -49,7 +50,7 @@ std::string readable(const std::string& line, const std::string& uniqueID) {
 
 void follow(BusConnection& /*connection*/, const FollowSettings& settings, Output& output) {
   std::string problem;
-  const UniqueDescriptor socket = DaemonStatus::connectTo(settings.socket, problem);
+  const UniqueDescriptor socket = connectToStatus(settings.socket, problem);
   if (!socket.valid()) {
     throw CommandFailure(ExitCode::Refused, problem.empty() ? "no " + settings.socket : problem,
                          "Is the daemon running on this machine?");

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 

@@ -6,8 +6,8 @@
 #include <ctime>
 
 #include "app/util/OwnedJSON.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 namespace {

@@ -6,7 +6,7 @@
 #include <asio.hpp>
 
 #include "bus/message/PellInternalStreamParser.h"
-#include "valtor-bus/BusRequest.h"
+#include "support/BusRequest.h"
 
 namespace valtor {
 namespace {
@@ -18,7 +18,7 @@ class Probe {
  public:
   Probe(asio::io_context& context, ProbedNode& node, const BusSettings& login)
       : node_(node), socket_(context), keepAlive_(makeRequest(MessageKind::SET, "", "{}")) {
-    bytes_ = frame(payloadOf(loginRequest(login), login.connID)) +
+    bytes_ = frame(payloadOf(loginRequest(login.name, login.connID), login.connID)) +
              frame(payloadOf(keepAlive_, login.connID));
     parser_.setMessageCallback([this](const std::vector<PellInternalMessage>& messages) {
       for (const PellInternalMessage& message : messages) {

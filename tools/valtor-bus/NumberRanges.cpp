@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include "support/CommandFailure.h"
 #include "support/WholeNumber.h"
-#include "valtor-bus/CommandFailure.h"
 
 namespace valtor {
 namespace {

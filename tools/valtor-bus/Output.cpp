@@ -10,7 +10,7 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/UniqueDescriptor.h"
-#include "valtor-bus/CommandFailure.h"
+#include "support/CommandFailure.h"
 
 namespace valtor {
 namespace {

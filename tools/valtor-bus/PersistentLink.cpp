@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "valtor-bus/CommandFailure.h"
+#include "support/CommandFailure.h"
 #include "valtor-bus/Output.h"
 
 namespace valtor {

@@ -1,7 +1,7 @@
 #include <algorithm>
 #include <chrono>
 
-#include "valtor-bus/CommandFailure.h"
+#include "support/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/PersistentLink.h"
 #include "valtor-bus/Progress.h"

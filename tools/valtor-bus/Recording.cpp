@@ -9,10 +9,10 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
+#include "support/CommandFailure.h"
 #include "support/HexText.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/MessageText.h"
 
 namespace valtor {

@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <set>
 
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/Exchange.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 namespace {

@@ -6,11 +6,11 @@
 
 #include "app/util/OwnedJSON.h"
 #include "router/RouteOperation.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/Exchange.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/NumberRanges.h"
 
 namespace valtor {

@@ -2,10 +2,10 @@
 #include <chrono>
 #include <optional>
 
-#include "valtor-bus/CommandFailure.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/ConnectionPointListing.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/PersistentLink.h"
 #include "valtor-bus/TextTable.h"
 

@@ -1,11 +1,11 @@
 #include <algorithm>
 #include <chrono>
 
-#include "valtor-bus/CommandFailure.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/ConnectionPointListing.h"
 #include "valtor-bus/Exchange.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 namespace {

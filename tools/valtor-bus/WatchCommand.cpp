@@ -2,7 +2,7 @@
 #include <chrono>
 
 #include "bus/message/PellInternalMessage.h"
-#include "valtor-bus/CommandFailure.h"
+#include "support/CommandFailure.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/PersistentLink.h"
 

@@ -15,11 +15,11 @@
 #include "app/util/ErrnoText.h"
 #include "app/util/Immortal.h"
 #include "app/util/StandardDescriptors.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/LogSink.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/CommandOptions.h"
-#include "valtor-bus/JSONText.h"
 
 namespace {
 

@@ -3,11 +3,11 @@
 #include <future>
 
 #include "message-node/RunningNode.h"
+#include "support/CommandFailure.h"
 #include "support/ScriptedNode.h"
 #include "support/Vocabulary.h"
 #include "tools/ChildProcess.h"
 #include "valtor-bus/BusConnection.h"
-#include "valtor-bus/CommandFailure.h"
 #include "valtor-bus/Exchange.h"
 #include "valtor-bus/PersistentLink.h"
 

@@ -1,9 +1,9 @@
 #include <numeric>
 
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
 #include "support/Vocabulary.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
 #include "valtor-bus/NumberRanges.h"
 #include "valtor-bus/Recording.h"
 

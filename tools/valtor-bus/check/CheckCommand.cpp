@@ -18,10 +18,10 @@
 #include "bus/IPellInternalClient.h"
 #include "connections/ConnectionPointSet.h"
 #include "peers/RemoteValtorConnectionPointManager.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/LogSink.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 namespace {

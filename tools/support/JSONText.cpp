@@ -1,4 +1,4 @@
-#include "valtor-bus/JSONText.h"
+#include "support/JSONText.h"
 
 #include <algorithm>
 #include <array>

@@ -1,12 +1,12 @@
-#include "valtor-bus/BusRequest.h"
+#include "support/BusRequest.h"
 
 #include <array>
 #include <unistd.h>
 
 #include "app/util/OwnedJSON.h"
+#include "support/CommandFailure.h"
+#include "support/JSONText.h"
 #include "support/PrintableText.h"
-#include "valtor-bus/CommandFailure.h"
-#include "valtor-bus/JSONText.h"
 
 namespace valtor {
 namespace {
@@ -68,6 +68,26 @@ BusRequest repeated(const BusRequest& request) {
   members.insert(members.begin(), {"\"id\"", quotedJSON(again.identifier)});
   again.body = objectOfJSON(members);
   return again;
+}
+
+BusRequest loginRequest(const std::string& name, int32_t connID) {
+  return makeRequest(MessageKind::SET, "system.connection",
+                     R"({"param":{"login":{"name":)" + quotedJSON(name) +
+                         ",\"connID\":" + std::to_string(connID) + ",\"version\":1}}}");
+}
+
+BusRequest subscriptionRequest(const std::vector<std::string>& paths) {
+  std::string list;
+  for (const std::string& path : paths) {
+    list += (list.empty() ? "" : ",") + ("{\"path\":" + quotedJSON(path)) + ",\"receiveAll\":true}";
+  }
+  return makeRequest(MessageKind::SET, "system.connection",
+                     R"({"param":{"subscribeList":[)" + list + "]}}");
+}
+
+BusRequest readinessQuestion(int32_t connID) {
+  return makeRequest(MessageKind::GET, "system", R"({"param":{"objectName":["moduleReady"]}})",
+                     connID);
 }
 
 std::string payloadOf(const BusRequest& request, int32_t source) {

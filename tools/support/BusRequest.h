@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "bus/message/PellInternalMessage.h"
 
@@ -26,6 +27,18 @@ BusRequest makeRequest(MessageKind kind, const std::string& path, const std::str
 
 // The same with a new identifier.
 BusRequest repeated(const BusRequest& request);
+
+// The connection ids of the daemon on the controller's bus, and on the bus of a router.
+constexpr int32_t kDaemonConnID = 101;
+constexpr int32_t kDaemonOnRouterConnID = 10000;
+
+// The first message of every connection.
+BusRequest loginRequest(const std::string& name, int32_t connID);
+// Subscribes paths, literal or ending in "*", with "receiveAll".
+BusRequest subscriptionRequest(const std::vector<std::string>& paths);
+// Asks whether the participant with that connection id is ready, which the daemon answers whatever
+// its role.
+BusRequest readinessQuestion(int32_t connID);
 
 // What travels in the frame.
 std::string payloadOf(const BusRequest& request, int32_t source);
