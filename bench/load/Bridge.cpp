@@ -1,9 +1,13 @@
 #include "load/Bridge.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
 
 #include "app/util/Paths.h"
 
@@ -11,15 +15,17 @@ namespace valtor::bench {
 
 namespace {
 
-constexpr uint16_t kPort = 15000;
 constexpr std::chrono::seconds kStartLimit{120};
+
+std::string executable = VALTOR_REMOTE_EXECUTABLE;
+std::string root = VALTOR_BENCH_ROOT;
 
 void writeDatabase(const std::string& entries) {
   namespace fs = std::filesystem;
-  if (std::string(VALTOR_BENCH_ROOT).empty()) {
+  if (root.empty()) {
     throw std::runtime_error("this build's daemon would use the fixed paths of the machine");
   }
-  fs::remove_all(VALTOR_BENCH_ROOT);
+  fs::remove_all(root);
   for (const fs::path path : {paths().containerDirectory, paths().hostAddressFile}) {
     fs::create_directories(path.parent_path());
   }
@@ -46,7 +52,8 @@ std::string idOf(std::string_view payload) {
 std::string Bridge::entry(const std::string& id, const std::string& address, bool enabled) {
   return R"({"type":"valtor","name":")" + id + R"(","uniqueID":")" + id +
          R"(","phy":[{"type":"tcp","ipAddress":")" + address + R"(","port":)" +
-         std::to_string(kPort) + R"(,"server":true}],"enabled":)" + (enabled ? "true}" : "false}");
+         std::to_string(kBusPort) + R"(,"server":true}],"enabled":)" +
+         (enabled ? "true}" : "false}");
 }
 
 std::string Bridge::disabledEntries(int count, const std::string& idPrefix) {
@@ -59,13 +66,18 @@ std::string Bridge::disabledEntries(int count, const std::string& idPrefix) {
   return entries;
 }
 
-Bridge::Bridge(EventLoop& loop, int routers, int disabled)
-    : controller(loop, "127.0.0.1", kPort), loop_(loop) {
+void Bridge::useBuild(const std::string& folder) {
+  executable = folder + "/src/app/valtor-remote";
+  root = folder + "/root";
+  setPathPrefix(root);
+}
+
+Bridge::Bridge(EventLoop& loop, int routers, int disabled, uint16_t nodePort)
+    : controller(loop, "127.0.0.1", nodePort), loop_(loop) {
   std::string entries;
   for (int i = 0; i < routers; ++i) {
-    const std::string address = "127.0.0." + std::to_string(2 + i);
-    routers_.push_back(std::make_unique<Node>(loop, address, kPort));
-    entries += (i > 0 ? "," : "") + entry("router-" + std::to_string(i), address, true);
+    routers_.push_back(std::make_unique<Node>(loop, routerAddress(i), nodePort));
+    entries += (i > 0 ? "," : "") + entry(routerId(i), routerAddress(i), true);
   }
   if (disabled > 0) {
     entries += (routers > 0 ? "," : "") + disabledEntries(disabled, "off-");
@@ -74,7 +86,7 @@ Bridge::Bridge(EventLoop& loop, int routers, int disabled)
   controller.onMessage = [this](std::string_view payload) { receive(payload); };
 
   const int64_t start = nowNs();
-  daemon = std::make_unique<Process>(std::vector<std::string>{VALTOR_REMOTE_EXECUTABLE});
+  daemon = std::make_unique<Process>(std::vector<std::string>{executable});
   bool asked = false;
   const bool up = loop.runUntil(
       [&] {
@@ -122,6 +134,30 @@ void Bridge::announceRole(const std::string& role) {
   controller.sendPayload(
       "[\"SET\", \"system\", 1, 0, 0]\n{\"id\":\"1@node\",\"param\":{\"mdxMasterState\":\"" + role +
       "\"}}");
+}
+
+JSONPtr Bridge::status() {
+  const UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const timeval limit{10, 0};
+  setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+  sockaddr_un name{};
+  name.sun_family = AF_UNIX;
+  paths().statusSocket.copy(name.sun_path, sizeof name.sun_path - 1);
+  if (connect(socket.get(), reinterpret_cast<sockaddr*>(&name), sizeof name) != 0) {
+    throw std::system_error(errno, std::generic_category(), "cannot ask for the status");
+  }
+  shutdown(socket.get(), SHUT_WR);  // no request comes: it need not wait for one
+  std::string text;
+  char piece[16 * 1024];
+  for (ssize_t count = 1; count > 0;) {
+    count = recv(socket.get(), piece, sizeof piece, 0);
+    text.append(piece, count > 0 ? static_cast<std::size_t>(count) : 0);
+  }
+  JSONPtr document(cJSON_Parse(text.c_str()));
+  if (document == nullptr) {
+    throw std::runtime_error("no whole status: " + text.substr(0, 100));
+  }
+  return document;
 }
 
 void Bridge::receive(std::string_view payload) {

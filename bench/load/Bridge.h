@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "app/util/OwnedJSON.h"
 #include "load/EventLoop.h"
 #include "load/Node.h"
 #include "load/Process.h"
@@ -13,13 +14,21 @@
 
 namespace valtor::bench {
 
+constexpr uint16_t kBusPort = 15000;
+
 // A daemon between the controller's node and those of its routers, all links up and the start over.
 // The daemon is the executable of this build, whose fixed paths lie below the build's own folder.
 class Bridge {
  public:
-  // So many routers with a node, and so many disabled entries besides. Throws std::runtime_error
-  // when it does not come up.
-  explicit Bridge(EventLoop& loop, int routers, int disabledEntries = 0);
+  // So many routers with a node, and so many disabled entries besides. Where the nodes listen at
+  // another port than the bus's, somebody carries to them what arrives there. Throws
+  // std::runtime_error when it does not come up.
+  explicit Bridge(EventLoop& loop, int routers, int disabledEntries = 0,
+                  uint16_t nodePort = kBusPort);
+
+  // Takes the daemon of another build from now on: one whose fixed paths lie below the "root" of
+  // its folder.
+  static void useBuild(const std::string& folder);
 
   // Makes a request on "device" that is answered some time; members are those behind the "id".
   void ask(const std::string& kind, const std::string& members);
@@ -32,6 +41,8 @@ class Bridge {
 
   // Tells the daemon the controller's role.
   void announceRole(const std::string& role);
+  // What the daemon says about itself; throws std::runtime_error when it says nothing.
+  static JSONPtr status();
 
   std::vector<Node*> routers() const;
   // Seconds from the start of the process until a request was answered, and until every router was
@@ -42,6 +53,9 @@ class Bridge {
   Node controller;
   std::unique_ptr<Process> daemon;
 
+  // Where the router of that number listens, and its unique ID.
+  static std::string routerAddress(int index) { return "127.0.0." + std::to_string(2 + index); }
+  static std::string routerId(int index) { return "router-" + std::to_string(index); }
   // The entry of a router in a database or in a request.
   static std::string entry(const std::string& id, const std::string& address, bool enabled);
   // So many disabled entries, comma between them.

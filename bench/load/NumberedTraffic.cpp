@@ -76,6 +76,7 @@ bool NumberedCheck::receive(std::string_view payload) {
     ++reordered_;
     return true;
   }
+  gaps_ += number > next_ ? 1 : 0;
   next_ = number + 1;
   ++received_;
   delays_.add(static_cast<double>(

@@ -51,6 +51,8 @@ class NumberedCheck {
   // The number after the highest that has arrived.
   uint64_t next() const { return next_; }
   uint64_t skipped() const { return next_ - received_; }
+  // How often numbers were skipped, whatever their count.
+  uint64_t gaps() const { return gaps_; }
   uint64_t reordered() const { return reordered_; }
   uint64_t damaged() const { return damaged_; }
   // When the last one arrived, in ns; 0 before the first.
@@ -74,6 +76,7 @@ class NumberedCheck {
   std::size_t timeAt_;
   uint64_t next_ = 0;
   uint64_t received_ = 0;
+  uint64_t gaps_ = 0;
   uint64_t reordered_ = 0;  // numbers that came after a higher one, or twice
   uint64_t damaged_ = 0;
   int64_t lastArrival_ = 0;

@@ -94,6 +94,16 @@ uint64_t Process::wakeUps() const {
   return sum;
 }
 
+uint64_t Process::threads() const { return statusField(procFile(pid_, "status"), "Threads:"); }
+
+uint64_t Process::descriptors() const {
+  uint64_t count = 0;
+  for (const auto& one : std::filesystem::directory_iterator(procFile(pid_, "fd"))) {
+    count += one.path().empty() ? 0 : 1;
+  }
+  return count;
+}
+
 double Process::statusBytes(const std::string& field) const {
   return static_cast<double>(statusField(procFile(pid_, "status"), field)) * 1024;
 }

@@ -31,6 +31,9 @@ class Process {
   // Bytes.
   double residentBytes() const { return statusBytes("VmRSS:"); }
   double peakBytes() const { return statusBytes("VmHWM:"); }
+  uint64_t threads() const;
+  // Open files and sockets.
+  uint64_t descriptors() const;
   // Lets the peak begin at what is resident now.
   void restartPeak() const;
 

@@ -15,6 +15,7 @@ namespace valtor::bench {
 struct Run {
   Results& results;
   bool quick = false;
+  double minutes = 60;  // of a soak
 
   template <typename T>
   T pick(T whole, T brief) const {
@@ -40,6 +41,7 @@ const std::vector<Scenario>& trafficScenarios();  // latency, sizes, rates
 const std::vector<Scenario>& upkeepScenarios();   // idle, memory, restarts, connection points
 const std::vector<Scenario>& troubleScenarios();  // stalls, bursts, cuts
 const std::vector<Scenario>& brokerScenarios();   // none without the broker's library
+const std::vector<Scenario>& soakScenarios();     // all of it, for long
 
 // What the bridge and the brokers are both measured with.
 struct Load {

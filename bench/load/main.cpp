@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <exception>
+#include <map>
 #include <regex>
 #include <string>
 #include <vector>
@@ -14,16 +15,26 @@ namespace {
 
 using namespace valtor::bench;
 
-std::vector<Scenario> allScenarios() {
+using Group = const std::vector<Scenario>& (*)();
+
+// What is run together.
+const std::map<std::string, std::vector<Group>> kSuites{
+    {"load", {trafficScenarios, brokerScenarios, upkeepScenarios, troubleScenarios}},
+    {"soak", {soakScenarios}},
+};
+
+std::vector<Scenario> scenariosOf(const std::string& suite) {
   std::vector<Scenario> all;
-  for (const auto* group :
-       {&trafficScenarios(), &brokerScenarios(), &upkeepScenarios(), &troubleScenarios()}) {
-    all.insert(all.end(), group->begin(), group->end());
+  for (const Group group : kSuites.at(suite)) {
+    all.insert(all.end(), group().begin(), group().end());
   }
   return all;
 }
 
 struct Options {
+  std::string suite = "load";
+  std::string build;
+  double minutes = 60;
   bool list = false;
   bool quick = false;
   int repeat = 1;
@@ -33,7 +44,7 @@ struct Options {
 
 void runAll(const Options& options, Results& results) {
   const std::regex wanted(options.only);
-  for (const Scenario& scenario : allScenarios()) {
+  for (const Scenario& scenario : scenariosOf(options.suite)) {
     if (!std::regex_search(scenario.name, wanted)) {
       continue;
     }
@@ -43,7 +54,7 @@ void runAll(const Options& options, Results& results) {
       continue;
     }
     try {
-      scenario.run({results, options.quick});
+      scenario.run({results, options.quick, options.minutes});
     } catch (const std::exception& error) {
       results.fail(std::string(scenario.name) + ": " + error.what());
     }
@@ -57,12 +68,18 @@ int main(int argc, char** argv) {
   Options options;
   app.add_flag("--list", options.list, "Say what can be measured");
   app.add_flag("--quick", options.quick, "Short runs, to check the driver: no figures to quote");
+  app.add_option("--suite", options.suite, "load or soak")->check(CLI::IsMember({"load", "soak"}));
+  app.add_option("--build", options.build, "Take the daemon of the build in this folder");
+  app.add_option("--minutes", options.minutes, "How long a soak lasts");
   app.add_option("--repeat", options.repeat, "Do everything so often");
   app.add_option("--only", options.only, "Measure what matches this regular expression");
   app.add_option("--output", options.output, "Write the figures to this file, as JSON");
   CLI11_PARSE(app, argc, argv);
 
   try {
+    if (!options.build.empty()) {
+      Bridge::useBuild(options.build);
+    }
     Results results;
     for (int i = 0; i < (options.list ? 1 : options.repeat); ++i) {
       runAll(options, results);
