@@ -1,0 +1,59 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <httplib.h>
+#include <string>
+#include <sys/types.h>
+
+#include "app/util/UniqueDescriptor.h"
+
+namespace valtor {
+
+// A browser's connection under the HTTP library, which would read request lines and headers for as
+// long as somebody sends some. This one reads a request's head itself, within limits of size and
+// time, and hands on only the headers that are used here: others would make the library match
+// regular expressions or compress. Owns its socket. One thread.
+class HttpConnection final : public httplib::Stream {
+ public:
+  static constexpr std::size_t kLongestHead = 16384;      // bytes
+  static constexpr std::chrono::seconds kIdle{5};         // before a request's first byte
+  static constexpr std::chrono::seconds kHeadTime{5};     // from there to the head's end
+  static constexpr std::chrono::seconds kAnswerTime{30};  // to take an answer
+  static constexpr std::chrono::seconds kStall{10};       // without taking any of it
+
+  explicit HttpConnection(UniqueDescriptor socket);
+  ~HttpConnection() override;
+
+  enum class Head { Complete, Closed, TooLong, TooLate };
+  // Reads up to the end of a request's head, which the library reads next.
+  Head readHead();
+  // Whether more than a head has come with the request, so that what follows is no request.
+  bool hasBody() const { return hasBody_; }
+  // An answer without end: only kStall counts.
+  void endless() { deadline_ = Clock::time_point::max(); }
+  // Answers without the library.
+  void answer(const std::string& text);
+
+  bool is_readable() const override { return !head_.empty(); }
+  // Whether the far end is still there.
+  bool is_writable() const override;
+  ssize_t read(char* bytes, std::size_t size) override;
+  ssize_t write(const char* bytes, std::size_t size) override;
+  void get_remote_ip_and_port(std::string& /*ip*/, int& /*port*/) const override {}
+  void get_local_ip_and_port(std::string& /*ip*/, int& /*port*/) const override {}
+  socket_t socket() const override { return socket_.get(); }
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void takeHead(std::size_t size);
+
+  UniqueDescriptor socket_;
+  std::string input_;  // what has come and is not used up
+  std::string head_;   // what the library has not read of the request
+  bool hasBody_ = false;
+  Clock::time_point deadline_ = Clock::time_point::max();  // of the answer
+};
+
+}  // namespace valtor

@@ -1,0 +1,200 @@
+#include "valtor-status/Metrics.h"
+
+#include <array>
+#include <cstdio>
+#include <initializer_list>
+#include <utility>
+
+#include "support/PrintableText.h"
+
+namespace valtor {
+namespace {
+
+using Router = StatusFigures::Router;
+using Labels = std::initializer_list<std::pair<const char*, std::string>>;
+
+// Within the quotes of a label's value.
+std::string escaped(const std::string& value) {
+  std::string result;
+  for (const char byte : withoutBrokenUtf8(value)) {
+    if (byte == '\n') {
+      result += "\\n";
+    } else {
+      result += byte == '\\' || byte == '"' ? "\\" : "";
+      result += byte;
+    }
+  }
+  return result;
+}
+
+class Exposition {
+ public:
+  // The lines that follow belong to this metric.
+  void begin(const char* name, const char* type, const char* help) {
+    name_ = name;
+    text_ += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
+  }
+
+  void value(double value, Labels labels = {}) {
+    text_ += name_;
+    const char* separator = "{";
+    for (const auto& [label, text] : labels) {
+      text_ += std::string(separator) + label + "=\"" + escaped(text) + "\"";
+      separator = ",";
+    }
+    std::array<char, 40> number{};
+    std::snprintf(number.data(), number.size(), " %.15g\n", value);
+    text_ += (labels.size() > 0 ? "}" : "") + std::string(number.data());
+  }
+
+  const std::string& text() const { return text_; }
+
+ private:
+  const char* name_ = "";
+  std::string text_;
+};
+
+void addBus(Exposition& out, const BusParticipant::View& bus) {
+  out.begin("valtor_bus_up", "gauge",
+            "Whether this program is connected to the controller's node.");
+  out.value(bus.up ? 1 : 0);
+  out.begin("valtor_bus_messages_total", "counter", "Messages seen on the controller's bus.");
+  out.value(static_cast<double>(bus.messages));
+  if (bus.daemonDelayMs) {
+    out.begin("valtor_daemon_delay_seconds", "gauge",
+              "How long the daemon takes, or has taken by now, to answer on the bus.");
+    out.value(*bus.daemonDelayMs / 1000);
+  }
+}
+
+// One metric with a value for each router.
+template <class Value>
+void addForRouters(Exposition& out, const StatusFigures& status, const char* name, const char* type,
+                   const char* help, Value value) {
+  out.begin(name, type, help);
+  for (const Router& router : status.routers) {
+    out.value(value(router), {{"router", router.uniqueID}, {"name", router.name}});
+  }
+}
+
+// One metric with a value for each router and direction.
+void addTraffic(Exposition& out, const StatusFigures& status, const char* name, const char* help,
+                double StatusFigures::Traffic::*member) {
+  out.begin(name, "counter", help);
+  for (const Router& router : status.routers) {
+    const auto add = [&](const char* direction, const StatusFigures::Traffic& traffic) {
+      out.value(traffic.*member,
+                {{"router", router.uniqueID}, {"name", router.name}, {"direction", direction}});
+    };
+    add("to_router", router.toRouter);
+    add("from_router", router.fromRouter);
+  }
+}
+
+void addRouters(Exposition& out, const StatusFigures& status) {
+  const auto isIn = [](const char* state) {
+    return [state](const Router& router) { return router.link.state == state ? 1 : 0; };
+  };
+  addForRouters(out, status, "valtor_router_up", "gauge", "Whether the router is connected.",
+                isIn("up"));
+  addForRouters(out, status, "valtor_router_disabled", "gauge",
+                "Whether the router is disabled, so that it need not be up.", isIn("disabled"));
+  addForRouters(out, status, "valtor_router_stalled", "gauge",
+                "Whether messages are dropped since the router takes none.",
+                [](const Router& router) { return router.stalled ? 1 : 0; });
+  addForRouters(out, status, "valtor_router_lost_total", "counter",
+                "How often the router's link ended without being meant to.",
+                [](const Router& router) { return router.link.lost; });
+  addForRouters(out, status, "valtor_router_dropped_total", "counter",
+                "Messages dropped since the router took none.",
+                [](const Router& router) { return router.dropped; });
+  addForRouters(out, status, "valtor_router_waiting_messages", "gauge",
+                "Messages that wait for the router.",
+                [](const Router& router) { return router.waitingFrames; });
+  addForRouters(out, status, "valtor_router_waiting_bytes", "gauge",
+                "Bytes that wait for the router.",
+                [](const Router& router) { return router.waitingBytes; });
+  addTraffic(out, status, "valtor_router_messages_total", "Messages that crossed.",
+             &StatusFigures::Traffic::messages);
+  addTraffic(out, status, "valtor_router_bytes_total", "Bytes that crossed, frames included.",
+             &StatusFigures::Traffic::bytes);
+  out.begin("valtor_router_blocked_total", "counter", "Messages kept back, by rule.");
+  for (const Router& router : status.routers) {
+    const auto add = [&](const char* direction, const StatusFigures::Traffic& traffic) {
+      for (const auto& [rule, count] : traffic.rules) {
+        out.value(count, {{"router", router.uniqueID},
+                          {"name", router.name},
+                          {"direction", direction},
+                          {"rule", rule}});
+      }
+    };
+    add("to_router", router.toRouter);
+    add("from_router", router.fromRouter);
+  }
+}
+
+void addDaemon(Exposition& out, const StatusFigures& status) {
+  out.begin("valtor_info", "gauge", "The daemon's version.");
+  out.value(1, {{"version", status.version}});
+  out.begin("valtor_start_time_seconds", "gauge", "When the daemon started, since 1970.");
+  out.value(status.startTime);
+  out.begin("valtor_role", "gauge", "1 for the role of the controller.");
+  for (const char* role : {"active", "standby", "unknown"}) {
+    out.value(status.role == role ? 1 : 0, {{"role", role}});
+  }
+  out.begin("valtor_controller_up", "gauge", "Whether the daemon is connected to the controller.");
+  out.value(status.controller.state == "up" ? 1 : 0);
+  out.begin("valtor_controller_lost_total", "counter",
+            "How often the daemon's link to the controller ended without being meant to.");
+  out.value(status.controller.lost);
+  out.begin("valtor_controller_messages_total", "counter",
+            "Messages on the daemon's link to the controller, its own included.");
+  out.value(status.toBus.messages, {{"direction", "to_bus"}});
+  out.value(status.fromBus.messages, {{"direction", "from_bus"}});
+  out.begin("valtor_controller_bytes_total", "counter",
+            "Bytes on the daemon's link to the controller.");
+  out.value(status.toBus.bytes, {{"direction", "to_bus"}});
+  out.value(status.fromBus.bytes, {{"direction", "from_bus"}});
+  out.begin("valtor_queue_delay_seconds", "gauge",
+            "How long the oldest message from the controller has waited to be handled.");
+  out.value(status.queueDelay);
+  out.begin("valtor_crossing_messages_total", "counter",
+            "Messages that passed the rules, by kind and path.");
+  for (const StatusFigures::Crossing& crossing : status.crossing) {
+    out.value(
+        crossing.messages,
+        {{"direction", crossing.direction}, {"kind", crossing.kind}, {"path", crossing.path}});
+  }
+  out.begin("valtor_loop_episodes_total", "counter",
+            "How often messages began to go round in circles.");
+  out.value(status.loopEpisodes);
+  out.begin("valtor_warnings_total", "counter", "Lines of the daemon's log, by kind.");
+  for (const auto& [kind, count] : status.warnings) {
+    out.value(count, {{"kind", kind}});
+  }
+  out.begin("valtor_resident_memory_bytes", "gauge", "Memory that the daemon holds.");
+  out.value(status.residentBytes);
+}
+
+}  // namespace
+
+std::string metricsText(const LiveState::Figures& figures, const std::string& version) {
+  Exposition out;
+  out.begin("valtor_status_info", "gauge", "The version of the program that says this.");
+  out.value(1, {{"version", version}});
+  out.begin("valtor_up", "gauge", "Whether the daemon answers on its status socket.");
+  out.value(figures.answering ? 1 : 0);
+  if (figures.age >= 0) {
+    out.begin("valtor_status_age_seconds", "gauge",
+              "How old the last thing is that the daemon said.");
+    out.value(figures.age);
+  }
+  addBus(out, figures.bus);
+  if (figures.answering) {
+    addDaemon(out, figures.status);
+    addRouters(out, figures.status);
+  }
+  return out.text();
+}
+
+}  // namespace valtor

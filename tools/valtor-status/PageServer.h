@@ -1,0 +1,47 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "valtor-status/FollowRelays.h"
+#include "valtor-status/LiveState.h"
+
+namespace valtor {
+
+// Serves the page, and what it shows, to browsers: over HTTP, without a login, read-only. Each
+// connection has a thread; more than kMostConnections are answered with 503, and so are more than
+// kMostStreams event streams, so that short requests always find room. Whoever is slow gets the
+// newest state next and loses older ones.
+class PageServer {
+ public:
+  static constexpr std::size_t kMostConnections = 160;
+  static constexpr std::size_t kMostStreams = 128;
+
+  struct Settings {
+    std::string address = "127.0.0.1";
+    int port = 15080;                    // 0: any that is free
+    std::vector<std::string> hostNames;  // that a request may name beside the address and localhost
+    std::string version;
+    std::string chartFile = "/usr/share/javascript/chart.js/chart.min.js";
+  };
+
+  // Both have to outlive it; the state ends first.
+  PageServer(Settings settings, LiveState& state, FollowRelays& relays);
+  // Ends every connection.
+  ~PageServer();
+  PageServer(const PageServer&) = delete;
+  PageServer& operator=(const PageServer&) = delete;
+
+  // Begins to serve, on threads of its own; false when the address cannot be had, errno says why.
+  bool start();
+  // Where it serves, once it was started.
+  int port() const;
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace valtor
