@@ -76,7 +76,10 @@ bool NumberedCheck::receive(std::string_view payload) {
     ++reordered_;
     return true;
   }
-  gaps_ += number > next_ ? 1 : 0;
+  if (number > next_) {
+    ++gaps_;
+    lastGapEnd_ = number;
+  }
   next_ = number + 1;
   ++received_;
   delays_.add(static_cast<double>(

@@ -53,6 +53,8 @@ class NumberedCheck {
   uint64_t skipped() const { return next_ - received_; }
   // How often numbers were skipped, whatever their count.
   uint64_t gaps() const { return gaps_; }
+  // The number that came after the last of these; 0 when none was skipped.
+  uint64_t lastGapEnd() const { return lastGapEnd_; }
   uint64_t reordered() const { return reordered_; }
   uint64_t damaged() const { return damaged_; }
   // When the last one arrived, in ns; 0 before the first.
@@ -77,6 +79,7 @@ class NumberedCheck {
   uint64_t next_ = 0;
   uint64_t received_ = 0;
   uint64_t gaps_ = 0;
+  uint64_t lastGapEnd_ = 0;
   uint64_t reordered_ = 0;  // numbers that came after a higher one, or twice
   uint64_t damaged_ = 0;
   int64_t lastArrival_ = 0;

@@ -20,6 +20,7 @@ using Group = const std::vector<Scenario>& (*)();
 // What is run together.
 const std::map<std::string, std::vector<Group>> kSuites{
     {"load", {trafficScenarios, brokerScenarios, upkeepScenarios, troubleScenarios}},
+    {"links", {linkScenarios, fieldScenarios}},
     {"soak", {soakScenarios}},
 };
 
@@ -68,7 +69,8 @@ int main(int argc, char** argv) {
   Options options;
   app.add_flag("--list", options.list, "Say what can be measured");
   app.add_flag("--quick", options.quick, "Short runs, to check the driver: no figures to quote");
-  app.add_option("--suite", options.suite, "load or soak")->check(CLI::IsMember({"load", "soak"}));
+  app.add_option("--suite", options.suite, "load, links (their faults) or soak")
+      ->check(CLI::IsMember({"load", "links", "soak"}));
   app.add_option("--build", options.build, "Take the daemon of the build in this folder");
   app.add_option("--minutes", options.minutes, "How long a soak lasts");
   app.add_option("--repeat", options.repeat, "Do everything so often");

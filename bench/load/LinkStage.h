@@ -1,0 +1,73 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "load/FaultyLink.h"
+#include "load/Scenario.h"
+
+namespace valtor::bench {
+
+// A bridge all of whose links are faulty, with numbered messages both ways, and what must hold
+// whatever happens to its links: no message is damaged, doubled or out of order; a link that ends
+// costs each stream at most one run of messages; one that stands costs only what the daemon counts.
+class LinkStage {
+ public:
+  LinkStage(const Run& run, int routers);
+
+  FaultyLink& link(int router) { return *links_[static_cast<std::size_t>(router) + 1]; }
+  FaultyLink& controllerLink() { return *links_[0]; }
+  Node& node(int router) { return *bridge.routers()[static_cast<std::size_t>(router)]; }
+  int routers() const { return static_cast<int>(links_.size()) - 1; }
+
+  // New streams: 300 B and 16 KiB to all routers, 300 B from each.
+  void startFlows();
+  void pauseFlows();
+  void resumeFlows();
+  Flow& down() { return *down_; }
+  Flow& up(int router) { return *up_[static_cast<std::size_t>(router)]; }
+
+  bool wait(const std::function<bool()>& condition, double seconds = 30);
+  // Waits until all links are up, and each stream has brought what was sent after that. Fails the
+  // run when that takes more than half a minute.
+  void recover(const std::string& name);
+  // Makes the controller standby, once its link is up, and active when all routers are left.
+  void changeRole();
+  // Ends the streams and judges them; what went wrong names the row.
+  void judge(const std::string& name);
+  // Messages that did not arrive at or from that router, and the links that the streams had to it.
+  struct Loss {
+    uint64_t down;
+    uint64_t up;
+    uint64_t breaks;
+  };
+  Loss lossOf(int router);
+  // Of a router, as the daemon's status names it; of its "dropped", "lost" and the like.
+  static double figure(int router, const char* member);
+  static std::string stateOf(int router);
+
+  EventLoop loop;
+
+ private:
+  std::vector<std::unique_ptr<FaultyLink>> links_;  // the controller's first; before the bridge
+
+ public:
+  Bridge bridge;
+
+ private:
+  std::vector<NumberedCheck*> checksOf(int router);
+  bool isUp() const;
+  uint64_t breaksOf(int router) const;
+  uint64_t counted() const;
+
+  const Run& run_;
+  std::unique_ptr<Flow> down_;
+  std::unique_ptr<Flow> large_;
+  std::vector<std::unique_ptr<Flow>> up_;
+  std::vector<int> linksBefore_;
+  uint64_t countedBefore_ = 0;
+};
+
+}  // namespace valtor::bench
