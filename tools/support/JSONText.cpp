@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <rapidjson/error/en.h>
+#include <rapidjson/memorystream.h>
 #include <rapidjson/reader.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
@@ -45,7 +46,9 @@ rapidjson::ParseResult parse(const std::string& text, rapidjson::StringBuffer& b
     return {rapidjson::kParseErrorTermination, nul};
   }
   NumberKeepingWriter writer(buffer);
-  rapidjson::StringStream input(text.c_str());
+  // Knows its end: a stream of the other kind is read beyond its NUL where a character is cut
+  // short.
+  rapidjson::MemoryStream input(text.data(), text.size());
   rapidjson::Reader reader;
   return reader.Parse<kFlags>(input, writer);
 }

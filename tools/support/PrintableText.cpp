@@ -25,14 +25,17 @@ std::size_t directionControlAt(std::string_view text, std::size_t at) {
 std::string withoutBrokenUtf8(std::string_view text) {
   std::string result;
   result.reserve(text.size());
-  rapidjson::MemoryStream input(text.data(), text.size());
   rapidjson::StringBuffer character;
-  while (input.Tell() < text.size()) {
+  for (std::size_t at = 0; at < text.size();) {
+    // Afresh at each byte: a broken character takes bytes along that belong to what follows.
+    rapidjson::MemoryStream input(text.data() + at, text.size() - at);
     character.Clear();
     if (rapidjson::UTF8<>::Validate(input, character)) {
       result.append(character.GetString(), character.GetSize());
+      at += character.GetSize();
     } else {
       result += "\xEF\xBF\xBD";
+      ++at;
     }
   }
   return result;

@@ -96,7 +96,7 @@ std::string scheduleOf(const PellInternalMessage& message) {
   if (element == nullptr || (cJSON_IsNumber(element) != 0 && element->valuedouble == 0)) {
     return "";
   }
-  return printJSON(element, false);
+  return withoutBrokenUtf8(printJSON(element, false));
 }
 
 std::string sinceText(WallTime time) {

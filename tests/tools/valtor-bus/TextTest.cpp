@@ -25,11 +25,13 @@ TEST(NumberRangesTest, NumbersAndRangesAsPeopleWriteThem) {
 TEST(JSONTextTest, NumbersKeepTheirSpellingAndWhatIsBrokenIsSeen) {
   EXPECT_EQ(compactJSON("{ \"a\" : [ 12345678901234567890123, 1.0e2,\n -0 ] }"),
             "{\"a\":[12345678901234567890123,1.0e2,-0]}");
-  for (const std::string& broken : {std::string(100000, '['), std::string(), std::string("{}x"),
-                                    std::string("[01]"), std::string("[\"\xff\"]")}) {
+  for (const std::string& broken :
+       {std::string(100000, '['), std::string(), std::string("{}x"), std::string("[01]"),
+        std::string("[\"\xff\"]"), std::string("[\"\xf0")}) {
     EXPECT_FALSE(compactJSON(broken)) << broken;
   }
   EXPECT_EQ(printable("a\x1b[31m\nb\xc2\x9b\x7f\xffz"), "a [31m b\xc2\xa0 \xEF\xBF\xBDz");
+  EXPECT_EQ(printable("\xee\"A"), "\xEF\xBF\xBD\"A") << "what follows a broken character stays";
 }
 
 TEST(RecordingTest, EveryByteSurvivesAndWhatIsNoMessageIsRefusedWithItsLine) {
