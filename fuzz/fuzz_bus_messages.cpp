@@ -1,28 +1,22 @@
-// Feeds the stream parser with arbitrary bytes in chunks and uses every message that comes out.
-// The first byte of an input chooses the size of the chunks and whether the rest is the stream
-// itself or one payload, which then gets its frame here.
+// Feeds the stream parser with arbitrary bytes in chunks and uses every message that comes out. The
+// first letter of an input chooses whether the rest is the stream itself or one payload, which then
+// gets its frame here, the second the size of the chunks.
 
 #include <algorithm>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
 #include <exception>
+#include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "app/util/JSONValues.h"
 #include "bus/message/PellInternalStreamParser.h"
 #include "bus/message/RSPMessage.h"
+#include "fuzz/Fuzzing.h"
+
+namespace valtor::fuzz {
 
 namespace {
-
-using namespace valtor;
-
-void require(bool condition, const char* what) {
-  if (!condition) {
-    std::fprintf(stderr, "broken: %s\n", what);
-    std::abort();
-  }
-}
 
 std::vector<PellInternalMessage> parsed(const std::string& stream, std::size_t chunk) {
   std::vector<PellInternalMessage> all;
@@ -35,6 +29,24 @@ std::vector<PellInternalMessage> parsed(const std::string& stream, std::size_t c
     parser.parse(stream.data() + done, std::min(chunk, stream.size() - done));
   }
   return all;
+}
+
+std::size_t valuesIn(const cJSON* item) {
+  std::size_t count = item->string != nullptr ? 2 : 1;
+  const cJSON* child = nullptr;
+  cJSON_ArrayForEach(child, item) { count += valuesIn(child); }
+  return count;
+}
+
+// What a tree costs is foreseen from its text.
+void foresee(const PellInternalMessage& message) {
+  const std::string text = message.bodyText();
+  const JSONPtr tree(cJSON_Parse(text.c_str()));
+  if (tree != nullptr) {
+    const std::size_t count = valuesIn(tree.get());
+    require(!holdsMoreValues(text, count) && holdsMoreValues(text, count - 1),
+            "the values of a text are counted before it is parsed");
+  }
 }
 
 // Whoever only looks at a message leaves its bytes alone.
@@ -50,6 +62,7 @@ void look(const PellInternalMessage& message) {
               header.destName == message.header.destName,
           "both ways to read a header line agree");
   require(message.isDecoded() && message.getDestConnID() >= 0, "only good headers pass");
+  foresee(message);
   message.getSequence();
   elementsOfPath(message.getPath());
   require(RSPMessage(message, 404).header.destConnID == message.header.sourceConnID,
@@ -84,15 +97,15 @@ void sendOn(const PellInternalMessage& message) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size == 0) {
-    return 0;
-  }
-  const std::string rest(data + 1, data + size);
-  const std::string stream = (data[0] & 1) != 0 ? rest : frame(rest);
-  const std::size_t chunk = 1 + data[0] / 2;
-  const std::vector<PellInternalMessage> whole = parsed(stream, stream.size());
+// A length of a few digits makes the parser take the longest payload's room.
+const MemoryLimit kMemoryLimit{400, PellInternalStreamParser::kMaxPayload + 300'000};
+
+void examine(Input input) {
+  const bool isStream = input.choose(2) != 0;
+  const std::size_t chunk = 1 + input.choose(128);
+  const std::string stream = isStream ? input.text() : frame(input.text());
+  const std::vector<PellInternalMessage> whole =
+      parsed(stream, std::max<std::size_t>(stream.size(), 1));
   std::vector<PellInternalMessage> cut = parsed(stream, chunk);
   require(whole.size() == cut.size(), "chunks do not matter");
   for (std::size_t i = 0; i < cut.size(); ++i) {
@@ -105,5 +118,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     moved.getBody();
     moved.encode();
   }
-  return 0;
 }
+
+}  // namespace valtor::fuzz

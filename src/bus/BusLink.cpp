@@ -31,7 +31,6 @@ class VALTOR_SCOPED_CAPABILITY BusLink::SendScope {
   explicit SendScope(BusLink& link) VALTOR_ACQUIRE(link.sendLock_) : link_(link) {
     link_.sendLock_.lock();
   }
-  SendScope(BusLink& link, std::adopt_lock_t) VALTOR_REQUIRES(link.sendLock_) : link_(link) {}
   ~SendScope() VALTOR_RELEASE() {
     link_.sendLock_.unlock();
     link_.tellSender();
@@ -69,8 +68,7 @@ std::optional<std::vector<BusLink::SendResult>> BusLink::open(
   state_ = 1;
   std::vector<SendResult> results;
   for (const SharedFrame& first : firstFrames()) {
-    passed_ = false;  // frames may wait already: the link is seen to stand since state_
-    results.push_back(write(first, {}));
+    results.push_back(write(first));
   }
   return results;
 }
@@ -79,96 +77,74 @@ bool BusLink::stands(uint32_t link) const {
   return !isOver() && state_ == 1 && number_ == link && descriptor_ > 0;
 }
 
-BusLink::SendResult BusLink::send(const SharedFrame& frame, uint32_t link,
-                                  const std::stop_token& caller) {
+BusLink::SendResult BusLink::send(const SharedFrame& frame, uint32_t link) {
   SendResult result;
-  if (!sendLock_.lock(caller)) {
-    return result;
-  }
   {
-    const SendScope scope(*this, std::adopt_lock);
+    const SendScope scope(*this);
     if (stands(link)) {
-      result = write(frame, caller);
+      result = write(frame);
     }
   }
   sayWhatChanged();
   return result;
 }
 
-BusLink::SendResult BusLink::write(const SharedFrame& frame, const std::stop_token& caller) {
-  Patience patience{budget_, caller};
-  SendResult rest = finishHead(patience);
-  if (rest.outcome == Send::Sent && passed_) {
-    giveTurn(patience);
-    rest = finishHead(patience);
+BusLink::SendResult BusLink::write(const SharedFrame& frame) {
+  std::chrono::microseconds left = budget_;
+  if (const auto head = queue_.head(); head && head->offset > 0) {
+    SendResult rest = writeBytes(head->frame, head->offset, left);
+    if (rest.outcome != Send::Sent) {
+      rest.sent = 0;
+      rest.size = frame->size();
+      return rest;
+    }
   }
-  if (rest.outcome != Send::Sent) {
-    rest.sent = 0;
-    rest.size = frame->size();
-    return rest;
+  // Who sends this way again and again must not keep the queue waiting: they take turns.
+  if (const auto head = queue_.head(); head && passed_) {
+    passed_ = false;  // one turn, whether the head can use it or not
+    waitForPace();
+    if (!isOver()) {
+      sendHead(*head);
+    }
+    return write(frame);
   }
   passed_ = true;
-  return writeBytes(frame, nullptr, patience);
+  return writeBytes(frame, 0, left);
 }
 
-// Nothing may come between the parts of a frame.
-BusLink::SendResult BusLink::finishHead(Patience& patience) {
-  const auto head = queue_.head();
-  if (head && head->offset > 0) {
-    return writeBytes(head->frame, &*head, patience);
-  }
-  SendResult none;
-  none.outcome = Send::Sent;
-  return none;
-}
-
-// Who sends past the queue again and again must not keep it waiting: they take turns, and a turn is
-// something that the socket takes, or all the time that there is.
-void BusLink::giveTurn(Patience& patience) {
-  passed_ = false;
-  const auto head = queue_.head();
-  while (head && patience.left > std::chrono::microseconds::zero()) {
-    waitForPace();
-    if (isOver() || patience.caller.stop_requested() || sendHead(*head) || errno != EAGAIN) {
-      return;
-    }
-    waitForRoom(patience.left);
-  }
-}
-
-// Sends the frame, or the rest of the queue's head, whose frame it is then.
-BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, const OutgoingQueue::Head* head,
-                                        Patience& patience) {
+// Sends a frame from that offset on; of one that is at the queue's head the queue is told.
+BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, std::size_t offset,
+                                        std::chrono::microseconds& left) {
+  const bool isHead = offset > 0;
   SendResult result;
   result.size = frame->size();
-  result.sent = head != nullptr ? head->offset : 0;
+  result.sent = offset;
   while (result.sent < result.size && result.outcome == Send::NotConnected) {
     waitForPace();
-    if (isOver() || patience.caller.stop_requested()) {
+    if (isOver()) {
       break;
     }
     const ssize_t count = sendOnce(frame, result.sent);
     if (count >= 0) {
-      if (head != nullptr) {
-        headIsOut(*head, result.sent, static_cast<std::size_t>(count));
-        patience.left = budget_;  // who takes a long frame slowly is not given up for its length
-      }
       result.sent += static_cast<std::size_t>(count);
+      if (isHead) {
+        queue_.advance(static_cast<std::size_t>(count));
+        headFullSince_.reset();
+        left = budget_;  // whoever takes a long frame slowly is not given up for its length
+      }
     } else if (errno != EAGAIN) {
       result.error = errno;
       result.outcome = Send::Failed;
-    } else if (patience.left <= std::chrono::microseconds::zero()) {
+    } else if (left <= std::chrono::microseconds::zero()) {
       result.outcome = Send::BudgetExhausted;
     } else {
-      waitForRoom(patience.left);
+      waitForRoom(left);
     }
   }
   if (result.sent == result.size) {
     result.outcome = Send::Sent;
-    if (head == nullptr) {
-      sent_.add(result.size);
-    }
-  } else if (result.sent > 0 && head == nullptr) {
+    sent_.add(result.size);
+  } else if (result.sent > 0 && !isHead) {
     try {
       queue_.pushFront(frame, result.sent);
       headFullSince_.reset();
@@ -245,10 +221,7 @@ void BusLink::noteFull() {
 BusLink::Send BusLink::forward(const SharedFrame& frame, const std::stop_token& caller) {
   const auto sender = sender_.lock();
   if (sender == nullptr || !sender->isStarted()) {
-    const SendResult result = send(frame, number_, caller);
-    if (result.outcome == Send::Sent) {
-      forwarded_.add(result.size);
-    }
+    const SendResult result = send(frame, number_);
     report(result);
     return result.outcome;
   }
@@ -322,20 +295,13 @@ bool BusLink::sendHead(const OutgoingQueue::Head& head) {
     return false;
   }
   passed_ = false;
-  headIsOut(head, head.offset, static_cast<std::size_t>(count));
-  return true;
-}
-
-// So many bytes of the head are out behind those that were; the last one counts the frame.
-void BusLink::headIsOut(const OutgoingQueue::Head& head, std::size_t done, std::size_t count) {
   headFullSince_.reset();
-  queue_.advance(count);
-  if (done + count == head.frame->size()) {
+  queue_.advance(static_cast<std::size_t>(count));
+  if (head.offset + static_cast<std::size_t>(count) == head.frame->size()) {
     sent_.add(head.frame->size());
-    if (head.forwarded) {
-      forwarded_.add(head.frame->size());
-    }
+    forwarded_.add(head.frame->size());
   }
+  return true;
 }
 
 // At most one send: the next one has to wait for the pace. What there is to log about it.

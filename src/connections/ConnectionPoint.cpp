@@ -71,7 +71,7 @@ int ConnectionPoint::loadFromJSON(const cJSON* item) {
   }
   uniqueID_ = uniqueID;
   if (const cJSON* enabled = cJSON_GetObjectItem(item, "enabled"); enabled != nullptr) {
-    setEnabled(cJSON_IsTrue(enabled) != 0);
+    enabled_ = cJSON_IsTrue(enabled) != 0;
   }
   return 0;
 }
@@ -237,13 +237,7 @@ void ConnectionPoint::update(ConnectionPoint& from) {
     uniqueID_ = std::move(identity.uniqueID);
     recount();
   }
-  setEnabled(from.isEnabled());
-}
-
-void ConnectionPoint::setEnabled(bool enabled) {
-  if (enabled_.exchange(enabled) != enabled) {
-    enabledSince_ = std::chrono::system_clock::now();
-  }
+  enabled_ = from.isEnabled();
 }
 
 void ConnectionPoint::markForDeletion(bool marked) {

@@ -109,9 +109,7 @@ class ConnectionPoint : public AbstractJSONBackedData {
   bool isDeletable() const { return deletable_; }
 
   bool isEnabled() const { return enabled_; }
-  void setEnabled(bool enabled);
-  // When that was set to what it is now.
-  std::chrono::system_clock::time_point enabledSince() const { return enabledSince_; }
+  void setEnabled(bool enabled) { enabled_ = enabled; }
 
   std::string getUniqueID() const;
 
@@ -183,8 +181,6 @@ class ConnectionPoint : public AbstractJSONBackedData {
   AbstractConnectionPointManager& manager_;
 
   std::atomic<bool> enabled_{true};
-  std::atomic<std::chrono::system_clock::time_point> enabledSince_{
-      std::chrono::system_clock::now()};
   std::atomic<bool> connected_{false};
   std::atomic<const char*> endReason_{"disabled"};
   std::atomic<bool> markedForDeletion_{false};

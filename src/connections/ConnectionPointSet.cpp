@@ -48,11 +48,7 @@ bool ConnectionPointSet::store(const Pointer& connectionPoint, Pointer& replaced
   if (!hasRoom(uniqueID)) {
     return false;
   }
-  {
-    const Locked list(listLock_);
-    replaced = std::exchange(listed_[uniqueID], connectionPoint);
-  }
-  stored_[uniqueID] = connectionPoint;
+  replaced = std::exchange(stored_[uniqueID], connectionPoint);
   if (replaced) {
     replaced->countIn(nullptr);
   }
@@ -77,16 +73,6 @@ ConnectionPointSet::List ConnectionPointSet::all() const {
   const Locked lock(lock_);
   list.reserve(stored_.size());
   for (const auto& entry : stored_) {
-    list.push_back(entry.second);
-  }
-  return list;
-}
-
-ConnectionPointSet::List ConnectionPointSet::snapshot() const {
-  List list;
-  const Locked lock(listLock_);
-  list.reserve(listed_.size());
-  for (const auto& entry : listed_) {
     list.push_back(entry.second);
   }
   return list;
@@ -178,10 +164,6 @@ void ConnectionPointSet::remove(const Pointer& connectionPoint) {
            nameForLog(connectionPoint->getUniqueID()).c_str(), stored_.size());
   }
   connectionPoint->countIn(nullptr);
-  {
-    const Locked list(listLock_);
-    listed_.erase(found->first);
-  }
   stored_.erase(found);
 }
 
