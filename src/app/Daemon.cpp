@@ -69,6 +69,7 @@ Daemon::Daemon(bool skipDatabase, const std::string& host, int32_t port)
       client_(std::make_unique<ValtorInterfaceClient>(host, port, kClientName, skipDatabase,
                                                       paths().databaseDirectory)) {
   client_->setDatabaseLoader(loadActiveDatabase);
+  client_->setWatchdog(&watchdog_);
 }
 
 Daemon::~Daemon() {

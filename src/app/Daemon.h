@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "app/util/Watchdog.h"
+
 namespace valtor {
 
 class StatusServer;
@@ -43,6 +45,7 @@ class Daemon {
  private:
   const bool skipDatabase_;
   std::chrono::milliseconds reconnectDelay_{1000};
+  Watchdog watchdog_;  // fed while the interface client handles messages
   std::unique_ptr<ValtorInterfaceClient> client_;
   std::unique_ptr<StatusServer> status_;
 };

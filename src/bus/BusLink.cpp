@@ -14,6 +14,7 @@
 #include "app/util/ErrnoText.h"
 #include "app/util/PollWait.h"
 #include "app/util/Warnings.h"
+#include "app/util/Watchdog.h"
 #include "bus/FrameSender.h"
 
 namespace valtor {
@@ -184,6 +185,7 @@ void BusLink::waitForRoom(std::chrono::microseconds& left) const {
   const auto begin = Clock::now();
   const auto longest = std::min<std::chrono::microseconds>(left, kRoomSlice);
   pollUntil(descriptor_, POLLOUT, begin + longest);
+  Watchdog::feed();
   if (Clock::now() - begin < kFullPause) {
     pollUntil(descriptor_, 0, begin + kFullPause);
   }

@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "app/util/Watchdog.h"
+
 namespace valtor {
 
 void OutgoingQueue::open(uint32_t link) {
@@ -43,7 +45,7 @@ void OutgoingQueue::waitForChange(uint64_t changes, const std::stop_token& own,
                                   const std::stop_token& caller) {
   const std::stop_callback wakeForCaller(caller, [this] { wake(); });
   const Locked lock(lock_);
-  changed_.wait(lock_, own, [&]() VALTOR_REQUIRES(lock_) {
+  Watchdog::wait(changed_, lock_, own, [&]() VALTOR_REQUIRES(lock_) {
     return changes_ != changes || caller.stop_requested();
   });
 }

@@ -49,7 +49,7 @@ class OutgoingQueue {
   };
   Answer push(const SharedFrame& frame, uint32_t link, bool mayGrow);
   // Blocks until something has changed since that answer (a frame left, the queue was closed or
-  // woken) or one of the tokens is stopped.
+  // woken) or one of the tokens is stopped, and feeds the watchdog meanwhile.
   void waitForChange(uint64_t changes, const std::stop_token& own, const std::stop_token& caller);
   void wake();
 

@@ -19,6 +19,7 @@
 #include "app/util/LineBudget.h"
 #include "app/util/UniqueDescriptor.h"
 #include "app/util/Warnings.h"
+#include "app/util/Watchdog.h"
 #include "bus/PellInternalClientMsgQThread.h"
 #include "bus/PellInternalClientRxThread.h"
 #include "bus/SocketConnect.h"
@@ -332,7 +333,7 @@ bool PellInternalClient::startThreads() {
       PellInternalClientRxThread::Parts{*this, *link_, queue_, *closing_, timing_, name_},
       queueLimit);
   auto messages = std::make_unique<PellInternalClientMsgQThread>(
-      PellInternalClientMsgQThread::Parts{*this, queue_, parser_, *closing_, name_});
+      PellInternalClientMsgQThread::Parts{*this, queue_, parser_, *closing_, name_, watchdog_});
   // Counted before each can end, kept as members only once they run.
   threadBegins();
   if (receive->start()) {
@@ -558,6 +559,7 @@ void PellInternalClient::deliver(const std::vector<PellInternalMessage>& message
       // Whoever closes waits for this thread, and a batch may hold ten thousand messages.
       return;
     }
+    Watchdog::feed();
     received_.add(message.receivedBytes());
     try {
       onMessage(message);

@@ -30,6 +30,7 @@ class ConnectionPointPhy;
 class FrameSender;
 class PellInternalClientMsgQThread;
 class PellInternalClientRxThread;
+class Watchdog;
 
 // One connection to a bus node: it connects, logs in, subscribes, sends, and owns two threads. The
 // receive thread keeps the link up and reads it; the message-queue thread cuts what was read into
@@ -151,6 +152,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   // Set before connect().
   void setFrameSender(std::weak_ptr<FrameSender> sender) { link_->setSender(std::move(sender)); }
   void setTiming(const Timing& timing) { timing_ = timing; }
+  // Fed by the message-queue thread; kept longer than the client.
+  void setWatchdog(Watchdog* watchdog) { watchdog_ = watchdog; }
   const Timing& timing() const { return timing_; }
   void setReceiveAll(bool receiveAll) { receiveAll_ = receiveAll; }
 
@@ -195,6 +198,7 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
 
   Timing timing_;
   bool receiveAll_ = false;
+  Watchdog* watchdog_ = nullptr;
   PellInternalStreamParser parser_;  // driven by the message-queue thread, or by nobody
   const std::string name_;
   std::atomic<bool> moduleReady_{false};

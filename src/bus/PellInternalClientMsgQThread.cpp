@@ -15,9 +15,11 @@ PellInternalClientMsgQThread::PellInternalClientMsgQThread(const Parts& parts)
 
 void PellInternalClientMsgQThread::InternalThreadEntry() {
   const ClientThreadScope scope(parts_.host);
+  const Watchdog::Feeder feeder(parts_.watchdog);
   while (isRunning() && !parts_.closing.begun()) {
     try {
-      if (parts_.queue.waitForChunk(parts_.closing.token(), trimDue_)) {
+      Watchdog::feed();
+      if (parts_.queue.waitForChunk(parts_.closing.token(), wakeUp())) {
         handleBatch();
       }
       trimMemory();
@@ -31,6 +33,13 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
       parts_.closing.sleep(kAfterFault);
     }
   }
+}
+
+// When something is to be done without a chunk.
+std::optional<PellInternalClientMsgQThread::Clock::time_point>
+PellInternalClientMsgQThread::wakeUp() const {
+  const auto feed = Watchdog::due();
+  return feed && trimDue_ ? std::min(feed, trimDue_) : feed ? feed : trimDue_;
 }
 
 void PellInternalClientMsgQThread::handleBatch() {

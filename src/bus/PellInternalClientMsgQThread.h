@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "app/util/Watchdog.h"
 #include "bus/ClosingSignal.h"
 #include "bus/IClientThreadHost.h"
 #include "bus/MyThreadClass.h"
@@ -25,6 +26,7 @@ class PellInternalClientMsgQThread : public MyThreadClass {
     PellInternalStreamParser& parser;
     const ClosingSignal& closing;
     const std::string& name;
+    Watchdog* watchdog;  // that this thread feeds, or null
   };
 
   explicit PellInternalClientMsgQThread(const Parts& parts);
@@ -52,6 +54,7 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   // Waits for chunks, takes one batch and delivers what it completes.
   void handleBatch();
   void trimMemory();
+  std::optional<Clock::time_point> wakeUp() const;
 
   Parts parts_;
   std::vector<char> batch_;

@@ -6,6 +6,8 @@
 #include <fcntl.h>
 #include <poll.h>
 
+#include "app/util/Watchdog.h"
+
 namespace valtor {
 
 namespace {
@@ -28,6 +30,7 @@ int waitConnected(int socket, std::chrono::milliseconds longest,
     pollfd entry{socket, POLLOUT, 0};
     const int ready =
         poll(&entry, 1, static_cast<int>(std::clamp<long long>(left.count(), 0, kSlice.count())));
+    Watchdog::feed();
     if (ready > 0) {
       return pendingError(socket);
     }

@@ -3,10 +3,12 @@
 #include <sys/socket.h>
 #include <thread>
 
+#include "app/util/Watchdog.h"
 #include "bus/BusLink.h"
 #include "bus/FrameSender.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
+#include "support/NotifySocket.h"
 
 namespace valtor {
 namespace {
@@ -97,6 +99,26 @@ TEST(BusLink, AFullSocketIsWaitedForUntilTheLinkOrTheClientEnds) {
     EXPECT_EQ(link->send(frame(big), link->number()).outcome, BusLink::Send::NotConnected);
     ender.join();
   }
+}
+
+TEST(BusLink, WaitsForRoomFeedTheWatchdog) {
+  const test::NotifySocket manager("@valtor-watchdog-room");
+  Watchdog watchdog;
+  const auto feedsIn = [&](const auto& wait, const auto& end) {
+    std::thread waiter([&] {
+      const Watchdog::Feeder feeder(&watchdog);
+      wait();
+    });
+    EXPECT_TRUE(manager.isFed(3));
+    end();
+    waiter.join();
+  };
+  const auto link = makeLink(1h);
+  const UniqueDescriptor far = openLink(*link);
+  feedsIn([&] { link->send(frame(std::string(4'000'000, 'x')), 1); },
+          [&] { link->shutdownSocket(); });
+  OutgoingQueue queue;
+  feedsIn([&] { queue.waitForChange(0, {}, {}); }, [&] { queue.wake(); });
 }
 
 // A link whose far end takes what the test takes, with a frame sender behind it.

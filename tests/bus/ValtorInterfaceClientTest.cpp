@@ -1,10 +1,12 @@
 #include <atomic>
 #include <gtest/gtest.h>
 
+#include "app/util/Watchdog.h"
 #include "bus/BusSupport.h"
 #include "bus/ValtorInterfaceClient.h"
 #include "bus/message/RSPMessage.h"
 #include "support/Eventually.h"
+#include "support/NotifySocket.h"
 #include "support/ScriptedNode.h"
 
 namespace valtor {
@@ -151,6 +153,36 @@ TEST_F(InterfaceClientTest, StandbyDropsTheHandlersAndAnyOtherRoleLoadsTheDataba
   peer->sendPayload("[\"SET\", \"system\", 2, 0, 0]\n{\"param\":{\"mdxMasterState\":1}}");
   peer->sendPayload("[\"RSP\", \"system\", 2, 0, 0]\nno json");
   EXPECT_TRUE(test::eventually([&] { return record_.lines().size() == 2; }));
+}
+
+TEST_F(InterfaceClientTest, FeedsTheWatchdogIdleAndAtTheGateButNotBehindAHandlerThatHangs) {
+  const test::NotifySocket manager("@valtor-watchdog-client");
+  Watchdog watchdog;
+  client_.setWatchdog(&watchdog);
+  addHandler("device");
+  client_.startGate().shut();
+  client_.connect();
+  auto peer = acceptLink();
+  EXPECT_TRUE(manager.isFed(3));
+  const auto handles = [&](bool something) {
+    return test::eventually([&] {
+      const auto queue = client_.figures().queue;
+      return queue.chunks == 0 && (queue.delay.count() > 0) == something;
+    });
+  };
+  peer->sendPayload("[\"NOT\", \"device\", 490, 0, 0]\n{}");
+  ASSERT_TRUE(handles(true));
+  EXPECT_TRUE(manager.isFed(3));
+  client_.startGate().open();
+  ASSERT_TRUE(handles(false));
+  client_.forEachHandler([&](IPellaInternalProtocolHandler&) {  // which holds the handlers
+    peer->sendPayload("[\"NOT\", \"device\", 490, 0, 0]\n{}");
+    ASSERT_TRUE(handles(true));
+    EXPECT_TRUE(
+        test::eventually([&] { return manager.next(std::chrono::milliseconds(400)).empty(); }));
+  });
+  EXPECT_TRUE(manager.isFed(3));
+  client_.close();
 }
 
 }  // namespace

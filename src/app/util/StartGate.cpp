@@ -1,5 +1,7 @@
 #include "app/util/StartGate.h"
 
+#include "app/util/Watchdog.h"
+
 namespace valtor {
 
 void StartGate::shut() {
@@ -15,7 +17,7 @@ void StartGate::open() {
 
 void StartGate::wait(const std::stop_token& stop) {
   const Locked lock(mutex_);
-  changed_.wait(mutex_, stop, [this]() VALTOR_REQUIRES(mutex_) { return open_; });
+  Watchdog::wait(changed_, mutex_, stop, [this]() VALTOR_REQUIRES(mutex_) { return open_; });
 }
 
 }  // namespace valtor

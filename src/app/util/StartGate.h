@@ -15,7 +15,7 @@ class StartGate {
   void shut();
   void open();
 
-  // Blocks until the gate is open or the token is stopped.
+  // Blocks until the gate is open or the token is stopped, and feeds the watchdog meanwhile.
   void wait(const std::stop_token& stop);
 
  private:

@@ -1,0 +1,69 @@
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <optional>
+#include <stop_token>
+#include <sys/un.h>
+
+#include "app/util/UniqueDescriptor.h"
+
+namespace valtor {
+
+// The watchdog of a service manager, which ends and restarts a process that stops to feed it
+// (sd_watchdog_enabled(3), sd_notify(3)). One thread feeds it, the one whose standing still is what
+// a restart mends; calls of the static operations by any other thread do nothing. It feeds where it
+// goes on, and in waits that may rightfully take long. A wait for a lock is none of these: nobody
+// holds one for long, and what does is the hang that the watchdog is for.
+//
+// Feeding never blocks, takes no lock and writes no log line. The owner keeps the watchdog longer
+// than its feeder.
+class Watchdog {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Off unless the environment asks for it: WATCHDOG_USEC, NOTIFY_SOCKET and, if it is set, a
+  // WATCHDOG_PID that is this process. Logs that it is on, or why it cannot be.
+  Watchdog();
+
+  bool isOn() const { return socket_.valid(); }
+
+  // Makes the calling thread the one that feeds, for its own life on that thread's stack; with null
+  // or a watchdog that is off, it does nothing.
+  class Feeder {
+   public:
+    explicit Feeder(Watchdog* watchdog);
+    ~Feeder();
+    Feeder(const Feeder&) = delete;
+    Feeder& operator=(const Feeder&) = delete;
+  };
+
+  // Feeds, unless half of the watchdog's time has not passed since it was fed last.
+  static void feed();
+  // When feed() will feed again: who waits is awake by then. Nothing where the calling thread feeds
+  // no watchdog, so that nobody wakes for it.
+  static std::optional<Clock::time_point> due();
+
+  // changed.wait(lock, stop, holds), which feeds meanwhile.
+  template <class Lock, class Condition>
+  static bool wait(std::condition_variable_any& changed, Lock& lock, const std::stop_token& stop,
+                   Condition holds) {
+    while (const auto until = due()) {
+      const bool held = changed.wait_until(lock, stop, *until, holds);
+      if (held || stop.stop_requested()) {
+        return held;
+      }
+      feed();
+    }
+    return changed.wait(lock, stop, holds);
+  }
+
+ private:
+  UniqueDescriptor socket_;  // none: off
+  sockaddr_un address_{};
+  socklen_t addressSize_ = 0;
+  std::chrono::microseconds interval_{};  // half of what the service manager allows
+  Clock::time_point due_{};               // of the feeding thread
+};
+
+}  // namespace valtor
