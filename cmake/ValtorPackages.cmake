@@ -4,6 +4,8 @@ include(GNUInstallDirs)
 
 set(VALTOR_UNIT_DIR "lib/systemd/system" CACHE STRING
     "Where the systemd unit goes; relative to the prefix, absolute in packages")
+set(VALTOR_INIT_DIR "etc/init.d" CACHE STRING
+    "Where the start script for machines without systemd goes; the same")
 set(packaging "${CMAKE_SOURCE_DIR}/packaging")
 
 # valtor_install_compressed(<component> <file> <folder> <name>): as <name>.gz, the way Debian has
@@ -42,6 +44,9 @@ configure_file("${packaging}/valtor-remote.service.in" "${CMAKE_BINARY_DIR}/valt
                @ONLY)
 install(FILES "${CMAKE_BINARY_DIR}/valtor-remote.service" DESTINATION "${VALTOR_UNIT_DIR}"
         COMPONENT daemon)
+configure_file("${packaging}/valtor-remote.init.in" "${CMAKE_BINARY_DIR}/valtor-remote.init" @ONLY)
+install(PROGRAMS "${CMAKE_BINARY_DIR}/valtor-remote.init" DESTINATION "${VALTOR_INIT_DIR}"
+        RENAME valtor-remote COMPONENT daemon)
 install(FILES "${packaging}/valtor-remote.tmpfiles" DESTINATION lib/tmpfiles.d
         RENAME valtor-remote.conf COMPONENT daemon)
 install(DIRECTORY "${packaging}/examples"
@@ -104,7 +109,7 @@ rules. It follows the controller's active or standby role, announces every
 change of a connection and comes back by itself after every outage.")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS valtor-remote-tools)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA
-    "${packaging}/postinst;${packaging}/prerm;${packaging}/postrm")
+    "${packaging}/conffiles;${packaging}/postinst;${packaging}/prerm;${packaging}/postrm")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME valtor-remote-tools)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SOURCE valtor-remote)
