@@ -1,11 +1,13 @@
 #include "app/SingleInstance.h"
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <syslog.h>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 
@@ -15,7 +17,10 @@ namespace valtor {
 
 namespace {
 
-// Who listens at the name; false when nobody can be asked.
+constexpr std::chrono::seconds kPatience{1};
+constexpr std::chrono::milliseconds kPause{10};
+
+// Who listens at the name; false, with errno, when it cannot be asked.
 bool holder(const sockaddr* address, socklen_t size, ucred& credentials) {
   const UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   socklen_t length = sizeof credentials;
@@ -26,31 +31,49 @@ bool holder(const sockaddr* address, socklen_t size, ucred& credentials) {
 }  // namespace
 
 bool SingleInstance::acquire() {
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  Answer answer = tryOnce();
+  while (answer == Answer::Unclear && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(kPause);
+    answer = tryOnce();
+  }
+  if (answer == Answer::Unclear || answer == Answer::Failed) {
+    syslog(LOG_WARNING, "Whether another daemon runs cannot be told: %s\n",
+           errnoText(errno).c_str());
+  }
+  return answer != Answer::Held;
+}
+
+// Failed and Unclear with errno.
+SingleInstance::Answer SingleInstance::tryOnce() {
   sockaddr_un name{};  // the leading NUL makes it abstract
   name.sun_family = AF_UNIX;
   name_.copy(name.sun_path + 1, name_.size());
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name_.size());
   const auto* const address = reinterpret_cast<const sockaddr*>(&name);
   UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (!socket.valid() || bind(socket.get(), address, size) != 0) {
-    const int error = errno;
-    ucred credentials{};
-    if (error == EADDRINUSE && holder(address, size, credentials)) {
-      if (credentials.uid == 0 || credentials.uid == geteuid()) {
-        return false;
-      }
-      syslog(LOG_WARNING,
-             "The name of the running daemon is held by process %d of user %u, which is ignored.\n",
-             static_cast<int>(credentials.pid), static_cast<unsigned>(credentials.uid));
-      return true;
-    }
-    syslog(LOG_WARNING, "Whether another daemon runs cannot be told: %s\n",
-           errnoText(error).c_str());
-    return true;
+  if (socket.valid() && bind(socket.get(), address, size) == 0) {
+    // Nobody accepts: who has asked stays in the line, which must not fill up.
+    ::listen(socket.get(), SOMAXCONN);
+    socket_ = std::move(socket);
+    return Answer::Acquired;
   }
-  ::listen(socket.get(), 1);
-  socket_ = std::move(socket);
-  return true;
+  if (!socket.valid() || errno != EADDRINUSE) {
+    return Answer::Failed;
+  }
+  ucred credentials{};
+  if (!holder(address, size, credentials)) {
+    // A full line (EAGAIN) has somebody who listens: to be refused is better than to feed it. One
+    // that refuses is between bind and listen, or has just gone.
+    return errno == EAGAIN ? Answer::Held : Answer::Unclear;
+  }
+  if (credentials.uid == 0 || credentials.uid == geteuid()) {
+    return Answer::Held;
+  }
+  syslog(LOG_WARNING,
+         "The name of the running daemon is held by process %d of user %u, which is ignored.\n",
+         static_cast<int>(credentials.pid), static_cast<unsigned>(credentials.uid));
+  return Answer::Stranger;
 }
 
 }  // namespace valtor

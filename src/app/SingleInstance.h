@@ -17,10 +17,14 @@ class SingleInstance {
 
   // False when another daemon, of root or of this user, holds the name. A holder that is neither is
   // logged and ignored, and so is every failure but a taken name: no check is better than no
-  // daemon.
+  // daemon. Waits for a second at most, while a holder is just coming or going.
   bool acquire();
 
  private:
+  enum class Answer { Acquired, Held, Stranger, Unclear, Failed };
+
+  Answer tryOnce();
+
   const std::string name_;
   UniqueDescriptor socket_;  // holds the name
 };

@@ -100,11 +100,14 @@ JSONPtr routerObject(const RouterDescription& router, const DispatcherPeerClient
   cJSON_AddNumberToObject(object.get(), "port", router.port);
   cJSON_AddBoolToObject(object.get(), "enabled", router.enabled ? 1 : 0);
   PellInternalClient::Figures figures;
-  figures.history.since = kStart;
+  figures.history.since = router.enabledSince;
   DispatcherPeerClient::BridgeFigures bridge;
   if (peer != nullptr) {
     figures = peer->figures();
     bridge = peer->bridgeFigures();
+    if (!router.enabled && !figures.history.up) {
+      figures.history.since = router.enabledSince;
+    }
   }
   const char* const down = router.enabled ? "down" : "disabled";
   cJSON_AddStringToObject(object.get(), "state", figures.history.up ? "up" : down);

@@ -35,10 +35,13 @@ struct StatusServer::Asker {
   bool asked = false;  // the document is its answer, or it follows
   bool gone = false;
   bool sawEnd = false;  // it sends no more
+  bool more = false;    // lines may wait for it, of which nobody tells
   TrafficTap::FollowerPtr follower;
   Clock::time_point deadline;  // for what it waits for: its line, or its answer to be read
 
-  bool waitsForDeadline() const { return !asked || !output.empty() || follower == nullptr; }
+  // A follower may be as slow as it likes: what its ring has no room for is left out.
+  bool waitsToBeRead() const { return !output.empty() && follower == nullptr; }
+  bool waitsForDeadline() const { return !asked || waitsToBeRead(); }
 };
 
 StatusServer::StatusServer(std::string path, Source source)
@@ -52,6 +55,9 @@ StatusServer::StatusServer(std::string path, Source source)
     return;
   }
   serving_ = start();
+  if (!serving_) {
+    closeListener();  // who asks is told that nobody is there
+  }
 }
 
 StatusServer::~StatusServer() {
@@ -60,7 +66,12 @@ StatusServer::~StatusServer() {
     wake();
     join();
   }
+  closeListener();
+}
+
+void StatusServer::closeListener() {
   if (listener_.valid()) {
+    listener_.reset();
     ::unlink(path_.c_str());
   }
 }
@@ -108,16 +119,25 @@ void StatusServer::InternalThreadEntry() {
     try {
       wait();
     } catch (const std::exception& error) {
+      // Nothing here may allocate: there may be no memory still.
       syslog(LOG_ERR, "StatusServer: %s\n", error.what());
-      askers_.clear();
+      dropAskers([](const Asker&) { return true; });
+      pollUntil(wakeEvent_.get(), 0, Clock::now() + kGrace);
     }
   }
-  for (const auto& asker : askers_) {
+  dropAskers([](const Asker&) { return true; });
+}
+
+void StatusServer::dropAskers(bool (*ends)(const Asker&)) {
+  std::erase_if(askers_, [&](const std::unique_ptr<Asker>& asker) {
+    if (!ends(*asker)) {
+      return false;
+    }
     if (asker->follower) {
       source_.unfollow(asker->follower);
     }
-  }
-  askers_.clear();
+    return true;
+  });
 }
 
 // One round: waits for whoever needs something, and serves them.
@@ -133,6 +153,9 @@ void StatusServer::wait() {
     if (asker->waitsForDeadline()) {
       until = std::min(until, asker->deadline);
     }
+    if (asker->more && asker->output.empty()) {
+      until = Clock::now();
+    }
   }
   pollUntil(entries, until);
   if (entries[0].revents != 0) {
@@ -142,12 +165,7 @@ void StatusServer::wait() {
   for (std::size_t i = 0; i < askers_.size(); ++i) {
     serve(*askers_[i], entries[i + 2].revents);
   }
-  std::erase_if(askers_, [this](const std::unique_ptr<Asker>& asker) {
-    if (asker->gone && asker->follower) {
-      source_.unfollow(asker->follower);
-    }
-    return asker->gone;
-  });
+  dropAskers([](const Asker& asker) { return asker.gone; });
   if (entries[1].revents != 0) {
     acceptAll();
   }
@@ -183,12 +201,12 @@ void StatusServer::serve(Asker& asker, short events) {
   }
   if (asker.follower && asker.output.empty()) {
     asker.output = source_.take(*asker.follower);
-    asker.deadline = now + kPatience;
+    asker.more = !asker.output.empty();
   }
   if (!asker.gone && !asker.output.empty()) {
     write(asker);
   }
-  if (!asker.output.empty() && now >= asker.deadline) {
+  if (asker.waitsToBeRead() && now >= asker.deadline) {
     asker.gone = true;
   }
 }
@@ -202,9 +220,7 @@ void StatusServer::readRequest(Asker& asker) {
   }
   asker.sawEnd = count == 0;
   if (asker.asked) {
-    // Nothing more is expected; the end of a follower's stream is its end.
-    asker.gone = count == 0 && asker.follower != nullptr;
-    return;
+    return;  // nothing more is expected
   }
   asker.request.append(bytes, static_cast<std::size_t>(count));
   if (count == 0 || asker.request.find('\n') != std::string::npos ||
@@ -222,6 +238,14 @@ void StatusServer::answer(Asker& asker) {
     asker.output = source_.document();
     return;
   }
+  const auto follows = [](const std::unique_ptr<Asker>& other) {
+    return other->follower != nullptr;
+  };
+  if (static_cast<std::size_t>(std::count_if(askers_.begin(), askers_.end(), follows)) >=
+      kMaxFollowers) {
+    asker.output = "{\"error\":\"too many follow already\"}\n";
+    return;
+  }
   const std::string uniqueID = asker.request.substr(kFollow.size(), end - kFollow.size());
   asker.follower = source_.follow(uniqueID, [this] { wake(); });
   if (asker.follower == nullptr) {
@@ -236,8 +260,6 @@ void StatusServer::write(Asker& asker) {
     asker.output.erase(0, static_cast<std::size_t>(count));
     if (asker.output.empty() && asker.follower == nullptr) {
       asker.gone = true;  // answered
-    } else if (count > 0 && asker.follower != nullptr) {
-      asker.deadline = Clock::now() + kPatience;
     }
   } else if (errno != EAGAIN && errno != EINTR) {
     asker.gone = true;

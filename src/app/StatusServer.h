@@ -28,10 +28,12 @@ class StatusServer final : public MyThreadClass {
   };
 
   // How long somebody who sends nothing may still send a line.
-  static constexpr std::chrono::milliseconds kGrace{100};
+  static constexpr std::chrono::milliseconds kGrace{300};
   // How long an answer may take to be read.
   static constexpr std::chrono::milliseconds kPatience{1000};
   static constexpr std::size_t kMaxAskers = 64;  // at once; others wait to be accepted
+  static constexpr std::size_t kMaxFollowers =
+      16;                                        // of these; they stay, and hold a mebibyte or two
   static constexpr std::size_t kMaxLine = 1024;  // bytes of what an asker sends
 
   // Listens at the path, whose folder is made, and for the group "adm" where there is one. Where
@@ -50,12 +52,14 @@ class StatusServer final : public MyThreadClass {
   struct Asker;
 
   bool listen();
+  void closeListener();
   void acceptAll();
   void serve(Asker& asker, short events);
   void readRequest(Asker& asker);
   void answer(Asker& asker);
   void write(Asker& asker);
   void wait();
+  void dropAskers(bool (*ends)(const Asker&));
   void wake();
 
   const std::string path_;

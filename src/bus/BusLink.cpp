@@ -32,6 +32,7 @@ class VALTOR_SCOPED_CAPABILITY BusLink::SendScope {
   explicit SendScope(BusLink& link) VALTOR_ACQUIRE(link.sendLock_) : link_(link) {
     link_.sendLock_.lock();
   }
+  SendScope(BusLink& link, std::adopt_lock_t) VALTOR_REQUIRES(link.sendLock_) : link_(link) {}
   ~SendScope() VALTOR_RELEASE() {
     link_.sendLock_.unlock();
     link_.tellSender();
@@ -69,7 +70,8 @@ std::optional<std::vector<BusLink::SendResult>> BusLink::open(
   state_ = 1;
   std::vector<SendResult> results;
   for (const SharedFrame& first : firstFrames()) {
-    results.push_back(write(first));
+    passed_ = false;  // frames may wait already: the link is seen to stand since state_
+    results.push_back(write(first, {}));
   }
   return results;
 }
@@ -78,74 +80,96 @@ bool BusLink::stands(uint32_t link) const {
   return !isOver() && state_ == 1 && number_ == link && descriptor_ > 0;
 }
 
-BusLink::SendResult BusLink::send(const SharedFrame& frame, uint32_t link) {
+BusLink::SendResult BusLink::send(const SharedFrame& frame, uint32_t link,
+                                  const std::stop_token& caller) {
   SendResult result;
+  if (!sendLock_.lock(caller)) {
+    return result;
+  }
   {
-    const SendScope scope(*this);
+    const SendScope scope(*this, std::adopt_lock);
     if (stands(link)) {
-      result = write(frame);
+      result = write(frame, caller);
     }
   }
   sayWhatChanged();
   return result;
 }
 
-BusLink::SendResult BusLink::write(const SharedFrame& frame) {
-  std::chrono::microseconds left = budget_;
-  if (const auto head = queue_.head(); head && head->offset > 0) {
-    SendResult rest = writeBytes(head->frame, head->offset, left);
-    if (rest.outcome != Send::Sent) {
-      rest.sent = 0;
-      rest.size = frame->size();
-      return rest;
-    }
+BusLink::SendResult BusLink::write(const SharedFrame& frame, const std::stop_token& caller) {
+  Patience patience{budget_, caller};
+  SendResult rest = finishHead(patience);
+  if (rest.outcome == Send::Sent && passed_) {
+    giveTurn(patience);
+    rest = finishHead(patience);
   }
-  // Who sends this way again and again must not keep the queue waiting: they take turns.
-  if (const auto head = queue_.head(); head && passed_) {
-    passed_ = false;  // one turn, whether the head can use it or not
-    waitForPace();
-    if (!isOver()) {
-      sendHead(*head);
-    }
-    return write(frame);
+  if (rest.outcome != Send::Sent) {
+    rest.sent = 0;
+    rest.size = frame->size();
+    return rest;
   }
   passed_ = true;
-  return writeBytes(frame, 0, left);
+  return writeBytes(frame, nullptr, patience);
 }
 
-// Sends a frame from that offset on; of one that is at the queue's head the queue is told.
-BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, std::size_t offset,
-                                        std::chrono::microseconds& left) {
-  const bool isHead = offset > 0;
+// Nothing may come between the parts of a frame.
+BusLink::SendResult BusLink::finishHead(Patience& patience) {
+  const auto head = queue_.head();
+  if (head && head->offset > 0) {
+    return writeBytes(head->frame, &*head, patience);
+  }
+  SendResult none;
+  none.outcome = Send::Sent;
+  return none;
+}
+
+// Who sends past the queue again and again must not keep it waiting: they take turns, and a turn is
+// something that the socket takes, or all the time that there is.
+void BusLink::giveTurn(Patience& patience) {
+  passed_ = false;
+  const auto head = queue_.head();
+  while (head && patience.left > std::chrono::microseconds::zero()) {
+    waitForPace();
+    if (isOver() || patience.caller.stop_requested() || sendHead(*head) || errno != EAGAIN) {
+      return;
+    }
+    waitForRoom(patience.left);
+  }
+}
+
+// Sends the frame, or the rest of the queue's head, whose frame it is then.
+BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, const OutgoingQueue::Head* head,
+                                        Patience& patience) {
   SendResult result;
   result.size = frame->size();
-  result.sent = offset;
+  result.sent = head != nullptr ? head->offset : 0;
   while (result.sent < result.size && result.outcome == Send::NotConnected) {
     waitForPace();
-    if (isOver()) {
+    if (isOver() || patience.caller.stop_requested()) {
       break;
     }
     const ssize_t count = sendOnce(frame, result.sent);
     if (count >= 0) {
-      result.sent += static_cast<std::size_t>(count);
-      if (isHead) {
-        queue_.advance(static_cast<std::size_t>(count));
-        headFullSince_.reset();
-        left = budget_;  // whoever takes a long frame slowly is not given up for its length
+      if (head != nullptr) {
+        headIsOut(*head, result.sent, static_cast<std::size_t>(count));
+        patience.left = budget_;  // who takes a long frame slowly is not given up for its length
       }
+      result.sent += static_cast<std::size_t>(count);
     } else if (errno != EAGAIN) {
       result.error = errno;
       result.outcome = Send::Failed;
-    } else if (left <= std::chrono::microseconds::zero()) {
+    } else if (patience.left <= std::chrono::microseconds::zero()) {
       result.outcome = Send::BudgetExhausted;
     } else {
-      waitForRoom(left);
+      waitForRoom(patience.left);
     }
   }
   if (result.sent == result.size) {
     result.outcome = Send::Sent;
-    sent_.add(result.size);
-  } else if (result.sent > 0 && !isHead) {
+    if (head == nullptr) {
+      sent_.add(result.size);
+    }
+  } else if (result.sent > 0 && head == nullptr) {
     try {
       queue_.pushFront(frame, result.sent);
       headFullSince_.reset();
@@ -223,7 +247,10 @@ void BusLink::noteFull() {
 BusLink::Send BusLink::forward(const SharedFrame& frame, const std::stop_token& caller) {
   const auto sender = sender_.lock();
   if (sender == nullptr || !sender->isStarted()) {
-    const SendResult result = send(frame, number_);
+    const SendResult result = send(frame, number_, caller);
+    if (result.outcome == Send::Sent) {
+      forwarded_.add(result.size);
+    }
     report(result);
     return result.outcome;
   }
@@ -297,13 +324,20 @@ bool BusLink::sendHead(const OutgoingQueue::Head& head) {
     return false;
   }
   passed_ = false;
-  headFullSince_.reset();
-  queue_.advance(static_cast<std::size_t>(count));
-  if (head.offset + static_cast<std::size_t>(count) == head.frame->size()) {
-    sent_.add(head.frame->size());
-    forwarded_.add(head.frame->size());
-  }
+  headIsOut(head, head.offset, static_cast<std::size_t>(count));
   return true;
+}
+
+// So many bytes of the head are out behind those that were; the last one counts the frame.
+void BusLink::headIsOut(const OutgoingQueue::Head& head, std::size_t done, std::size_t count) {
+  headFullSince_.reset();
+  queue_.advance(count);
+  if (done + count == head.frame->size()) {
+    sent_.add(head.frame->size());
+    if (head.forwarded) {
+      forwarded_.add(head.frame->size());
+    }
+  }
 }
 
 // At most one send: the next one has to wait for the pace. What there is to log about it.

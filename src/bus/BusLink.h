@@ -89,8 +89,9 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   std::optional<std::vector<SendResult>> open(
       UniqueDescriptor socket, const std::function<std::vector<SharedFrame>()>& firstFrames);
 
-  // Writes one frame if the given link still stands.
-  SendResult send(const SharedFrame& frame, uint32_t link);
+  // Writes one frame if the given link still stands. Waits for its turn and for room: at most the
+  // budget after the last byte that the socket took, and only until the caller's token is stopped.
+  SendResult send(const SharedFrame& frame, uint32_t link, const std::stop_token& caller = {});
 
   // Sends the frame or lets it wait. Blocks only while the queue is full and its router still takes
   // frames; the client's end and the caller's token end that. NotConnected, or Sent: it left,
@@ -141,11 +142,20 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
  private:
   class SendScope;
 
+  // How long one send may wait still, and what ends that early.
+  struct Patience {
+    std::chrono::microseconds left;
+    const std::stop_token& caller;
+  };
+
   bool stands(uint32_t link) const VALTOR_REQUIRES(sendLock_);
   bool isOver() const { return closing_->begun() || ended_; }
-  SendResult write(const SharedFrame& frame) VALTOR_REQUIRES(sendLock_);
-  SendResult writeBytes(const SharedFrame& frame, std::size_t offset,
-                        std::chrono::microseconds& left) VALTOR_REQUIRES(sendLock_);
+  SendResult write(const SharedFrame& frame, const std::stop_token& caller)
+      VALTOR_REQUIRES(sendLock_);
+  SendResult finishHead(Patience& patience) VALTOR_REQUIRES(sendLock_);
+  void giveTurn(Patience& patience) VALTOR_REQUIRES(sendLock_);
+  SendResult writeBytes(const SharedFrame& frame, const OutgoingQueue::Head* head,
+                        Patience& patience) VALTOR_REQUIRES(sendLock_);
   ssize_t sendOnce(const SharedFrame& frame, std::size_t offset) VALTOR_REQUIRES(sendLock_);
   void waitForPace() const VALTOR_REQUIRES(sendLock_);
   void waitForRoom(std::chrono::microseconds& left) const VALTOR_REQUIRES(sendLock_);
@@ -153,6 +163,8 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   void noteTaken() VALTOR_REQUIRES(sendLock_);
   std::optional<SendResult> drainHead(Wait& wait) VALTOR_REQUIRES(sendLock_);
   bool sendHead(const OutgoingQueue::Head& head) VALTOR_REQUIRES(sendLock_);
+  void headIsOut(const OutgoingQueue::Head& head, std::size_t done, std::size_t count)
+      VALTOR_REQUIRES(sendLock_);
   Send enqueue(const SharedFrame& frame, FrameSender& sender, const std::stop_token& caller);
   std::size_t endQueue() VALTOR_REQUIRES(sendLock_);
   void noteDropped();
@@ -173,7 +185,7 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   Clock::duration fullFor_ VALTOR_GUARDED_BY(sendLock_){};
   std::optional<Clock::time_point> fullSeen_ VALTOR_GUARDED_BY(sendLock_);
   Clock::time_point nextTry_ VALTOR_GUARDED_BY(sendLock_){};  // of a stalled router
-  bool passed_ VALTOR_GUARDED_BY(sendLock_) = false;          // the last frame went past the queue
+  bool passed_ VALTOR_GUARDED_BY(sendLock_) = false;          // the queue has the next turn
   int unsent_ VALTOR_GUARDED_BY(sendLock_) = 0;
   // Since when the frame at the queue's head has met a full socket.
   std::optional<Clock::time_point> headFullSince_ VALTOR_GUARDED_BY(sendLock_);

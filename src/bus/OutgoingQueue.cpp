@@ -110,7 +110,7 @@ void OutgoingQueue::pushFront(SharedFrame frame, std::size_t offset) {
     return;
   }
   const std::size_t size = frame->size();
-  frames_.push_front({std::move(frame), offset});
+  frames_.push_front({std::move(frame), offset, false});
   bytes_ += size;
   count_ = frames_.size();
 }

@@ -29,6 +29,7 @@ class OutgoingQueue {
   struct Head {
     SharedFrame frame;
     std::size_t offset = 0;  // bytes that are out already
+    bool forwarded = true;   // appended, not the rest of another frame
   };
   struct Size {
     std::size_t frames = 0;

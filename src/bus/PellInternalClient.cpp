@@ -108,11 +108,16 @@ int PellInternalClient::sendConstMessage(const PellInternalMessage& message) {
   return sendAs(message, message.header.sourceConnID);
 }
 
+// Stopped when the client is closed whose thread this is.
+std::stop_token PellInternalClient::callersToken() {
+  return currentClient != nullptr ? currentClient->closingToken() : std::stop_token();
+}
+
 int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourceConnID) {
   BusLink::SendResult result;
   const uint32_t link = link_->number();
   if (isConnected()) {
-    result = link_->send(frameOf(message, sourceConnID), link);
+    result = link_->send(frameOf(message, sourceConnID), link, callersToken());
   }
   if (result.outcome == BusLink::Send::NotConnected) {
     countWarning(Warning::NotConnected);
@@ -124,9 +129,7 @@ int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourc
 }
 
 int PellInternalClient::forwardFrame(const SharedFrame& frame) {
-  const std::stop_token caller =
-      currentClient != nullptr ? currentClient->closingToken() : std::stop_token();
-  if (link_->forward(frame, caller) == BusLink::Send::NotConnected) {
+  if (link_->forward(frame, callersToken()) == BusLink::Send::NotConnected) {
     countWarning(Warning::NotConnected);
     syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
   }
@@ -192,6 +195,15 @@ void PellInternalClient::setConnectionState(int state, const std::string& reason
 }
 
 void PellInternalClient::noteLink(int state, const std::string& reason) {
+  try {
+    sayLink(state, reason);
+  } catch (const std::bad_alloc&) {
+    // The hook that follows must be called whatever can be said.
+    syslog(LOG_ERR, "%s: no memory to say what became of the link.\n", name_.c_str());
+  }
+}
+
+void PellInternalClient::sayLink(int state, const std::string& reason) {
   const char* const wanted = state == 1 ? nullptr : endReason_.exchange(nullptr);
   const std::string why = wanted != nullptr ? wanted : plainReason(reason);
   if (!history_.note(state == 1, why, wanted != nullptr || isClosing())) {

@@ -63,7 +63,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   PellInternalClient& operator=(const PellInternalClient&) = delete;
 
   // Sends the message with this client's connection id as its source; the message itself stays as
-  // it is. Blocks at most for the send retry budget.
+  // it is. Blocks while others send, and at most the send retry budget after the last byte that the
+  // socket took.
   int sendMessage(const PellInternalMessage& message) override;
   void subscribe(const std::string& path) override;
   virtual std::string getName();
@@ -193,6 +194,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   bool hasEndpoint();
   void deliver(const std::vector<PellInternalMessage>& messages);
   void noteLink(int state, const std::string& reason);
+  void sayLink(int state, const std::string& reason);
+  static std::stop_token callersToken();
   void threadBegins();
   void threadEnded();
 

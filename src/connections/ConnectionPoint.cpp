@@ -71,7 +71,7 @@ int ConnectionPoint::loadFromJSON(const cJSON* item) {
   }
   uniqueID_ = uniqueID;
   if (const cJSON* enabled = cJSON_GetObjectItem(item, "enabled"); enabled != nullptr) {
-    enabled_ = cJSON_IsTrue(enabled) != 0;
+    setEnabled(cJSON_IsTrue(enabled) != 0);
   }
   return 0;
 }
@@ -237,7 +237,13 @@ void ConnectionPoint::update(ConnectionPoint& from) {
     uniqueID_ = std::move(identity.uniqueID);
     recount();
   }
-  enabled_ = from.isEnabled();
+  setEnabled(from.isEnabled());
+}
+
+void ConnectionPoint::setEnabled(bool enabled) {
+  if (enabled_.exchange(enabled) != enabled) {
+    enabledSince_ = std::chrono::system_clock::now();
+  }
 }
 
 void ConnectionPoint::markForDeletion(bool marked) {

@@ -109,7 +109,9 @@ class ConnectionPoint : public AbstractJSONBackedData {
   bool isDeletable() const { return deletable_; }
 
   bool isEnabled() const { return enabled_; }
-  void setEnabled(bool enabled) { enabled_ = enabled; }
+  void setEnabled(bool enabled);
+  // When that was set to what it is now.
+  std::chrono::system_clock::time_point enabledSince() const { return enabledSince_; }
 
   std::string getUniqueID() const;
 
@@ -181,6 +183,8 @@ class ConnectionPoint : public AbstractJSONBackedData {
   AbstractConnectionPointManager& manager_;
 
   std::atomic<bool> enabled_{true};
+  std::atomic<std::chrono::system_clock::time_point> enabledSince_{
+      std::chrono::system_clock::now()};
   std::atomic<bool> connected_{false};
   std::atomic<const char*> endReason_{"disabled"};
   std::atomic<bool> markedForDeletion_{false};

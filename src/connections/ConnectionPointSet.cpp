@@ -48,7 +48,11 @@ bool ConnectionPointSet::store(const Pointer& connectionPoint, Pointer& replaced
   if (!hasRoom(uniqueID)) {
     return false;
   }
-  replaced = std::exchange(stored_[uniqueID], connectionPoint);
+  {
+    const Locked list(listLock_);
+    replaced = std::exchange(listed_[uniqueID], connectionPoint);
+  }
+  stored_[uniqueID] = connectionPoint;
   if (replaced) {
     replaced->countIn(nullptr);
   }
@@ -73,6 +77,16 @@ ConnectionPointSet::List ConnectionPointSet::all() const {
   const Locked lock(lock_);
   list.reserve(stored_.size());
   for (const auto& entry : stored_) {
+    list.push_back(entry.second);
+  }
+  return list;
+}
+
+ConnectionPointSet::List ConnectionPointSet::snapshot() const {
+  List list;
+  const Locked lock(listLock_);
+  list.reserve(listed_.size());
+  for (const auto& entry : listed_) {
     list.push_back(entry.second);
   }
   return list;
@@ -164,6 +178,10 @@ void ConnectionPointSet::remove(const Pointer& connectionPoint) {
            nameForLog(connectionPoint->getUniqueID()).c_str(), stored_.size());
   }
   connectionPoint->countIn(nullptr);
+  {
+    const Locked list(listLock_);
+    listed_.erase(found->first);
+  }
   stored_.erase(found);
 }
 

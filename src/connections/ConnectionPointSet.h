@@ -49,6 +49,10 @@ class ConnectionPointSet {
   // nothing changed, when there is no room.
   bool store(const Pointer& connectionPoint, Pointer& replaced);
 
+  // What is stored at this moment, for those who must not wait for the manager lock, which is held
+  // while links are ended and announced. Who lets the last of the pointers go destroys.
+  List snapshot() const;
+
   // Calls visit for each connection point, in the order of their unique IDs, under the lock.
   void forEach(const std::function<void(ConnectionPoint&)>& visit) const;
   // The same, and the pointers.
@@ -74,6 +78,8 @@ class ConnectionPointSet {
 
   mutable PosixMutex lock_;
   std::map<std::string, Pointer> stored_ VALTOR_GUARDED_BY(lock_);
+  mutable Mutex listLock_;                                              // a leaf
+  std::map<std::string, Pointer> listed_ VALTOR_GUARDED_BY(listLock_);  // the same as stored_
   std::atomic<unsigned> connectedServers_{0};  // kept by the connection points themselves
   std::atomic<int> lockFailures_{0};           // consecutive purges that found the lock taken
 };

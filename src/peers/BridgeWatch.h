@@ -1,5 +1,8 @@
 #pragma once
 
+#include <new>
+#include <syslog.h>
+
 #include "peers/Crossings.h"
 #include "peers/LoopWatch.h"
 #include "peers/TrafficTap.h"
@@ -13,5 +16,15 @@ struct BridgeWatch {
   LoopWatch loops;
   TrafficTap tap;
 };
+
+// Runs what only watches a message: that must not cost the message itself.
+template <typename Watcher>
+void justWatch(const Watcher& watcher) {
+  try {
+    watcher();
+  } catch (const std::bad_alloc&) {
+    syslog(LOG_ERR, "A message is not counted: no memory.\n");
+  }
+}
 
 }  // namespace valtor

@@ -93,14 +93,14 @@ void DispatcherPeerClient::noteToMaster(const PellInternalMessage& message,
   if (watch_ == nullptr) {
     return;
   }
-  if (result.pass) {
-    watch_->crossings.add(Direction::ToController, message.getKind(), message.header.path,
-                          message.receivedBytes());
-    watch_->loops.note(message, this, [this] { return linkName(); });
-  }
-  if (watch_->tap.isFollowed()) {
-    watch_->tap.offer(uniqueID(), Direction::ToController, message, result);
-  }
+  justWatch([&] {
+    if (result.pass) {
+      watch_->crossings.add(Direction::ToController, message.getKind(), message.header.path,
+                            message.receivedBytes());
+      watch_->loops.note(message, this, [this] { return linkName(); });
+    }
+    show(Direction::ToController, message, result);
+  });
 }
 
 void DispatcherPeerClient::noteToPeer(const PellInternalMessage& message,
@@ -108,8 +108,15 @@ void DispatcherPeerClient::noteToPeer(const PellInternalMessage& message,
   if (!result.pass) {
     blockedToPeer_.add(result.rule);
   }
-  if (watch_ != nullptr && watch_->tap.isFollowed()) {
-    watch_->tap.offer(uniqueID(), Direction::ToRouters, message, result);
+  if (watch_ != nullptr) {
+    justWatch([&] { show(Direction::ToRouters, message, result); });
+  }
+}
+
+void DispatcherPeerClient::show(Direction direction, const PellInternalMessage& message,
+                                const FilterResult& result) {
+  if (watch_->tap.isFollowed()) {
+    watch_->tap.offer(uniqueID(), direction, message, result);
   }
 }
 

@@ -94,6 +94,7 @@ class DispatcherPeerClient : public PellInternalClient, public AbstractJSONBacke
 
   bool loadPhys(const cJSON* array);
   void noteToMaster(const PellInternalMessage& message, const FilterResult& result);
+  void show(Direction direction, const PellInternalMessage& message, const FilterResult& result);
   void noteDatabaseRequest(const PellInternalMessage& message);
 
   mutable Mutex descriptionLock_;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <string_view>
 #include <syslog.h>
+#include <utility>
 
 #include "app/util/ErrnoText.h"
 #include "app/util/Warnings.h"
@@ -21,7 +22,7 @@ uint64_t mix(uint64_t hash, uint64_t value) {
 }  // namespace
 
 void LoopWatch::note(const PellInternalMessage& message, const void* router,
-                     const std::function<std::string()>& routerName, Clock::time_point now) {
+                     const std::function<std::string()>& names, Clock::time_point now) {
   const char* const text = message.bodyText();
   if (text == nullptr) {
     return;
@@ -34,43 +35,43 @@ void LoopWatch::note(const PellInternalMessage& message, const void* router,
   hash = mix(hash, std::hash<std::string>()(message.header.path));
   hash = mix(hash, static_cast<uint64_t>(message.getKind()));
   hash = mix(hash, reinterpret_cast<uintptr_t>(router));
-  Circle circle;
-  const auto described = [&] {
-    return router != nullptr ? routerName() : std::string("the controller");
-  };
-  {
-    const Locked lock(lock_);
-    if (!goesRound(hash, now)) {
-      return;
-    }
-    const bool goesOn = lastCircle_ && now - *lastCircle_ < kWindow;
-    lastCircle_ = now;
-    if (goesOn) {
-      figures_.last->time = std::chrono::system_clock::now();
-      return;
-    }
-    circle = {message.getKind(), message.header.path, described(),
-              router != nullptr ? "the controller" : "the routers",
-              std::chrono::system_clock::now()};
-    ++figures_.episodes;
-    figures_.last = circle;
+  // What looked like an identifier may be one of something within the body.
+  if (!goesRound(hash, now) || message.getUniqueId().empty() || !beginsEpisode(now)) {
+    return;
   }
+  const bool outwards = router == nullptr;
+  Circle circle{message.getKind(), message.header.path, outwards ? "the controller" : names(),
+                outwards ? names() : "the controller", std::chrono::system_clock::now()};
   countWarning(Warning::MessageCircles);
   syslog(
       LOG_WARNING,
       "A message goes round in circles: %s on \"%s\", id \"%s\", has come from %s and gone to %s "
       "more than %u times. Does a list of routers lead back?\n",
       kindName(circle.kind), nameForLog(circle.path).c_str(),
-      nameForLog(message.getUniqueId()).c_str(), nameForLog(circle.from).c_str(), circle.to.c_str(),
-      kMostCrossings);
+      nameForLog(message.getUniqueId()).c_str(), nameForLog(circle.from).c_str(),
+      nameForLog(circle.to).c_str(), kMostCrossings);
+  const Locked lock(lock_);
+  ++figures_.episodes;
+  figures_.last = std::move(circle);
 }
 
 bool LoopWatch::goesRound(uint64_t hash, Clock::time_point now) {
+  const Locked lock(lock_);
   Seen& seen = seen_[hash % seen_.size()];
   if (seen.hash != hash || now - seen.windowBegin > kWindow) {
     seen = {hash, now, 0};
   }
   return ++seen.crossings > kMostCrossings;
+}
+
+bool LoopWatch::beginsEpisode(Clock::time_point now) {
+  const Locked lock(lock_);
+  const bool goesOn = lastCircle_ && now - *lastCircle_ < kWindow;
+  lastCircle_ = now;
+  if (goesOn && figures_.last) {
+    figures_.last->time = std::chrono::system_clock::now();
+  }
+  return !goesOn;
 }
 
 LoopWatch::Figures LoopWatch::figures() const {

@@ -41,10 +41,10 @@ class LoopWatch {
   };
 
   // A message crosses. The router is the one that it comes from; none when it comes from the
-  // controller. Its name is asked for only when there is something to say, under the lock: of
-  // leaves.
+  // controller. The names, of that router or of those that the message goes to, are asked for only
+  // when there is something to say, without the lock.
   void note(const PellInternalMessage& message, const void* router,
-            const std::function<std::string()>& routerName, Clock::time_point now = Clock::now());
+            const std::function<std::string()>& names, Clock::time_point now = Clock::now());
   Figures figures() const;
 
  private:
@@ -54,7 +54,8 @@ class LoopWatch {
     unsigned crossings = 0;
   };
 
-  bool goesRound(uint64_t hash, Clock::time_point now) VALTOR_REQUIRES(lock_);
+  bool goesRound(uint64_t hash, Clock::time_point now);
+  bool beginsEpisode(Clock::time_point now);
 
   mutable Mutex lock_;
   // By the hash's low bits; a newer message takes the place of an older one.

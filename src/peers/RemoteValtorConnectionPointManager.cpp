@@ -15,8 +15,8 @@ namespace {
 constexpr const char* kDefaultAddress = "192.168.1.2";
 constexpr int32_t kDefaultPort = 15000;
 
-// The managers that live, for describeRouters(). Its lock is taken before a manager's and held
-// while that is asked, so that none goes meanwhile.
+// The managers that live, for describeRouters(). Its lock is held while one is asked, so that none
+// goes before what it has listed.
 struct Managers {
   Mutex lock;
   std::vector<const RemoteValtorConnectionPointManager*> list VALTOR_GUARDED_BY(lock);
@@ -55,14 +55,15 @@ std::vector<RouterDescription> describeRouters() {
   Managers& all = managers();
   const Locked lock(all.lock);
   for (const RemoteValtorConnectionPointManager* manager : all.list) {
-    manager->connectionPoints().forEach([&](ConnectionPoint& point) {
-      RouterDescription router{point.getName(), point.getUniqueID(), "", 0, point.isEnabled()};
-      if (const auto phy = point.firstTCPPhy()) {
+    for (const auto& point : manager->connectionPoints().snapshot()) {
+      RouterDescription router{point->getName(),   point->getUniqueID(), "", 0,
+                               point->isEnabled(), point->enabledSince()};
+      if (const auto phy = point->firstTCPPhy()) {
         router.address = phy->getIPAddress();
         router.port = phy->getPort();
       }
       routers.push_back(std::move(router));
-    });
+    }
   }
   return routers;
 }

@@ -19,10 +19,11 @@ struct RouterDescription {
   std::string address;
   int32_t port = 0;
   bool enabled = false;
+  std::chrono::system_clock::time_point enabledSince;  // or disabled
 };
 
 // The routers of all managers of the process, in the order of their unique IDs. Any thread may ask,
-// and waits while a manager adds or removes one. Takes no handler lock.
+// and waits for no manager: neither the handler lock nor a manager lock is taken.
 std::vector<RouterDescription> describeRouters();
 
 class RemoteValtorConnectionPointManager : public ConnectionPointManager {

@@ -284,9 +284,7 @@ void ValtorNodeConnectionPointManager::forwardToPeers(const PellInternalMessage&
     if (frame == nullptr) {
       frame = sender_->budget().count(frameOf(message, message.header.sourceConnID));
       shown[frame->payload().copy(shown, sizeof shown - 1)] = '\0';
-      watch_->crossings.add(Direction::ToRouters, message.getKind(), message.header.path,
-                            message.receivedBytes());
-      watch_->loops.note(message, nullptr, nullptr);
+      noteCrossing(message);
     }
     std::printf("master->peer send %.128s \n", shown);
     try {
@@ -296,6 +294,28 @@ void ValtorNodeConnectionPointManager::forwardToPeers(const PellInternalMessage&
       syslog(LOG_ERR, "A message for a peer is lost: no memory to let it wait.\n");
     }
   }
+}
+
+void ValtorNodeConnectionPointManager::noteCrossing(const PellInternalMessage& message) const {
+  justWatch([&] {
+    watch_->crossings.add(Direction::ToRouters, message.getKind(), message.header.path,
+                          message.receivedBytes());
+    watch_->loops.note(message, nullptr, [&] { return receiversOf(message); });
+  });
+}
+
+// The first few by name.
+std::string ValtorNodeConnectionPointManager::receiversOf(
+    const PellInternalMessage& message) const {
+  constexpr std::size_t kNamed = 3;
+  std::string names;
+  std::size_t count = 0;
+  for (const PeerPtr& peer : peers()) {
+    if (filterToPeer(*peer, message).pass && ++count <= kNamed) {
+      names += (names.empty() ? "" : ", ") + peer->linkName();
+    }
+  }
+  return count > kNamed ? names + " and " + std::to_string(count - kNamed) + " more" : names;
 }
 
 void ValtorNodeConnectionPointManager::join(DispatcherPeerClient& peer) const {

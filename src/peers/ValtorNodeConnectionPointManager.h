@@ -94,6 +94,8 @@ class ValtorNodeConnectionPointManager : public AbstractJSONTopLevelContainer,
   PeerList peers() const;
 
  private:
+  void noteCrossing(const PellInternalMessage& message) const;
+  std::string receiversOf(const PellInternalMessage& message) const;
   bool replacePeers(const PellInternalMessage& message);
   bool deletePeers(const PellInternalMessage& message);
   bool answerRead(const PellInternalMessage& message, ResponseList& responses) const;

@@ -33,8 +33,13 @@ void ValtorRouterPeerConnection::reportState() {
   }
 }
 
+std::string ValtorRouterPeerConnection::shownName() const {
+  const Locked lock(ownerLock_);
+  return owner_ != nullptr ? owner_->getName() : lastName_;
+}
+
 std::string ValtorRouterPeerConnection::linkName() const {
-  return "Router " + nameForLog(busName()) + " (" + nameForLog(uniqueID()) + ") at " +
+  return "Router " + nameForLog(shownName()) + " (" + nameForLog(uniqueID()) + ") at " +
          nameForLog(host()) + ":" + std::to_string(port());
 }
 
@@ -60,6 +65,7 @@ bool ValtorRouterPeerConnection::clearOwner(const RemoteValtorConnectionPoint& o
   if (owner_ != &owner) {
     return false;
   }
+  lastName_ = owner.getName();
   owner_ = nullptr;
   abandoned_ = true;
   return true;

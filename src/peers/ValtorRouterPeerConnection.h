@@ -20,6 +20,7 @@ class ValtorRouterPeerConnection : public DispatcherPeerClient {
   ~ValtorRouterPeerConnection() override;
 
   void onConnectionStateChanged(int state, const std::string& reason) override;
+  // With the name that its connection point has now; on the bus it keeps the one it came with.
   std::string linkName() const override;
   FilterResult filterToMaster(const PellInternalMessage& message) const override;
 
@@ -36,9 +37,11 @@ class ValtorRouterPeerConnection : public DispatcherPeerClient {
 
  private:
   void reportState() VALTOR_REQUIRES(ownerLock_);
+  std::string shownName() const;
 
   mutable Mutex ownerLock_;
   RemoteValtorConnectionPoint* owner_ VALTOR_GUARDED_BY(ownerLock_) = nullptr;
+  std::string lastName_ VALTOR_GUARDED_BY(ownerLock_) = busName();  // of an owner that let go
   bool abandoned_ VALTOR_GUARDED_BY(ownerLock_) = false;
 };
 

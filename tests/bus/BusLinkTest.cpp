@@ -1,5 +1,6 @@
 #include <cerrno>
 #include <gtest/gtest.h>
+#include <stop_token>
 #include <sys/socket.h>
 #include <thread>
 
@@ -72,6 +73,23 @@ TEST(BusLink, FirstFramesPrecedeEverythingAndOldLinksAreRefused) {
   EXPECT_EQ(drain(two), "loginlistnew");
   EXPECT_EQ(drain(one), "");
 
+  const auto sender = std::make_shared<FrameSender>();
+  link->setSender(sender);
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  const UniqueDescriptor far(ends[1]);
+  link->open(UniqueDescriptor(ends[0]), [&] {
+    link->forward(frame("early"), {});  // somebody else sees the link stand already
+    return std::vector<SharedFrame>{frame("login"), frame("list")};
+  });
+  std::string got;
+  EXPECT_TRUE(eventually([&] { return (got += drain(far)).size() >= 14; }));
+  EXPECT_EQ(got, "loginlistearly");
+}
+
+TEST(BusLink, FirstFramesThatCannotLeaveAreReported) {
+  const auto link = makeLink(100ms);
+
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
   close(ends[1]);
@@ -80,6 +98,31 @@ TEST(BusLink, FirstFramesPrecedeEverythingAndOldLinksAreRefused) {
   ASSERT_TRUE(results && results->size() == 1);
   EXPECT_EQ(results->front().outcome, BusLink::Send::Failed);
   EXPECT_EQ(results->front().error, EPIPE);
+}
+
+TEST(BusLink, WhoWaitsForAFullSocketOrForItsTurnIsLetGoWithItsOwnClient) {
+  const auto link = makeLink(1h);
+  const UniqueDescriptor far = openLink(*link);
+  std::stop_source client;
+  const auto sendAsClient = [&] {
+    EXPECT_EQ(link->send(frame(std::string(4'000'000, 'x')), 1, client.get_token()).outcome,
+              BusLink::Send::NotConnected);
+  };
+  std::thread first(sendAsClient);
+  char byte = 0;
+  recv(far.get(), &byte, 1, MSG_WAITALL);
+  std::thread second(sendAsClient);
+  client.request_stop();
+  first.join();
+  second.join();
+  // The link goes on, with the rest of the frame first.
+  std::thread reader([&] {
+    std::string all;
+    EXPECT_TRUE(eventually([&] { return (all += drain(far)).size() >= 4'000'003; }));
+    EXPECT_EQ(all.substr(3'999'999), "next");
+  });
+  EXPECT_EQ(link->send(frame("next"), 1).outcome, BusLink::Send::Sent);
+  reader.join();
 }
 
 TEST(BusLink, AFullSocketIsWaitedForUntilTheLinkOrTheClientEnds) {
@@ -175,9 +218,26 @@ TEST_F(ForwardingTest, WhoSendsPastAQueueThatCannotMoveGivesUpAfterItsBudget) {
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(link->send(frame("past"), 1).outcome, BusLink::Send::BudgetExhausted);
   }
-  link->shutdownSocket();
-  EXPECT_EQ(link->send(frame("past"), 1).outcome, BusLink::Send::NotConnected);
   link->closeSocket();
+}
+
+TEST_F(ForwardingTest, AFullQueueAndWhoSendsPastItTakeTurns) {
+  const UniqueDescriptor far = openLink(*link_);
+  const auto number = link_->number();
+  EXPECT_EQ(link_->send(frame("first"), number).outcome, BusLink::Send::Sent);
+  const std::string filler(100'000, 'x');
+  std::size_t filled = 0;
+  for (ssize_t n = 0; n >= 0; filled += n > 0 ? static_cast<std::size_t>(n) : 0) {
+    n = ::send(link_->descriptor(), filler.data(), filler.size(), MSG_DONTWAIT);
+  }
+  forward("queued");
+  std::thread past(
+      [&] { EXPECT_EQ(link_->send(frame("past"), number).outcome, BusLink::Send::Sent); });
+  const std::string got = readBytes(far, filled + 15);
+  past.join();
+  EXPECT_EQ(got.substr(got.size() - 10), "queuedpast");
+  EXPECT_EQ(link_->forwarded().figures().messages, 1U);
+  EXPECT_EQ(link_->sent().figures().messages, 3U);
 }
 
 TEST_F(ForwardingTest, AFullQueueHoldsUpWhoForwardsUntilItsReaderStalls) {

@@ -7,13 +7,57 @@ void FairMutex::lock() {
     std::unique_lock<std::mutex> guard(guard_);
     if (held_) {
       Waiter self;
-      (first_ == nullptr ? first_ : last_->next) = &self;
-      last_ = &self;
+      append(self);
       self.granted.wait(guard, [&self] { return self.hasLock; });
     }
     held_ = true;
   }
   visible_.lock();
+}
+
+bool FairMutex::lock(const std::stop_token& stop) {
+  if (!stop.stop_possible()) {
+    lock();
+    return true;
+  }
+  Waiter self;
+  // Outlives the guard, which it takes: its destructor waits for a call that is under way.
+  const std::stop_callback wake(stop, [this, &self] {
+    const std::lock_guard<std::mutex> guard(guard_);
+    self.granted.notify_one();
+  });
+  {
+    std::unique_lock<std::mutex> guard(guard_);
+    if (held_) {
+      append(self);
+      self.granted.wait(guard, [&] { return self.hasLock || stop.stop_requested(); });
+      if (!self.hasLock) {
+        remove(self);
+        return false;
+      }
+    }
+    held_ = true;
+  }
+  visible_.lock();
+  return true;
+}
+
+void FairMutex::append(Waiter& waiter) {
+  (first_ == nullptr ? first_ : last_->next) = &waiter;
+  last_ = &waiter;
+}
+
+void FairMutex::remove(const Waiter& waiter) {
+  Waiter* before = nullptr;
+  Waiter* found = first_;
+  while (found != &waiter) {
+    before = found;
+    found = found->next;
+  }
+  (before == nullptr ? first_ : before->next) = waiter.next;
+  if (last_ == &waiter) {
+    last_ = before;
+  }
 }
 
 bool FairMutex::tryLock() {

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
+#include <stop_token>
 
 #include "app/util/ThreadAnnotations.h"
 
@@ -18,6 +19,8 @@ class VALTOR_CAPABILITY("mutex") FairMutex {
   FairMutex& operator=(const FairMutex&) = delete;
 
   void lock() VALTOR_ACQUIRE();
+  // The same, but gives up when the token is stopped: false then.
+  bool lock(const std::stop_token& stop) VALTOR_TRY_ACQUIRE(true);
   // Takes the lock when it is free and nobody waits for it.
   bool tryLock() VALTOR_TRY_ACQUIRE(true);
   // Hands the lock to who has waited longest, if anybody waits.
@@ -32,6 +35,9 @@ class VALTOR_CAPABILITY("mutex") FairMutex {
     bool hasLock = false;
     Waiter* next = nullptr;
   };
+
+  void append(Waiter& waiter);
+  void remove(const Waiter& waiter);
 
   mutable std::mutex guard_;
   bool held_ = false;

@@ -4,6 +4,7 @@
 // while somebody follows a router its messages. Names, paths and bodies come from a bus and may be
 // anything: they reach the page as textContent and through shown() only.
 
+const kUnanswered = 5;        // seconds without an answer on the bus; it is asked every two
 const kWindow = 120;          // seconds that the lines show
 const kStaleAfter = 3;        // seconds after which data is old
 const kRecent = 10;           // seconds in which a message makes a link one that carries traffic
@@ -11,6 +12,7 @@ const kProof = 12;            // seconds after which the daemon would have given
 const kSettled = 60;          // seconds until a link that was lost counts as steady again
 const kFlapping = 2;          // losses in ten minutes that still pass as steady
 const kBehind = 500;          // frames, half a second of a link's pace
+const kBehindBytes = 4e6;
 const kHold = 20;             // seconds that a tile keeps its place after its trouble is over
 const kEvents = 200;
 const kKept = 2000;           // messages that the filter can look back at
@@ -83,6 +85,7 @@ function at(seconds, fraction = 0) {
 const since = (s, now) => view.stale ? at(s) : `${at(s)} (${span(now - s)})`;
 
 const reasons = {
+  __proto__: null,
   'hung up': 'hung up: the far end closed it',
   'no response': 'no response: silent for 10 s',
   'receive error': 'receive error: broken by the network',
@@ -158,7 +161,7 @@ const view = {
 };
 
 const isPlain = (x) => x !== null && typeof x === 'object' && !Array.isArray(x);
-const list = (x) => Array.isArray(x) ? x : [];
+const objects = (x) => Array.isArray(x) ? x.filter(isPlain) : [];
 
 // --- Verdicts ---------------------------------------------------------------------------------
 
@@ -190,7 +193,7 @@ function judge(router, tile, now) {
   if (/no response|keep-alive/.test(loss?.reason) && back < kProof && !tile.heardSince(router.since)) {
     return verdict('silent', 0, 'No answer', `connected again for ${span(back)}, but not a word since`);
   }
-  if (waiting.frames >= kBehind && tile.lateFor >= 1) {
+  if (tile.lateFor >= 1) {
     return verdict('behind', 1, 'Behind', frames);
   }
   if (lost > kFlapping || (lost > 0 && back < kSettled)) {
@@ -203,8 +206,9 @@ function judge(router, tile, now) {
         to && from ? 'both ways' : to ? 'to the router only' : 'from the router only');
   }
   const moved = Math.max(tile.movedAt.to, tile.movedAt.from);
+  const known = tile.rates[0]?.t ?? now;
   return verdict('quiet', 2, 'Up, quiet', moved > 0 ? `nothing for ${span(now - moved)}`
-                                                    : 'nothing in the last 2 minutes');
+                                                    : `nothing seen in ${span(now - known)}`);
 }
 
 // The one sentence of the header, its state, and why.
@@ -217,7 +221,7 @@ function overall(now) {
   const {daemon, bus} = state;
   const known = daemon.document;
   if (!daemon.answering) {
-    return ['down', 'The daemon does not answer', `${shown(daemon.problem, 300)} ${old}`];
+    return ['down', 'The daemon does not answer', `${shown(daemon.problem, 300).replace(/\.?$/, '.')} ${old}`];
   }
   if (view.stale) {
     return ['down', 'The data is old', old];
@@ -349,7 +353,7 @@ class Tile {
     }
     for (const one of rates) {
       const last = this.rates[this.rates.length - 1];
-      if (!isPlain(one) || !Number.isFinite(one.t) || (last && one.t <= last.t)) {
+      if (!Number.isFinite(one.t) || (last && one.t <= last.t)) {
         continue;
       }
       if (last && one.t - last.t > 2.5) {  // nobody looked meanwhile: the line has a gap
@@ -377,7 +381,7 @@ class Tile {
       this.droppedAt = now;
     }
     this.dropped = router.dropped;
-    const late = router.waiting?.frames >= kBehind;
+    const late = router.waiting?.frames >= kBehind || router.waiting?.bytes >= kBehindBytes;
     this.lateSince = late ? this.lateSince ?? now : null;
     this.lateFor = late ? now - this.lateSince : 0;
     this.verdict = judge(router, this, now);
@@ -401,8 +405,10 @@ class Tile {
     setText(parts.name, shown(router.name) || '(no name)');
     setText(parts.word, view.stale ? `Was: ${verdict.word}` : verdict.word);
     setText(parts.detail, verdict.detail);
-    setText(parts.place, `${shown(router.address)}:${shown(router.port)} · ${shown(router.uniqueID)}`);
-    setText(parts.since, `${router.state === 'up' ? 'Up' : 'So'} since ${since(router.since, now)}`);
+    setText(parts.place, `${shown(router.address)}:${shown(router.port)}` +
+        (router.uniqueID === router.name ? '' : ` · ${shown(router.uniqueID)}`));
+    const word = {up: 'Up', down: 'Down', disabled: 'Disabled'}[router.state] ?? shown(router.state);
+    setText(parts.since, `${word} since ${since(router.since, now)}`);
     const loss = router.lastLoss;
     parts.loss.hidden = verdict.state === 'down';  // its reason stands above
     setText(parts.loss, loss ? `Last end: ${reasonText(loss.reason)}, ${since(loss.time, now)}`
@@ -429,7 +435,7 @@ class Tile {
     setText(figures.fromByteRate, bytes(this.mean('fromRouterBytes', now)));
     const waiting = router.waiting ?? {};
     setText(figures.waiting, `${count(waiting.frames)} · ${bytes(waiting.bytes)}`);
-    figures.waiting.classList.toggle('alarm', waiting.frames >= kBehind);
+    figures.waiting.classList.toggle('alarm', this.lateSince !== null || router.stalled === true);
     setText(figures.dropped, count(router.dropped));
     figures.dropped.classList.toggle('alarm', now - this.droppedAt < 600);
     setText(figures.lost, `${count(this.lost)} of ${count(router.lost)}`);
@@ -446,7 +452,7 @@ class Tile {
           this.rates.map((one) => ({x: one.t, y: one.gap ? NaN : one[column] || 0}));
     });
     const scale = this.chart.options.scales.x;
-    scale.max = Math.floor(now);
+    scale.max = now;
     scale.min = scale.max - kWindow;
     this.chart.update('none');
     const most = (column) => Math.max(0, ...this.rates.map((one) => one[column] || 0));
@@ -503,19 +509,19 @@ function takeState(state) {
   view.state = state;
   const fresh = Array.isArray(state.events);  // the first one of a stream
   if (fresh) {
-    view.events = state.events.slice(-kEvents);
+    view.events = objects(state.events).slice(-kEvents);
     renderEvents();
   }
-  const more = new Map(list(state.routers).map((one) => [one.uniqueID, one]));
+  const more = new Map(objects(state.routers).map((one) => [one.uniqueID, one]));
   const listed = new Set();
-  list(state.daemon.document?.routers).forEach((router, index) => {
+  objects(state.daemon.document?.routers).forEach((router, index) => {
     const id = String(router.uniqueID);
     listed.add(id);
     const tile = view.tiles.get(id) ?? new Tile(id);
     view.tiles.set(id, tile);
     tile.index = index;
     tile.lost = more.get(id)?.lostLastTenMinutes ?? 0;
-    tile.addRates(list(more.get(id)?.rates), fresh);
+    tile.addRates(objects(more.get(id)?.rates), fresh);
     tile.look(router, state.daemon.asOf ?? state.now);
   });
   for (const [id, tile] of view.tiles) {
@@ -538,7 +544,7 @@ function renderFacts(now) {
   setText($('age'), Number.isNaN(age) ? 'never read' : view.stale ? `${span(age)} old` : 'live');
   setText($('version'), shown(view.state.version));
   setText($('role'), known.role ? `${view.stale ? 'was ' : ''}${shown(known.role.state)}` : '');
-  const delay = bus.daemonDelayMs;
+  const delay = now - bus.daemonAnsweredAt < kUnanswered ? bus.daemonDelayMs : NaN;
   factText('daemon', !daemon.answering ? 'does not answer' : `answers, up ${span(now - known.startTime)}`,
            !daemon.answering);
   const link = known.controller;
@@ -559,7 +565,7 @@ function renderFacts(now) {
 
 function renderCrossing() {
   const known = view.state.daemon.document ?? {};
-  const rows = list(known.crossing).map((one) => {
+  const rows = objects(known.crossing).map((one) => {
     const key = `${one.direction} ${one.kind} ${one.path}`;
     const before = view.crossing.get(key);
     const apart = before ? known.now - before.now : 0;
@@ -576,6 +582,7 @@ function renderCrossing() {
 }
 
 const kWarnings = {
+  __proto__: null,
   notConnected: 'dropped: a link is down', sendFailed: 'link broke while sending',
   sendGaveUp: 'far end not reading for a second', routerStalled: 'router takes no messages',
   lostWithLink: 'waiting messages lost with a link', readingPaused: 'reading pauses',
@@ -663,7 +670,8 @@ function render() {
     return;
   }
   renderVerdict(now);
-  announcer.note('', $('verdict-text').textContent);
+  const fine = /carries|quiet/.test($('verdict-text').parentNode.dataset.state);
+  announcer.note('', fine ? 'All routers are up' : $('verdict-text').textContent);
   if (!document.hidden) {
     renderFacts(now);
     renderTroubled();
@@ -681,26 +689,27 @@ function render() {
   }
   if (!view.stale && !wasStale) {
     for (const tile of view.tiles.values()) {
-      announcer.note('router ' + tile.id, `${shown(tile.router.name)}: ${tile.verdict.word}`);
+      const word = tile.verdict.rank === 2 ? 'up' : tile.verdict.word;
+      announcer.note('router ' + tile.id, `${shown(tile.router.name)}: ${word}`);
     }
   }
 }
 
 // --- What happened ----------------------------------------------------------------------------
 
-const kEventShapes = {up: 'carries', down: 'down', disabled: 'off', listed: 'quiet', removed: 'off',
-                      stalled: 'stalled', flows: 'carries', role: 'off', daemon: 'silent',
-                      bus: 'silent', loop: 'unsteady', warning: 'unsteady'};
+const kEventShapes = {__proto__: null, up: 'carries', down: 'down', disabled: 'off', listed: 'quiet', removed: 'off',
+                      stalled: 'stalled', flows: 'carries', loop: 'unsteady', warning: 'unsteady'};
 function eventRow(event) {
   const row = make('li');
   row.dataset.state = kEventShapes[event.kind] ?? 'off';
   const time = make('time', '', at(event.time));
-  time.dateTime = new Date(event.time * 1000).toISOString();
+  const date = new Date(event.time * 1000);
+  time.dateTime = Number.isNaN(date.getTime()) ? '' : date.toISOString();
   row.append(shape(), time, make('span', '', shown(event.text, 300)));
   return row;
 }
 function renderEvents() {
-  $('events').replaceChildren(...view.events.filter(isPlain).reverse().map(eventRow));
+  $('events').replaceChildren(...view.events.slice().reverse().map(eventRow));
   $('no-events').hidden = view.events.length > 0;
 }
 function takeEvent(event) {
@@ -778,7 +787,7 @@ const follow = {
     document.body.classList.add('following');
     this.say('connecting');
     this.stream = new Stream('/api/events?follow=' + encodeURIComponent(id), {
-      message: (batch) => this.take(list(batch)),
+      message: (batch) => this.take(objects(batch)),
       end: (end) => this.say(`ended: ${shown(end?.reason, 200)}; tried again`, true),
     }, () => this.say('live'));
     this.mark();
@@ -818,9 +827,6 @@ const follow = {
 
   take(batch) {
     for (const line of batch) {
-      if (!isPlain(line)) {
-        continue;
-      }
       if (line.missed !== undefined) {
         this.missed += Number(line.missed) || 0;
       } else {
