@@ -68,14 +68,18 @@ UniqueDescriptor connectToStatus(const std::string& path, std::string& problem) 
   name.sun_family = AF_UNIX;
   if (path.size() >= sizeof name.sun_path) {
     problem = problemOf(ENAMETOOLONG, path);
+    errno = ENAMETOOLONG;
     return UniqueDescriptor();
   }
   std::memcpy(name.sun_path, path.data(), path.size());
   UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (!socket.valid() ||
       connect(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
-    problem = problemOf(errno, path);
-    return UniqueDescriptor();
+    const int error = errno;
+    problem = problemOf(error, path);
+    socket.reset();
+    errno = error;
+    return socket;
   }
   return socket;
 }

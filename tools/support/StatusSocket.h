@@ -14,8 +14,8 @@ namespace valtor {
 // Where a daemon of this build has it.
 std::string defaultStatusSocket();
 
-// A connection to it, non-blocking, or none and in "problem" what an operator should know: why
-// there is a socket and no answer, "" when there is no socket at all.
+// A connection to it, non-blocking, or none, errno, and in "problem" what an operator should know:
+// why there is a socket and no answer, "" when there is no socket at all.
 UniqueDescriptor connectToStatus(const std::string& path, std::string& problem);
 
 // What stands there now. Either text, at most "longest" bytes of whatever was said, or a problem as

@@ -134,6 +134,8 @@ class BusConnection::Impl {
     }
   }
 
+  void dropReceived() { received_.clear(); }
+
   void pause(Clock::time_point until) {
     while (!interrupted && Clock::now() < until) {
       runOnce(until);
@@ -161,7 +163,7 @@ class BusConnection::Impl {
       return std::find(probes_.begin(), probes_.end(), identifier) == probes_.end();
     };
     runUntil(deadline - start, [&] { return isAnswered() || !loss_.empty(); });
-    received_.clear();
+    dropReceived();
     if (isAnswered()) {
       return Clock::now() - start;
     }
@@ -380,6 +382,7 @@ void BusConnection::sendPayload(const std::string& payload) { impl_->sendPayload
 std::optional<PellInternalMessage> BusConnection::receive(Clock::time_point deadline) {
   return impl_->receive(deadline);
 }
+void BusConnection::dropReceived() { impl_->dropReceived(); }
 void BusConnection::pause(Clock::time_point until) { impl_->pause(until); }
 void BusConnection::awaitInput() { impl_->awaitInput(); }
 void BusConnection::finish() { impl_->finish(); }
@@ -396,7 +399,7 @@ std::string secondsText(std::chrono::duration<double> time) {
 
 std::chrono::microseconds toDuration(double seconds) {
   constexpr double kMost = 1e9;
-  const double limited = seconds >= 0 && seconds < kMost ? seconds : kMost;
+  const double limited = seconds < kMost ? std::max(seconds, 0.0) : kMost;
   return std::chrono::duration_cast<std::chrono::microseconds>(
       std::chrono::duration<double>(limited));
 }

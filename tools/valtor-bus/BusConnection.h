@@ -71,6 +71,9 @@ class BusConnection {
   // Throws LinkFailure once everything that came before a loss was handed out.
   std::optional<PellInternalMessage> receive(Clock::time_point deadline);
 
+  // Forgets the messages that receive() has not handed out yet.
+  void dropReceived();
+
   // Waits without reading anything out, less long when interrupted.
   void pause(Clock::time_point until);
 
@@ -95,7 +98,7 @@ class BusConnection {
 
 // "0.25 s"
 std::string secondsText(std::chrono::duration<double> time);
-// The seconds of an option as a duration, at most some years, whatever a person typed.
+// Seconds as a duration: none for less than that, at most some years, whatever a person typed.
 std::chrono::microseconds toDuration(double seconds);
 
 }  // namespace valtor

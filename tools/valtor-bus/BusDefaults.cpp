@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 #include <vector>
 
 #include "app/util/ErrnoText.h"
@@ -37,10 +39,10 @@ std::vector<std::string> configurationFiles() {
 }
 
 std::optional<BusDefault> fromFile(const std::string& file, const std::string& name) {
-  std::ifstream input(file);
-  if (!input && (errno == ENOENT || errno == ENOTDIR)) {
+  if (std::error_code error; !std::filesystem::exists(file, error)) {
     return std::nullopt;
   }
+  std::ifstream input(file);
   std::optional<BusDefault> found;
   std::string line;
   for (int number = 1; std::getline(input, line); ++number) {

@@ -14,7 +14,8 @@ struct BusDefault {
 // "host" or "port": from VALTOR_BUS_HOST or VALTOR_BUS_PORT, then from the files valtor-bus.conf in
 // $XDG_CONFIG_HOME (or ~/.config) and in /etc. What is empty counts as not there. A file has lines
 // NAME=VALUE, blank ones, and comments behind "#". Throws CommandFailure (usage) for any other
-// line, and for a file that is there and cannot be read.
+// line, and for a file that is there and cannot be read; in a folder that cannot be looked into
+// there is none.
 std::optional<BusDefault> busDefault(const std::string& name);
 
 }  // namespace valtor

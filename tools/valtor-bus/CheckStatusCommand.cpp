@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <set>
 #include <utility>
 
@@ -12,6 +13,7 @@
 #include "support/PrintableText.h"
 #include "valtor-bus/Commands.h"
 #include "valtor-bus/ConnectionPointListing.h"
+#include "valtor-bus/Exchange.h"
 #include "valtor-bus/NodeProbe.h"
 
 namespace valtor {
@@ -89,14 +91,23 @@ class StatusCheck {
         deadline_(Clock::now() + toDuration(settings.timeout)) {}
 
   Verdict run() {
-    const DaemonStatus status = localStatus(connection_.settings(), settings_);
-    if (status.isThere()) {
-      judge(status);
-    } else {
-      askBus();
+    std::string problem;
+    try {
+      const DaemonStatus status = localStatus(connection_.settings(), settings_);
+      problem = status.problem();
+      if (status.isThere()) {
+        judge(status);
+      } else {
+        askBus();
+      }
+      if (settings_.probe && !isStandby_) {
+        probe();
+      }
+    } catch (const std::exception& error) {
+      verdict_.add(Level::Unknown, printable(error.what()));
     }
-    if (settings_.probe && !isStandby_) {
-      probe();
+    if (!problem.empty()) {
+      verdict_.add(Level::OK, problem + ", so only the bus was asked");
     }
     return verdict_;
   }
@@ -131,7 +142,10 @@ class StatusCheck {
     if (seconds > kLongDelay) {
       verdict_.add(Level::Warning, "an answer takes " +
                                        secondsText(std::chrono::duration<double>(seconds)) +
-                                       ", messages are waiting in the daemon");
+                                       ", messages are waiting");
+    }
+    if (isStandby_) {
+      return;
     }
     verdict_.figure("delay", std::round(seconds * 1000) / 1000, "s;1;;0");
   }
@@ -141,23 +155,34 @@ class StatusCheck {
   void judge(const DaemonStatus& status) {
     if (status.controllerDown) {
       verdict_.add(
-          Level::Critical,
+          Level::Unknown,
           "the controller's link is down" +
               (status.controllerSince ? " for " + lengthText(status.now - *status.controllerSince)
                                       : ""));
     } else if (status.role == "standby") {
       standBy();
-      return;
     }
+    if (!isStandby_) {
+      judgeRouters(status);
+    }
+    if (const auto answer = askNode(status.controllerDown)) {
+      judgeDelay(std::max(status.queueDelay, *answer));
+    }
+    if (!isStandby_) {
+      addFigures(status);
+    }
+  }
+
+  void judgeRouters(const DaemonStatus& status) {
     for (const DaemonStatus::Router& router : status.routers) {
       const std::string name = router.name.empty() ? router.uniqueID : router.name;
       routers_.push_back({name, router.address, router.port, router.enabled, router.up});
     }
     if (routers_.empty()) {
       verdict_.add(Level::Unknown, "no connection points are listed by the daemon");
-      return;
+    } else {
+      judgeLinks();
     }
-    judgeLinks();
     for (std::size_t number = 0; number < routers_.size(); ++number) {
       if (routers_[number].enabled && routers_[number].up) {
         judgeRouter(status.routers[number], routers_[number].text(), status.now);
@@ -166,8 +191,28 @@ class StatusCheck {
     if (!status.lastLoop.empty() && status.now - status.lastLoopTime < kLossPeriod) {
       verdict_.add(Level::Warning, "a loop: " + status.lastLoop);
     }
-    judgeDelay(status.queueDelay);
-    addFigures(status);
+  }
+
+  // What the daemon says of itself does not show that it gets anything through the node. How long
+  // an answer over it takes, in seconds; none without one.
+  std::optional<double> askNode(bool isLinkDown) {
+    try {
+      openBefore(connection_, deadline_);
+      const auto trip = connection_.roundTrip(deadline_);
+      if (!trip) {
+        verdict_.add(Level::Unknown, "no answer from the node at " + connection_.where());
+        return std::nullopt;
+      }
+      const auto answer = isLinkDown ? trip : askDaemon(connection_, deadline_, true);
+      if (!answer) {
+        verdict_.add(Level::Unknown, "the daemon does not answer at " + connection_.where());
+        return std::nullopt;
+      }
+      return std::chrono::duration<double>(std::max(*trip, *answer)).count();
+    } catch (const CommandFailure& failure) {
+      verdict_.add(Level::Unknown, failure.what());
+      return std::nullopt;
+    }
   }
 
   void judgeRouter(const DaemonStatus::Router& router, const std::string& text, double now) {
@@ -181,7 +226,9 @@ class StatusCheck {
     }
     const auto recent = std::count_if(router.losses.begin(), router.losses.end(),
                                       [&](double time) { return now - time < kLossPeriod; });
-    const bool cameBack = router.lost > 0 && router.since && now - *router.since < kCameBack;
+    // Not behind an end that was meant, such as a standby.
+    const bool wasLost = !router.losses.empty() && router.lossTime <= router.losses.back();
+    const bool cameBack = wasLost && router.since && now - *router.since < kCameBack;
     if (cameBack || recent > kMostLosses) {
       verdict_.add(Level::Warning,
                    "flapping: " + text +
@@ -210,51 +257,72 @@ class StatusCheck {
   // --- What the bus tells ------------------------------------------------------------------------
 
   void askBus() {
-    connection_.setDeadline(deadline_);
-    connection_.open();
+    openBefore(connection_, deadline_);
     if (!connection_.roundTrip(deadline_)) {
       verdict_.add(Level::Unknown, "no answer from the node at " + connection_.where());
       return;
     }
-    // The daemon answers in order: once it has said that it is ready, it has listed what there is.
     ConnectionPointListing listing(settings_.timeout, connection_.settings().times.others);
     listing.begin();
-    for (const BusRequest& request : listing.questions()) {
-      connection_.send(request);
-    }
-    const Clock::time_point asked = Clock::now();
-    const BusRequest question = readinessQuestion(kDaemonConnID);
-    connection_.send(question);
-    if (!receiveUntil(deadline_, [&](const PellInternalMessage& message) {
-          listing.take(message);
-          return isAnswerTo(question, message);
-        })) {
+    const auto [trip, role] = listOverBus(listing);
+    if (!trip) {
       verdict_.add(Level::Critical, "no daemon answers on the bus at " + connection_.where());
-      return;
+    } else if (listing.isAnswered()) {
+      const auto end = std::min(deadline_, Clock::now() + connection_.settings().times.others);
+      do {
+        if (const auto message = connection_.receive(end)) {
+          listing.take(*message);
+        }
+      } while (Clock::now() < end);
+      judge(listing, std::chrono::duration<double>(*trip).count());
+    } else if (role == "standby") {
+      standBy();
+    } else {
+      verdict_.add(Level::Unknown,
+                   "the daemon lists no connection points, the controller's role is " +
+                       (role.empty() ? "unknown" : role));
     }
-    const double delay = std::chrono::duration<double>(Clock::now() - asked).count();
-    if (!listing.isAnswered()) {
-      judgeRole();
-      return;
-    }
-    receiveUntil(std::min(deadline_, Clock::now() + connection_.settings().times.others),
-                 [&](const PellInternalMessage& message) {
-                   listing.take(message);
-                   return false;
-                 });
-    judge(listing, delay);
   }
 
-  // Whether a message came that ends the wait.
-  template <class Ends>
-  bool receiveUntil(Clock::time_point deadline, Ends ends) {
-    do {
-      const auto message = connection_.receive(deadline);
-      if (message && ends(*message)) {
-        return true;
+  // What is told about the daemon: how long its answer took, if there was one, and the role of its
+  // controller.
+  struct Told {
+    std::optional<Clock::duration> trip;
+    std::string role;
+  };
+
+  // Asks again until there is enough. The daemon answers in order: once it has said that it is
+  // ready, it has listed what there is, unless it has just been started or is on standby.
+  Told listOverBus(ConnectionPointListing& listing) {
+    Told told;
+    ReadinessQuestions ready;
+    std::vector<BusRequest> roles;
+    Repetition repetition;
+    while (!(told.trip && (listing.isAnswered() || told.role == "standby")) &&
+           Clock::now() < deadline_) {
+      if (Clock::now() >= repetition.due()) {
+        repetition.next();
+        for (const BusRequest& request : listing.questions()) {
+          connection_.send(request);
+        }
+        ready.ask(connection_);
+        connection_.send(roles.emplace_back(makeRequest(
+            MessageKind::GET, "system", R"({"param":{"objectName":["mdxMasterState"]}})")));
       }
-    } while (Clock::now() < deadline);
-    return false;
+      if (const auto message = connection_.receive(std::min(deadline_, repetition.due()))) {
+        listing.take(*message);
+        told.trip = told.trip ? told.trip : ready.tripOf(*message);
+        const bool isRole = std::any_of(roles.begin(), roles.end(), [&](const BusRequest& one) {
+          return isAnswerTo(one, *message);
+        });
+        told.role = isRole ? roleIn(*message) : told.role;
+      }
+    }
+    return told;
+  }
+
+  static std::string roleIn(const PellInternalMessage& answer) {
+    return printable(textOfJSON(memberOfJSON(paramOf(answer), "mdxMasterState")));
   }
 
   void judge(const ConnectionPointListing& listing, double delay) {
@@ -275,27 +343,6 @@ class StatusCheck {
     }
     judgeLinks();
     judgeDelay(delay);
-  }
-
-  // Of a daemon that is there and lists nothing: so it is on standby.
-  void judgeRole() {
-    const BusRequest question =
-        makeRequest(MessageKind::GET, "system", R"({"param":{"objectName":["mdxMasterState"]}})");
-    connection_.send(question);
-    std::string role = "unknown";
-    receiveUntil(deadline_, [&](const PellInternalMessage& message) {
-      const std::string told = isAnswerTo(question, message)
-                                   ? textOfJSON(memberOfJSON(paramOf(message), "mdxMasterState"))
-                                   : "";
-      role = told.empty() ? role : printable(told);
-      return !told.empty();
-    });
-    if (role == "standby") {
-      standBy();
-    } else {
-      verdict_.add(Level::Unknown,
-                   "the daemon lists no connection points, the controller's role is " + role);
-    }
   }
 
   // --- What the routers' nodes show --------------------------------------------------------------
@@ -336,12 +383,7 @@ class StatusCheck {
 }  // namespace
 
 void checkStatus(BusConnection& connection, const StatusSettings& settings, Output& output) {
-  Verdict verdict;
-  try {
-    verdict = StatusCheck(connection, settings).run();
-  } catch (const CommandFailure& failure) {
-    verdict.add(Level::Unknown, failure.what());
-  }
+  const Verdict verdict = StatusCheck(connection, settings).run();
   try {
     verdict.print(output);
   } catch (const CommandFailure& failure) {

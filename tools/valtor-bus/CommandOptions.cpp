@@ -390,6 +390,7 @@ void addFollow(CLI::App& app, Request& request) {
   command->add_option("UNIQUE-ID", settings->uniqueID, "of a router that status lists")->required();
   command->add_flag("--json", settings->json, "the daemon's lines as they are");
   addSocket(*command, settings->socket);
+  addTimeout(*command, settings->timeout);
   asksFor(*command, request, settings, follow);
 }
 
@@ -541,7 +542,10 @@ void addOptions(CLI::App& app, Request& request) {
                           ->type_name("PORT")
                           ->transform(portCheck())
                           ->capture_default_str();
-  app.final_callback([host, port, &request] {
+  app.final_callback([&app, host, port, &request] {
+    if (app.got_subcommand("check") || app.got_subcommand("follow")) {
+      return;  // these ask no bus
+    }
     if (const auto given = host->count() == 0 ? busDefault("host") : std::nullopt) {
       request.bus.host = given->text;
     }

@@ -78,8 +78,9 @@ struct StatusSettings {
 // this machine, else as far as the bus tells; with watch again at every change.
 void status(BusConnection& connection, const StatusSettings& settings, Output& output);
 
-// What the daemon of this machine says of itself, if it is the one of that bus; says on standard
-// error, unless it is asked again and again, why its socket gives no answer.
+// What the daemon of this machine says of itself, if it is the one of that bus; takes half of the
+// time, a second at most. Unless it is asked again and again or for a check, standard error says
+// why its socket gives no answer.
 DaemonStatus localStatus(const BusSettings& bus, const StatusSettings& settings);
 
 // One line for monitoring systems, in the form and with the exit codes of their plugins: OK,
@@ -91,9 +92,11 @@ struct FollowSettings {
   std::string uniqueID;
   bool json = false;
   std::string socket = defaultStatusSocket();
+  double timeout = kAnswerTime;  // for the daemon to begin
 };
 // Shows what the daemon of this machine says of the messages of one router, a line each, passed or
-// blocked by which rule, until a signal ends the process. Fails when the daemon ends it.
+// blocked by which rule, until a signal ends the process. Asks again as long as the daemon is not
+// there, does not know the router or took the question too late. Fails when the daemon ends it.
 void follow(BusConnection& connection, const FollowSettings& settings, Output& output);
 
 struct WaitSettings {
@@ -102,7 +105,8 @@ struct WaitSettings {
   std::string socket = defaultStatusSocket();
   double timeout = 10;
 };
-// Returns once the routers are connected, as the daemon says. Fails when the time is over.
+// Returns once the routers are connected, as the daemon says. Fails when the time is over; it looks
+// once at least.
 void wait(BusConnection& connection, const WaitSettings& settings, Output& output);
 
 struct PingSettings {
@@ -112,8 +116,8 @@ struct PingSettings {
   double timeout = kAnswerTime;  // for each answer
 };
 // Prints how long each answer took, then the shortest, median and longest time. Asks the daemon
-// whether it is ready, or the router's node itself for a sign of life. Fails unless every question
-// is answered.
+// whether it is ready, for the first time again and again, or the router's node itself for a sign
+// of life. Fails unless every question is answered.
 void ping(BusConnection& connection, const PingSettings& settings, Output& output);
 
 struct RouteSettings {

@@ -16,8 +16,7 @@ BusRequest question(const char* list) {
 
 }  // namespace
 
-void ConnectionPointListing::run(BusConnection& connection) {
-  const Clock::time_point deadline = Clock::now() + toDuration(timeout_);
+void ConnectionPointListing::run(BusConnection& connection, Clock::time_point deadline) {
   openBefore(connection, deadline);
   begin();
   due_ = deadline;

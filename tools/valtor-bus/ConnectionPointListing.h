@@ -15,13 +15,13 @@ class ConnectionPointListing {
  public:
   using Clock = BusConnection::Clock;
 
-  // The seconds for the answers to one listing, and what others get after the first of them.
+  // The seconds for one listing, and what others get after the first answer.
   ConnectionPointListing(double timeout, BusTimes::Time others)
       : timeout_(timeout), others_(others) {}
 
   // Opens the connection, lists once, and asks again as long as nobody answers. Throws
-  // CommandFailure when nobody does in time.
-  void run(BusConnection& connection);
+  // CommandFailure when nobody does until the deadline, to which the seconds have led.
+  void run(BusConnection& connection, Clock::time_point deadline);
 
   // Begins anew. The caller sends questions() at once and in this order, and again whenever
   // isDueAgain(): a manager without server connection points does not answer the first, and as it

@@ -47,6 +47,7 @@ DaemonStatus::Router routerOf(const cJSON* item) {
     }
   }
   router.lossReason = textOf(part("lastLoss"), "reason");
+  router.lossTime = numberOf(part("lastLoss"), "time").value_or(0);
   router.toRouter = numberOf(part("toRouter"), "messages").value_or(0);
   router.fromRouter = numberOf(part("fromRouter"), "messages").value_or(0);
   router.waitingFrames = numberOf(part("waiting"), "frames").value_or(0);
@@ -84,6 +85,7 @@ DaemonStatus::DaemonStatus(const std::string& text) {
   roleSince = numberOf(part("role"), "since");
   controllerDown = textOf(part("controller"), "state") == "down";
   controllerSince = numberOf(part("controller"), "since");
+  controllerAddress = textOf(part("controller"), "address");
   controllerPort = portOf(part("controller"));
   const cJSON* router = nullptr;
   cJSON_ArrayForEach(router, arrayMember(document.get(), "routers")) {

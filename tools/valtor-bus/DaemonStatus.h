@@ -24,7 +24,8 @@ class DaemonStatus {
     std::optional<double> since;  // times are seconds since the epoch
     double lost = 0;              // how often its link ended
     std::vector<double> losses;   // when, the newest last
-    std::string lossReason;       // of the last one
+    std::string lossReason;       // of the last end, which may have been meant
+    double lossTime = 0;          // when that was
     double toRouter = 0;          // messages
     double fromRouter = 0;
     double waitingFrames = 0;
@@ -54,7 +55,8 @@ class DaemonStatus {
   std::optional<double> roleSince;
   bool controllerDown = false;
   std::optional<double> controllerSince;
-  int controllerPort = 0;  // 0: not said
+  std::string controllerAddress;  // as it is named; "" when it is not said
+  int controllerPort = 0;         // 0: not said
   std::vector<Router> routers;
   double queueDelay = 0;  // seconds that a message waits in the daemon
   std::string lastLoop;   // "NOT tally from A to B"; "" for none

@@ -33,20 +33,19 @@ void awaitDaemon(BusConnection& connection, const BusRequest& request, Clock::ti
   if (!changes || isForOthers) {
     return;
   }
-  std::vector<BusRequest> questions;
+  ReadinessQuestions questions;
   Repetition repetition;
   while (Clock::now() < until) {
     if (Clock::now() >= repetition.due()) {
       repetition.next();
       // On the controller's bus the first is answered at once, and nobody is asked in vain.
       if (!questions.empty()) {
-        connection.send(questions.emplace_back(readinessQuestion(kDaemonOnRouterConnID)));
+        questions.ask(connection, kDaemonOnRouterConnID);
       }
-      connection.send(questions.emplace_back(readinessQuestion(kDaemonConnID)));
+      questions.ask(connection);
     }
     const auto message = connection.receive(std::min(until, repetition.due()));
-    if (message && std::any_of(questions.begin(), questions.end(),
-                               [&](const BusRequest& one) { return isAnswerTo(one, *message); })) {
+    if (message && questions.tripOf(*message)) {
       return;
     }
   }
@@ -58,6 +57,41 @@ void Repetition::next() {
   constexpr std::chrono::milliseconds kLongest{1000};
   due_ = Clock::now() + interval_;
   interval_ = std::min(interval_ * 2, kLongest);
+}
+
+void ReadinessQuestions::ask(BusConnection& connection, int32_t daemon) {
+  asked_.emplace_back(readinessQuestion(daemon), Clock::now());
+  connection.send(asked_.back().first);
+}
+
+std::optional<Clock::duration> ReadinessQuestions::tripOf(
+    const PellInternalMessage& message) const {
+  for (const auto& [question, time] : asked_) {
+    if (isAnswerTo(question, message)) {
+      return Clock::now() - time;
+    }
+  }
+  return std::nullopt;
+}
+
+std::optional<Clock::duration> askDaemon(BusConnection& connection, Clock::time_point deadline,
+                                         bool again) {
+  ReadinessQuestions questions;
+  Repetition repetition;
+  do {
+    if (questions.empty() || (again && Clock::now() >= repetition.due())) {
+      repetition.next();
+      questions.ask(connection);
+    }
+    const auto message =
+        connection.receive(again ? std::min(deadline, repetition.due()) : deadline);
+    if (message) {
+      if (const auto trip = questions.tripOf(*message)) {
+        return trip;
+      }
+    }
+  } while (Clock::now() < deadline);
+  return std::nullopt;
 }
 
 void openBefore(BusConnection& connection, Clock::time_point deadline) {

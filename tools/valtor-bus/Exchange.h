@@ -4,6 +4,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "bus/message/PellInternalMessage.h"
@@ -27,6 +28,27 @@ class Repetition {
   Clock::time_point due_;
   std::chrono::milliseconds interval_{250};
 };
+
+// The questions whether the daemon is ready, which it answers whatever its role. One thread.
+class ReadinessQuestions {
+ public:
+  // Asks once more, on a connection that is open: the daemon on the controller's bus, or on that of
+  // a router.
+  void ask(BusConnection& connection, int32_t daemon = kDaemonConnID);
+  // How long ago the question was asked that the message answers, if it answers one.
+  std::optional<BusConnection::Clock::duration> tripOf(const PellInternalMessage& message) const;
+
+  bool empty() const { return asked_.empty(); }
+
+ private:
+  std::vector<std::pair<BusRequest, BusConnection::Clock::time_point>> asked_;
+};
+
+// Asks the daemon on the controller's bus whether it is ready, again and again or once; how long
+// the answer took, or none at the deadline. Drops what else comes. Throws LinkFailure.
+std::optional<BusConnection::Clock::duration> askDaemon(BusConnection& connection,
+                                                        BusConnection::Clock::time_point deadline,
+                                                        bool again);
 
 // Opens the connection. A node that refuses is tried again until the deadline, beyond which the
 // connection does nothing from now on. Throws LinkFailure.

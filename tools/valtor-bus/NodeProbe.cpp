@@ -22,7 +22,8 @@ class Probe {
              frame(payloadOf(keepAlive_, login.connID));
     parser_.setMessageCallback([this](const std::vector<PellInternalMessage>& messages) {
       for (const PellInternalMessage& message : messages) {
-        answered_ = answered_ || isAnswerTo(keepAlive_, message);
+        answered_ =
+            answered_ || (message.getKind() == MessageKind::ACK && isAnswerTo(keepAlive_, message));
       }
     });
   }
@@ -47,6 +48,9 @@ class Probe {
 
  private:
   bool fails(const asio::error_code& error) {
+    if (error == asio::error::no_descriptors || error == asio::error::no_memory) {
+      throw asio::system_error(error);  // which says nothing about the node
+    }
     if (error && !answered_) {
       node_.fault = error == asio::error::eof ? "it hung up" : error.message();
     }

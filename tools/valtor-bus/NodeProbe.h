@@ -16,7 +16,8 @@ struct ProbedNode {
 };
 
 // Connects to every node itself, all at once, logs in and sends a keep-alive; whoever does not
-// answer it within the time has a fault. Uses a descriptor for each node.
+// answer it with an "ACK" within the time has a fault. Uses a descriptor for each node. Throws
+// std::system_error when there are not enough.
 void probeNodes(std::vector<ProbedNode>& nodes, const BusSettings& login,
                 std::chrono::milliseconds time);
 

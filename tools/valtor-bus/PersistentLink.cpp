@@ -15,9 +15,11 @@ void PersistentLink::open() {
 
 std::optional<PellInternalMessage> PersistentLink::receive(
     BusConnection::Clock::time_point deadline) {
-  while (true) {
+  bool wasOpen = false;
+  while (!wasOpen) {
     try {
-      if (connection_.isOpen()) {
+      wasOpen = connection_.isOpen();
+      if (wasOpen) {
         return connection_.receive(deadline);
       }
       connection_.pause(std::min(deadline, lastAttempt_ + connection_.settings().times.reopen));
@@ -31,6 +33,7 @@ std::optional<PellInternalMessage> PersistentLink::receive(
       report(failure.what());
     }
   }
+  return std::nullopt;
 }
 
 void PersistentLink::send(const BusRequest& request) {

@@ -15,7 +15,9 @@ class PersistentLink {
 
   // Throws LinkFailure.
   void open();
-  // As BusConnection::receive(), but a loss ends nothing, and an interrupt gives none.
+  // As BusConnection::receive(), but a loss and an interrupt give none. The next call waits, until
+  // its deadline, for the connection to be made again; an attempt that is under way goes beyond
+  // that, though not beyond BusConnection::setDeadline().
   std::optional<PellInternalMessage> receive(BusConnection::Clock::time_point deadline);
   // As BusConnection::send(), but what cannot be sent is dropped.
   void send(const BusRequest& request);

@@ -25,7 +25,7 @@ std::string millisecondsText(Clock::duration time) {
 // The place of the router with that name or unique ID.
 std::string placeOf(const std::string& router, BusConnection& connection, double timeout) {
   ConnectionPointListing listing(timeout, connection.settings().times.others);
-  listing.run(connection);
+  listing.run(connection, Clock::now() + toDuration(timeout));
   std::string place;
   for (const auto& [uniqueID, row] : listing.table.rows()) {
     if (uniqueID == router || (row.name == router && place.empty())) {
@@ -59,32 +59,24 @@ BusSettings routerBus(const std::string& router, BusConnection& connection, doub
   return *bus;
 }
 
-Trip askDaemon(BusConnection& connection, double timeout) {
-  const Clock::time_point start = Clock::now();
-  const BusRequest question = readinessQuestion(kDaemonConnID);
-  const Clock::time_point end = start + toDuration(timeout);
-  connection.send(question);
-  do {
-    const auto message = connection.receive(end);
-    if (message && isAnswerTo(question, *message)) {
-      return Clock::now() - start;
-    }
-  } while (Clock::now() < end);
-  return std::nullopt;
-}
-
-// Prints a line for each answer; how long they took.
+// Opens the connection, asks, and prints a line for each answer; how long they took. The first may
+// have to wait until somebody is there.
 template <class Ask>
 std::vector<Clock::duration> askAgainAndAgain(BusConnection& connection,
                                               const PingSettings& settings, Output& output,
                                               Ask ask) {
   std::vector<Clock::duration> times;
+  Clock::time_point deadline = Clock::now() + toDuration(settings.timeout);
+  openBefore(connection, deadline);
   Clock::time_point next = Clock::now();
   for (std::size_t number = 1; number <= settings.count; ++number) {
     connection.pause(next);
     next = Clock::now() + toDuration(settings.interval);
-    connection.setDeadline(Clock::now() + toDuration(settings.timeout));
-    const Trip trip = ask(connection);
+    if (number > 1) {
+      deadline = Clock::now() + toDuration(settings.timeout);
+      connection.setDeadline(deadline);
+    }
+    const Trip trip = ask(deadline, number == 1);
     output.line(std::to_string(number) + ": " +
                 (trip ? millisecondsText(*trip)
                       : "no answer within " +
@@ -112,18 +104,18 @@ std::string summary(std::vector<Clock::duration> times) {
 
 void ping(BusConnection& connection, const PingSettings& settings, Output& output) {
   std::vector<Clock::duration> times;
-  const auto deadline = [&] { return Clock::now() + toDuration(settings.timeout); };
   if (settings.router.empty()) {
-    openBefore(connection, deadline());
     times = askAgainAndAgain(connection, settings, output,
-                             [&](BusConnection& bus) { return askDaemon(bus, settings.timeout); });
+                             [&](Clock::time_point deadline, bool isFirst) {
+                               return askDaemon(connection, deadline, isFirst);
+                             });
   } else {
     // Never destroyed, as the connection of main().
     static BusConnection& node =
         *new BusConnection(routerBus(settings.router, connection, settings.timeout));
-    openBefore(node, deadline());
-    times = askAgainAndAgain(node, settings, output,
-                             [&](BusConnection& bus) { return bus.roundTrip(deadline()); });
+    times = askAgainAndAgain(
+        node, settings, output,
+        [](Clock::time_point deadline, bool /*isFirst*/) { return node.roundTrip(deadline); });
   }
   output.line(std::to_string(times.size()) + " of " + std::to_string(settings.count) + " answered" +
               summary(times));

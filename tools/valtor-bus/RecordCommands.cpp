@@ -25,10 +25,11 @@ bool setsUpConnection(const PellInternalHeader& header) {
          (header.path.empty() || header.path == "system.connection");
 }
 
-// Waits, and drops what comes meanwhile.
+// Waits, and drops what comes meanwhile and what came while something was sent.
 void waitUntil(BusConnection& connection, Clock::time_point due) {
   while (connection.receive(due) && Clock::now() < due) {
   }
+  connection.dropReceived();
 }
 
 // The seconds of a recorded offset at another speed.
@@ -114,6 +115,9 @@ class Replay {
 void record(BusConnection& connection, const RecordSettings& settings, Output& output) {
   const std::vector<std::string>& paths = settings.filter.paths;
   connection.setSubscriptions(paths.empty() ? std::vector<std::string>{"*"} : paths);
+  const Clock::time_point end =
+      settings.timeout ? Clock::now() + toDuration(*settings.timeout) : Clock::time_point::max();
+  connection.setDeadline(end);
   PersistentLink link(connection);
   link.open();
   const bool toOutput = settings.file == "-";
@@ -124,8 +128,6 @@ void record(BusConnection& connection, const RecordSettings& settings, Output& o
                                                               : RecordingWriter::Existing::Keep);
   Progress progress;
   const Clock::time_point start = Clock::now();
-  const Clock::time_point end =
-      settings.timeout ? start + toDuration(*settings.timeout) : Clock::time_point::max();
   std::size_t count = 0;
   const auto finish = [&] {
     progress.finish("recorded " + std::to_string(count) + " messages in " +

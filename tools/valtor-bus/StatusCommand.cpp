@@ -174,24 +174,26 @@ std::string statusText(const DaemonStatus& status, bool colour) {
          });
 }
 
-bool isLocal(const BusSettings& bus) {
-  return bus.host == "localhost" || bus.host.rfind("127.", 0) == 0;
-}
+// The address that a name stands for, as far as it is known without asking.
+std::string addressOf(const std::string& host) { return host == "localhost" ? "127.0.0.1" : host; }
 
 }  // namespace
 
 DaemonStatus localStatus(const BusSettings& bus, const StatusSettings& settings) {
   constexpr std::chrono::milliseconds kLongest{1000};
-  if (!isLocal(bus)) {
+  const std::string address = addressOf(bus.host);
+  if (address.rfind("127.", 0) != 0) {
     return DaemonStatus("");
   }
   const auto half =
       std::chrono::duration_cast<std::chrono::milliseconds>(toDuration(settings.timeout) / 2);
   DaemonStatus status = DaemonStatus::ask(settings.socket, std::min(kLongest, half));
-  if (!status.problem().empty() && !settings.watch) {
+  if (!status.problem().empty() && !settings.watch && !settings.check) {
     say(status.problem() + "; the bus is asked instead");
   }
-  const bool isOther = status.controllerPort != 0 && status.controllerPort != bus.port;
+  const bool isOther =
+      (status.controllerPort != 0 && status.controllerPort != bus.port) ||
+      (!status.controllerAddress.empty() && addressOf(status.controllerAddress) != address);
   return isOther ? DaemonStatus("") : status;
 }
 
@@ -200,13 +202,14 @@ void status(BusConnection& connection, const StatusSettings& settings, Output& o
     StatusWatch(connection, settings, output).run();
     return;
   }
+  const Clock::time_point deadline = Clock::now() + toDuration(settings.timeout);
   if (const DaemonStatus own = localStatus(connection.settings(), settings); own.isThere()) {
     output.write(settings.json ? formattedJSON(own.text()) + "\n"
                                : statusText(own, output.hasColour()));
     return;
   }
   ConnectionPointListing listing(settings.timeout, connection.settings().times.others);
-  listing.run(connection);
+  listing.run(connection, deadline);
   output.write(settings.json ? formattedJSON(listing.table.json()) + "\n"
                              : listing.table.text(output.hasColour()));
 }

@@ -15,18 +15,22 @@ using Routers = std::vector<DaemonStatus::Router>;
 
 // Between two questions.
 constexpr std::chrono::milliseconds kPause{50};
+// What the first look gets at least.
+constexpr std::chrono::milliseconds kOneLook{100};
 
-// What the daemon of this machine says, or the bus; throws CommandFailure when nobody does.
-Routers listRouters(BusConnection& connection, const WaitSettings& settings, double seconds) {
+// What the daemon of this machine says, or the bus; throws CommandFailure when nobody does until
+// the end.
+Routers listRouters(BusConnection& connection, const WaitSettings& settings,
+                    Clock::time_point end) {
   StatusSettings quiet;
   quiet.watch = true;
   quiet.socket = settings.socket;
-  quiet.timeout = seconds;
+  quiet.timeout = std::chrono::duration<double>(end - Clock::now()).count();
   if (const DaemonStatus status = localStatus(connection.settings(), quiet); status.isThere()) {
     return status.routers;
   }
-  ConnectionPointListing listing(seconds, connection.settings().times.others);
-  listing.run(connection);
+  ConnectionPointListing listing(settings.timeout, connection.settings().times.others);
+  listing.run(connection, end);
   return DaemonStatus(listing.table.json()).routers;
 }
 
@@ -59,11 +63,11 @@ std::string awaited(const Routers& routers, const WaitSettings& settings) {
 }  // namespace
 
 void wait(BusConnection& connection, const WaitSettings& settings, Output& /*output*/) {
-  const Clock::time_point end = Clock::now() + toDuration(settings.timeout);
+  const Clock::time_point end =
+      Clock::now() + std::max<Clock::duration>(toDuration(settings.timeout), kOneLook);
   std::string open;
   do {
-    const double left = std::chrono::duration<double>(end - Clock::now()).count();
-    open = awaited(listRouters(connection, settings, left), settings);
+    open = awaited(listRouters(connection, settings, end), settings);
     if (open.empty()) {
       return;
     }

@@ -35,10 +35,11 @@ std::string rendered(const PellInternalMessage& message, const WatchSettings& se
 void watch(BusConnection& connection, const WatchSettings& settings, Output& output) {
   const std::vector<std::string>& paths = settings.filter.paths;
   connection.setSubscriptions(paths.empty() ? std::vector<std::string>{"*"} : paths);
-  PersistentLink link(connection);
-  link.open();
   const Clock::time_point end =
       settings.timeout ? Clock::now() + toDuration(*settings.timeout) : Clock::time_point::max();
+  connection.setDeadline(end);
+  PersistentLink link(connection);
+  link.open();
   std::size_t seen = 0;
   while ((settings.count == 0 || seen < settings.count) && !connection.interrupted()) {
     const auto message = link.receive(std::min(end, Clock::now() + kLookInterval));

@@ -83,7 +83,8 @@ int answer(const CLI::App& app, const CLI::ParseError& error) {
       commands);
 }
 
-// Whether a monitoring system has called: every failure has to be a line of its own kind then.
+// Whether a monitoring system has called: every failure has to be a line of its own kind then, and
+// the code that goes with it.
 bool isCheck(int argc, char** argv) {
   const std::vector<std::string> words(argv + 1, argv + std::max(argc, 1));
   const auto has = [&](const char* word) {
@@ -95,6 +96,7 @@ bool isCheck(int argc, char** argv) {
 // The exit code when there is nothing to do.
 std::optional<int> parse(CLI::App& app, int argc, char** argv) {
   int code = static_cast<int>(ExitCode::Usage);
+  std::string reason = "the command line is wrong, see standard error";
   try {
     app.parse(argc, argv);
     return std::nullopt;
@@ -102,12 +104,31 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
     code = answer(app, error);
   } catch (const CommandFailure& failure) {
     code = fail(failure.exitCode, failure.what(), failure.hint);
+    reason = valtor::printable(failure.what());
   }
   if (code != 0 && isCheck(argc, argv)) {
-    std::puts("UNKNOWN: the command line is wrong, see standard error");
+    std::puts(("UNKNOWN: " + reason).c_str());
     code = static_cast<int>(ExitCode::Unknown);
   }
   return code;
+}
+
+// What nobody has foreseen, such as a lack of descriptors or memory; the exit code.
+int failUnexpectedly(const char* reason, bool isCheck, std::optional<valtor::Output>& output) {
+  if (!isCheck) {
+    return fail(ExitCode::Refused, reason, "");
+  }
+  const std::string line = "UNKNOWN: " + valtor::printable(reason);
+  try {
+    if (output) {
+      output->line(line);
+    } else {
+      std::puts(line.c_str());
+    }
+  } catch (const CommandFailure& failure) {
+    fail(ExitCode::Unknown, failure.what(), "");
+  }
+  return static_cast<int>(ExitCode::Unknown);
 }
 
 }  // namespace
@@ -116,6 +137,7 @@ int main(int argc, char** argv) {
   // Read-only, so that writing to one still fails.
   valtor::occupyStandardDescriptors(O_RDONLY | O_CLOEXEC);
   valtor::setLogSink(takeLogLine);
+  std::optional<valtor::Output> output;
   try {
     valtor::Request request;
     request.bus.connID = ownConnID();
@@ -124,14 +146,14 @@ int main(int argc, char** argv) {
     if (const auto end = parse(app, argc, argv)) {
       return *end;
     }
-    valtor::Output output;
+    output.emplace();
     // A name server that does not answer would hold up its end.
     static valtor::Immortal<BusConnection> connection(request.bus);
-    request.command(*connection, output);
+    request.command(*connection, *output);
     return 0;
   } catch (const CommandFailure& failure) {
     return fail(failure.exitCode, failure.what(), failure.hint);
   } catch (const std::exception& error) {
-    return fail(ExitCode::Refused, error.what(), "");
+    return failUnexpectedly(error.what(), isCheck(argc, argv), output);
   }
 }

@@ -1,4 +1,6 @@
+#include <netinet/in.h>
 #include <sstream>
+#include <sys/socket.h>
 
 #include "tools/valtor-bus/ToolFixture.h"
 
@@ -136,6 +138,33 @@ TEST_F(ValtorBusTest, PingMeasuresTheDaemonAndTheNodesOfRouters) {
   const auto ping = start({"ping", "--count", "1", "--timeout", "0.1"});
   EXPECT_EQ(ping->wait(), 1);
   EXPECT_EQ(ping->out(), "1: no answer within 0.1 s\n0 of 1 answered\n");
+  const auto early = start({"ping", "--count", "1", "--timeout", "60", "--name", "early"});
+  nextSent("system", "early");
+  nextSent("system", "early");  // again
+  ready = true;
+  EXPECT_EQ(early->wait(), 0) << early->out();
+}
+
+TEST_F(ValtorBusTest, NobodyWaitsLongerThanHeSaidForAHostThatSwallowsEverything) {
+  const auto endpoint = [] {
+    return UniqueDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  };
+  const UniqueDescriptor full = endpoint();  // with room for one connection that nobody accepts
+  const UniqueDescriptor only = endpoint();
+  sockaddr_in name{};
+  socklen_t size = sizeof name;
+  auto* generic = reinterpret_cast<sockaddr*>(&name);
+  ASSERT_EQ(listen(full.get(), 0), 0);
+  ASSERT_EQ(getsockname(full.get(), generic, &size), 0);
+  ASSERT_EQ(connect(only.get(), generic, size), 0);
+  const std::string port = std::to_string(ntohs(name.sin_port));
+  for (const Texts& command : {Texts{"watch"}, {"record", "-"}, {"get", "a"}, {"wait"}, {"ping"}}) {
+    Texts arguments = command;
+    arguments.insert(arguments.end(), {"--port", port, "--timeout", "0.1"});
+    const auto tool = start(arguments, "", "tool=$1; shift 3; exec \"$tool\" \"$@\"");
+    EXPECT_EQ(tool->wait(), 1);
+    EXPECT_NE(tool->err().find(": no answer within 0."), std::string::npos) << tool->err();
+  }
 }
 
 TEST_F(ValtorBusTest, CheckTellsWhatTheDaemonMakesOfEachEntry) {
@@ -189,6 +218,11 @@ TEST_F(ValtorBusTest, HostAndPortComeFromTheFirstPlaceThatHasThem) {
       {"export VALTOR_BUS_PORT=3 VALTOR_BUS_HOST=;", "cannot connect to 127.0.0.9:3: "},
       {"export VALTOR_BUS_PORT=0; set -- -p 4 -H 127.0.0.8;", "cannot connect to 127.0.0.8:4: "},
       {"export VALTOR_BUS_PORT=0;", "VALTOR_BUS_PORT: \"0\" is no whole number from 1 to 65535", 2},
+      // A folder that cannot be looked into has no file.
+      {"ln -s x x; export XDG_CONFIG_HOME=$PWD/x VALTOR_BUS_HOST=127.0.0.7;",
+       "cannot connect to 127.0.0.7:"},
+      {"echo host 7 >>valtor-bus.conf; exec 2>err; exec " VALTOR_BUS_EXECUTABLE " check none;",
+       "error while opening file: none"},
       {"echo host 7 >>valtor-bus.conf;",
        "valtor-bus.conf, line 4: \"host 7\" is neither host=NAME nor port=NUMBER", 2},
   };

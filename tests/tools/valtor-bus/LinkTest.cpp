@@ -120,7 +120,11 @@ TEST(PersistentLinkTest, ANodeThatDropsEveryConnectionIsReportedOnce) {
   PersistentLink link(connection);
   link.open();
   testing::internal::CaptureStderr();
-  auto received = std::async(std::launch::async, [&] { return link.receive(kForEver); });
+  auto received = std::async(std::launch::async, [&] {
+    EXPECT_FALSE(link.receive(kForEver));  // it is told of the loss at once
+    EXPECT_FALSE(connection.isOpen());
+    return link.receive(kForEver);
+  });
   for (int time = 0; time < 4; ++time) {
     node.accept()->close();
   }
@@ -143,6 +147,9 @@ TEST(StreamsTest, ALostStandardStreamEndsACommandWithItsReason) {
       {"timeout 30 " VALTOR_BUS_EXECUTABLE " watch" + port + "| true", 128 + SIGPIPE, ""},
       {VALTOR_BUS_EXECUTABLE " status --check --timeout 0 --socket /nonexistent" + port + ">&-", 3,
        "valtor-bus: cannot write to standard output: it is closed\n"},
+      {"ulimit -n 5; [ \"$(" VALTOR_BUS_EXECUTABLE " status --check)\" = 'UNKNOWN: epoll: Too many "
+       "open files' ] && exit 7",
+       7, ""},
       {VALTOR_BUS_EXECUTABLE " --help >/dev/full", 1,
        "valtor-bus: cannot write to standard output: No space left on device\n"},
       {VALTOR_BUS_EXECUTABLE " route frob", 2,

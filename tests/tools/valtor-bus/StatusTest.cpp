@@ -97,11 +97,18 @@ std::string router(const std::string& more) {
          more + R"("state":"up","since":999996400,"toRouter":{"messages":5000000001},"later":{}}])";
 }
 
+// A router as the bus lists it.
+std::string point(const std::string& uniqueID, bool connected, int port) {
+  return R"({"type":"valtor","name":"router","uniqueID":")" + uniqueID +
+         R"(","phy":[{"type":"tcp","ipAddress":"127.0.0.1","port":)" + std::to_string(port) +
+         R"(}],"enabled":true,"connected":)" + (connected ? "true}" : "false}");
+}
+
 TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
   const std::string figures =
       " to_routers=5000000001c from_routers=0c waiting=0 waiting_bytes=0B dropped=0c lost=";
   const std::string up = "1 of 1 enabled connection points connected";
-  const std::string upFigures = " | connected=1;;;0;1 delay=0s;1;;0" + figures;
+  const std::string upFigures = " | connected=1;;;0;1 delay=D;1;;0" + figures;
   const std::string north = "no/rth (127.0.0.2:7)";
   const struct {
     std::string document;
@@ -112,36 +119,42 @@ TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
       {router(""), 0, "OK: " + up + upFigures + "0c"},
       {router(R"("state":"down",)"), 2,
        "CRITICAL: 0 of 1 enabled connection points connected; down: " + north +
-           " | connected=0;;;0;1 delay=0s;1;;0" + figures + "0c"},
+           " | connected=0;;;0;1 delay=D;1;;0" + figures + "0c"},
       {router(R"("enabled":false,)"), 0,
-       "OK: 0 of 0 enabled connection points connected | connected=0;;;0;0 delay=0s;1;;0" +
-           figures + "0c"},
+       "OK: 0 of 0 enabled connection points connected | connected=0;;;0;0 delay=D;1;;0" + figures +
+           "0c"},
       {router(R"("stalled":true,"waiting":{"frames":3},)"), 2,
        "CRITICAL: " + up + "; stalled: " + north +
-           ", 3 messages wait | connected=1;;;0;1 delay=0s;1;;0 to_routers=5000000001c "
+           ", 3 messages wait | connected=1;;;0;1 delay=D;1;;0 to_routers=5000000001c "
            "from_routers=0c waiting=3 waiting_bytes=0B dropped=0c lost=0c"},
-      {router(
-           R"("since":999999990,"lost":1,"losses":[999999980],"lastLoss":{"reason":"hung up"},)"),
+      {router(R"("since":999999990,"lost":1,"losses":[999999980],"lastLoss":{"reason":"hung up",)"
+              R"("time":999999980},)"),
        1,
        "WARNING: " + up + "; flapping: " + north +
            " is back for 10 s, lost 1 times in 10 minutes, last hung up" + upFigures + "1c"},
+      {router(R"("since":999999990,"lost":1,"losses":[999999970],"lastLoss":{"reason":"standby",)"
+              R"("time":999999980},)"),
+       0, "OK: " + up + upFigures + "1c"},
       {router(R"("lost":4,"losses":[1,999999500,999999600,999999700],"lastLoss":null,)"), 1,
        "WARNING: " + up + "; flapping: " + north +
            " is back for 3600 s, lost 3 times in 10 minutes" + upFigures + "4c"},
-      {router("") + R"(,"localQueue":{"delayMs":1500})", 1,
-       "WARNING: " + up +
-           "; an answer takes 1.5 s, messages are waiting in the daemon | connected=1;;;0;1 "
-           "delay=1.5s;1;;0" +
-           figures + "0c"},
+      {router("") + R"(,"localQueue":{"delayMs":90000})", 1,
+       "WARNING: " + up + "; an answer takes 90 s, messages are waiting" + upFigures + "0c"},
       {router("") +
            R"(,"loops":{"last":{"kind":"NOT","path":"a","from":"x","to":"y","time":999999999}})",
        1, "WARNING: " + up + "; a loop: NOT on \"a\" from x to y" + upFigures + "0c"},
       {R"("controller":{"state":"down","since":999999999,"port":)" + std::to_string(node.port()) +
-           "}",
+           "}," + router(""),
+       3, "UNKNOWN: " + up + "; the controller's link is down for 1 s" + upFigures + "0c"},
+      {R"("controller":{"state":"down","port":)" + std::to_string(node.port()) + "}," +
+           router(R"("state":"down",)"),
        2,
-       "CRITICAL: the controller's link is down for 1 s; no connection points are listed by the "
-       "daemon"},
-      {R"("routers":7)", 3, "UNKNOWN: no connection points are listed by the daemon"},
+       "CRITICAL: 0 of 1 enabled connection points connected; the controller's link is down; "
+       "down: " +
+           north + " | connected=0;;;0;1 delay=D;1;;0" + figures + "0c"},
+      {R"("routers":7)", 3,
+       "UNKNOWN: no connection points are listed by the daemon | delay=D;1;;0 to_routers=0c "
+       "from_routers=0c waiting=0 waiting_bytes=0B dropped=0c lost=0c"},
   };
   StatusSocket socket(folder.at("status"));
   socket.start();
@@ -150,11 +163,24 @@ TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
     socket.say(one.document.find("\"controller\"") != std::string::npos
                    ? "{\"now\":1000000000," + one.document + "}"
                    : document(one.document));
-    const auto tool = status({"--check"});
+    const auto tool = status({"--check", "--timeout", "60"});
     EXPECT_EQ(tool->wait(), one.exitCode) << one.line;
-    EXPECT_EQ(tool->out(), one.line + "\n");
+    EXPECT_EQ(std::regex_replace(tool->out(), std::regex("delay=[0-9.e-]+s"), "delay=D"),
+              one.line + "\n");
     EXPECT_EQ(tool->err(), "");
   }
+  // The daemon has to answer over the node too.
+  ready = false;
+  for (const bool reads : {true, false}) {
+    node->setReadingPaused("*", !reads);
+    const auto tool = status({"--check", "--timeout", reads ? "2" : "0.2"});
+    EXPECT_EQ(tool->wait(), 3);
+    EXPECT_NE(tool->out().find(reads ? "; the daemon does not answer at 127.0.0.1:"
+                                     : "; no answer from the node at 127.0.0.1:"),
+              std::string::npos)
+        << tool->out();
+  }
+  node->setReadingPaused("*", false);
   socket.say(document(router(R"("lost":2,)")));
   const auto table = status({});
   const auto json = status({"--json"});
@@ -162,33 +188,41 @@ TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
   EXPECT_NE(table->out().find("  5000000001  0     0        0        2     -\n"), std::string::npos)
       << table->out();
   EXPECT_NE(json->out().find("\"later\":\t{}"), std::string::npos) << json->out();
+  // The daemon of another bus is not asked about this one.
+  socket.say(R"({"controller":{"address":"127.0.0.2","port":)" + std::to_string(node.port()) +
+             "}," + router("") + "}");
+  const auto other = status({"--timeout", "60"});
+  nextSent("device");
+  answerNext("device", {R"("param":{"connectionPoint":[)" + point("r1", true, 7) + "]}"});
+  EXPECT_EQ(other->wait(), 0) << other->err();
+  EXPECT_NE(other->out().find("  r1  "), std::string::npos) << other->out();
 }
 
 TEST_F(StatusTest, ASocketWithoutAnAnswerIsNamedAndTheBusIsAsked) {
-  const auto checked = [&] {
+  const auto expectCheck = [&](const std::string& problem) {
     const auto tool = status({"--check", "--timeout", "1"});
     EXPECT_EQ(tool->wait(), 2);
     EXPECT_EQ(tool->out(), "CRITICAL: no daemon answers on the bus at 127.0.0.1:" +
-                               std::to_string(node.port()) + "\n");
-    return tool->err();
+                               std::to_string(node.port()) + problem + "\n");
+    EXPECT_EQ(tool->err(), "");
   };
   ready = false;
-  EXPECT_EQ(checked(), "");
-  const std::string end = "; the bus is asked instead\n";
+  expectCheck("");
+  const std::string end = ", so only the bus was asked";
   StatusSocket socket(folder.at("status"));
-  EXPECT_EQ(checked(),
-            "valtor-bus: " + folder.at("status") + " lies there from a daemon that is gone" + end);
+  expectCheck("; " + folder.at("status") + " lies there from a daemon that is gone" + end);
   socket.say(R"({"now":1,"routers":[{"name)");
   socket.start();
-  EXPECT_EQ(checked(), "valtor-bus: what " + folder.at("status") + " says is no JSON object" + end);
+  expectCheck("; what " + folder.at("status") + " says is no JSON object" + end);
   socket.stop();
-  EXPECT_EQ(checked(), "valtor-bus: nobody answers at " + folder.at("status") + end);
-}
-
-std::string point(const std::string& uniqueID, bool connected, int port) {
-  return R"({"type":"valtor","name":"router","uniqueID":")" + uniqueID +
-         R"(","phy":[{"type":"tcp","ipAddress":"127.0.0.1","port":)" + std::to_string(port) +
-         R"(}],"enabled":true,"connected":)" + (connected ? "true}" : "false}");
+  expectCheck("; nobody answers at " + folder.at("status") + end);
+  const auto table = status({"--timeout", "0.4"});
+  EXPECT_EQ(table->wait(), 1);
+  EXPECT_EQ(table->err().rfind("valtor-bus: nobody answers at " + folder.at("status") +
+                                   "; the bus is asked instead\nvaltor-bus: no answer to ",
+                               0),
+            0U)
+      << table->err();
 }
 
 TEST_F(StatusTest, ARouterIsFollowedUntilTheDaemonEndsIt) {
@@ -219,9 +253,19 @@ TEST_F(StatusTest, ARouterIsFollowedUntilTheDaemonEndsIt) {
        {"--json"},
        std::regex(R"(\{"missed":2\}\n)"),
        ended},
+      {"{\"direction\":\"\xff\"}\n",
+       {"--json"},
+       std::regex("\\{\"direction\":\"\xEF\xBF\xBD\"\\}\n"),
+       ended},
+      {R"({"now":1,"routers":[]})"
+       "\n",
+       {"--timeout", "0"},
+       std::regex(""),
+       "valtor-bus: the daemon tells how it does instead of messages\n  It may have been too busy "
+       "to see in time what was asked.\n"},
       {R"({"error":"no such router"})"
        "\n",
-       {},
+       {"--timeout", "0"},
        std::regex(""),
        "valtor-bus: no such router \"r\"\n  It has to be the unique ID of a router that status "
        "lists.\n"},
@@ -238,6 +282,15 @@ TEST_F(StatusTest, ARouterIsFollowedUntilTheDaemonEndsIt) {
     EXPECT_EQ(tool->err(), one.err);
     EXPECT_EQ(socket.heard(), "follow r\n");
   }
+  // Whoever is told something else, or nothing, asks again.
+  socket.say("{\"routers\":[]}\n");
+  const int before = socket.asked();
+  const auto patient = start({"follow", "r", "--timeout", "60", "--socket", folder.at("status")});
+  EXPECT_TRUE(eventually([&] { return socket.asked() >= before + 2; }));
+  socket.say(lines);
+  EXPECT_EQ(patient->wait(), 1);
+  EXPECT_EQ(patient->err(), ended);
+  EXPECT_NE(patient->out(), "");
 }
 
 TEST_F(StatusTest, WhoeverWaitsReturnsOnceTheRoutersAreAsAwaited) {
@@ -248,7 +301,7 @@ TEST_F(StatusTest, WhoeverWaitsReturnsOnceTheRoutersAreAsAwaited) {
     arguments.insert(arguments.begin(), {"wait", "--socket", folder.at("status")});
     return start(arguments);
   };
-  EXPECT_EQ(waiting({"r", "--down"})->wait(), 0);
+  EXPECT_EQ(waiting({"r", "--down", "--timeout", "0"})->wait(), 0);  // one look at least
   const auto late = waiting({"no|rth", "other", "--timeout", "0.2"});
   EXPECT_EQ(late->wait(), 1);
   EXPECT_EQ(late->err(),
@@ -287,16 +340,21 @@ TEST_F(StatusTest, WithoutASocketTheBusDecides) {
   };
   ready = false;
   for (const auto& one : cases) {
-    const auto tool = status({"--check", "--probe", "--timeout", "60"});
-    answerNext("device", {R"("param":{"serverConnectionPoint":[)" + one.servers + "]}"});
-    answerNext("device", {R"("param":{"connectionPoint":[)" + one.clients + "]}"});
-    answerNext("system", {R"("param":{})"});
+    const std::string name = "tool" + std::to_string(&one - cases);
+    const auto tool = status({"--check", "--probe", "--timeout", "60", "--name", name});
+    if (&one == cases) {
+      nextSent("system", name);  // the first round finds no daemon yet
+      nextSent("system", name);
+    }
+    answerNext("device", {R"("param":{"serverConnectionPoint":[)" + one.servers + "]}"}, name);
+    answerNext("device", {R"("param":{"connectionPoint":[)" + one.clients + "]}"}, name);
+    answerNext("system", {R"("param":{})"}, name);
     EXPECT_EQ(tool->wait(), one.exitCode) << tool->err();
     EXPECT_EQ(tool->out().rfind(one.line, 0), 0U) << tool->out();
   }
   // A daemon that is there and lists nothing.
   ready = true;
-  const auto active = status({"--check"});
+  const auto active = status({"--check", "--timeout", "2"});
   EXPECT_EQ(active->wait(), 3);
   EXPECT_EQ(active->out(),
             "UNKNOWN: the daemon lists no connection points, the controller's role is active\n");
