@@ -98,9 +98,9 @@ class Follower {
   std::optional<CommandFailure> show(const std::string& line) {
     const OwnedJSON object = parseJSON(line);
     if (const char* error = stringMember(object.get(), "error"); error != nullptr) {
-      return CommandFailure(ExitCode::Refused,
-                            printable(error) + " \"" + excerpt(settings_.uniqueID) + "\"",
-                            "It has to be the unique ID of a router that status lists.");
+      return CommandFailure(
+          ExitCode::Refused, "router \"" + excerpt(settings_.uniqueID) + "\": " + printable(error),
+          "UNIQUE-ID is that of a router in the table of status; 16 may be followed at a time.");
     }
     if (!hasBegun_ && stringMember(object.get(), "direction") == nullptr &&
         cJSON_GetObjectItem(object.get(), "missed") == nullptr) {

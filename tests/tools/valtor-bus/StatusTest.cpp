@@ -267,8 +267,8 @@ TEST_F(StatusTest, ARouterIsFollowedUntilTheDaemonEndsIt) {
        "\n",
        {"--timeout", "0"},
        std::regex(""),
-       "valtor-bus: no such router \"r\"\n  It has to be the unique ID of a router that status "
-       "lists.\n"},
+       "valtor-bus: router \"r\": no such router\n  UNIQUE-ID is that of a router in the table of "
+       "status; 16 may be followed at a time.\n"},
   };
   StatusSocket socket(folder.at("status"));
   socket.start();
