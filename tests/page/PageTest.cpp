@@ -29,7 +29,7 @@ class PageTest : public EndToEndTest {
     startGamma();
     startComplete();
     startPage();
-    browser.becomeDevice(1280, 640, false);
+    browser.becomeDevice(1280, 680, false);
     browser.open(kAddress);
     ASSERT_TRUE(browser.becomes("document.querySelectorAll('.tile').length === 4")) << everything();
   }
@@ -125,7 +125,7 @@ TEST_F(PageTest, ShowsWhatCrossesAndKeepsStrangersTextAsText) {
   shows("#role", "active");
   shows("#verdict-text", "All 4 routers carry traffic");
   shows("#daemon", "answers, up");
-  shows("#bus", "daemon answers in");
+  shows("#bus", "answers in");
   shows("#crossing tr", "CMD");
   const std::pair<std::string, std::string> spoken[] = {
       {"document.querySelector('main')", "main "},

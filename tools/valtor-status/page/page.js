@@ -4,21 +4,21 @@
 // while somebody follows a router its messages. Names, paths and bodies come from a bus and may be
 // anything: they reach the page as textContent and through shown() only.
 
-const kUnanswered = 5;        // seconds without an answer on the bus; it is asked every two
-const kWindow = 120;          // seconds that the lines show
-const kStaleAfter = 3;        // seconds after which data is old
-const kRecent = 10;           // seconds in which a message makes a link one that carries traffic
-const kProof = 12;            // seconds after which the daemon would have given up a silent router
-const kSettled = 60;          // seconds until a link that was lost counts as steady again
-const kFlapping = 2;          // losses in ten minutes that still pass as steady
-const kBehind = 500;          // frames, half a second of a link's pace
+const kUnanswered = 5;  // seconds without an answer on the bus; it is asked every two
+const kWindow = 120;    // seconds that the lines show
+const kStaleAfter = 3;  // seconds after which data is old
+const kRecent = 10;     // seconds in which a message makes a link one that carries traffic
+const kProof = 12;      // seconds after which the daemon would have given up a silent router
+const kSettled = 60;    // seconds until a link that was lost counts as steady again
+const kFlapping = 2;    // losses in ten minutes that still pass as steady
+const kBehind = 500;    // frames, half a second of a link's pace
 const kBehindBytes = 4e6;
-const kHold = 20;             // seconds that a tile keeps its place after its trouble is over
+const kHold = 20;  // seconds that a tile keeps its place after its trouble is over
 const kEvents = 200;
-const kKept = 2000;           // messages that the filter can look back at
-const kRows = 500;            // messages on the screen
-const kDrawEvery = 200;       // ms
-const kSilence = 6;           // seconds without a word after which the stream is opened anew
+const kKept = 2000;      // messages that the filter can look back at
+const kRows = 500;       // messages on the screen
+const kDrawEvery = 200;  // ms
+const kSilence = 6;      // seconds without a word after which the stream is opened anew
 
 const $ = (id) => document.getElementById(id);
 
@@ -37,8 +37,9 @@ function shown(text, most = 80) {
   return cut.replace(/[\p{Cc}\p{Cf}\p{Co}\u2028\u2029\ud800-\udfff]/gu, (c) => {
     const named = {'\n': '\\n', '\r': '\\r', '\t': '\\t'}[c];
     const code = c.codePointAt(0);
-    return named ?? (code < 256 ? '\\x' + code.toString(16).padStart(2, '0')
-                                : '\\u{' + code.toString(16) + '}');
+    return named ??
+        (code < 256 ? '\\x' + code.toString(16).padStart(2, '0') :
+                      '\\u{' + code.toString(16) + '}');
   });
 }
 
@@ -90,8 +91,10 @@ const reasons = {
   'no response': 'no response: silent for 10 s',
   'receive error': 'receive error: broken by the network',
   'keep-alive not taken': 'keep-alive not taken: the far end does not read',
-  'standby': 'left on purpose: standby', 'disabled': 'left on purpose: disabled',
-  'removed': 'left on purpose: removed', 'moved': 'left on purpose: it has moved',
+  'standby': 'left on purpose: standby',
+  'disabled': 'left on purpose: disabled',
+  'removed': 'left on purpose: removed',
+  'moved': 'left on purpose: it has moved',
 };
 const reasonText = (reason) => reasons[reason] ?? shown(reason);
 
@@ -151,7 +154,7 @@ const clock = {
 };
 
 const view = {
-  state: null,       // the last `state`
+  state: null,  // the last `state`
   stale: false,
   heard: -Infinity,  // steady time of the last event of the stream, s
   tiles: new Map(),  // by unique ID
@@ -179,8 +182,8 @@ function judge(router, tile, now) {
     if (view.state.daemon.document?.role?.state === 'standby') {
       return verdict('off', 3, 'Left', 'the controller is on standby');
     }
-    const why = loss ? reasonText(loss.reason)
-                     : `nobody has answered at ${shown(router.address)}:${shown(router.port)} yet`;
+    const why = loss ? reasonText(loss.reason) :
+                       `nobody has answered at ${shown(router.address)}:${shown(router.port)} yet`;
     return verdict('down', 0, 'Down', why);
   }
   if (router.stalled) {
@@ -190,45 +193,58 @@ function judge(router, tile, now) {
   const lost = tile.lost;
   // A frozen node's system still accepts connections. Until the daemon would have given the link up
   // again nothing says that anybody is there, but a message from there.
-  if (/no response|keep-alive/.test(loss?.reason) && back < kProof && !tile.heardSince(router.since)) {
-    return verdict('silent', 0, 'No answer', `connected again for ${span(back)}, but not a word since`);
+  if (/no response|keep-alive/.test(loss?.reason) && back < kProof &&
+      !tile.heardSince(router.since)) {
+    return verdict(
+        'silent', 0, 'No answer', `connected again for ${span(back)}, but not a word since`);
   }
   if (tile.lateFor >= 1) {
     return verdict('behind', 1, 'Behind', frames);
   }
   if (lost > kFlapping || (lost > 0 && back < kSettled)) {
-    return verdict('unsteady', 1, 'Unsteady', `lost ${count(lost)} × in 10 minutes, back for ${span(back)}`);
+    return verdict(
+        'unsteady', 1, 'Unsteady', `lost ${count(lost)} × in 10 minutes, back for ${span(back)}`);
   }
   const to = tile.movedAt.to > now - kRecent;
   const from = tile.movedAt.from > now - kRecent;
   if (to || from) {
-    return verdict('carries', 2, 'Carries traffic',
-        to && from ? 'both ways' : to ? 'to the router only' : 'from the router only');
+    return verdict(
+        'carries', 2, 'Carries traffic',
+        to && from ? 'both ways' :
+            to     ? 'to the router only' :
+                     'from the router only');
   }
   const moved = Math.max(tile.movedAt.to, tile.movedAt.from);
   const known = tile.rates[0]?.t ?? now;
-  return verdict('quiet', 2, 'Up, quiet', moved > 0 ? `nothing for ${span(now - moved)}`
-                                                    : `nothing seen in ${span(now - known)}`);
+  return verdict(
+      'quiet', 2, 'Up, quiet',
+      moved > 0 ? `nothing for ${span(now - moved)}` : `nothing seen in ${span(now - known)}`);
 }
 
 // The one sentence of the header, its state, and why.
 function overall(now) {
   const state = view.state;
-  const old = state?.daemon.asOf ? `What stands below is ${span(now - state.daemon.asOf)} old.` : '';
+  const old =
+      state?.daemon.asOf ? `What stands below is ${span(now - state.daemon.asOf)} old.` : '';
   if (view.heard < performance.now() / 1000 - kStaleAfter) {
     return ['down', 'No connection to valtor-status', `${old} It is tried again.`];
   }
   const {daemon, bus} = state;
   const known = daemon.document;
   if (!daemon.answering) {
-    return ['down', 'The daemon does not answer', `${shown(daemon.problem, 300).replace(/\.?$/, '.')} ${old}`];
+    return [
+      'down', 'The daemon does not answer',
+      `${shown(daemon.problem, 300).replace(/\.?$/, '.')} ${old}`
+    ];
   }
   if (view.stale) {
     return ['down', 'The data is old', old];
   }
   if (known?.controller?.state !== 'up') {
-    return ['down', 'The controller’s link is down: nothing crosses',
-            known?.controller?.lastLoss ? reasonText(known.controller.lastLoss.reason) : ''];
+    return [
+      'down', 'The controller’s link is down: nothing crosses',
+      known?.controller?.lastLoss ? reasonText(known.controller.lastLoss.reason) : ''
+    ];
   }
   if (known.role?.state === 'standby') {
     return ['off', 'Standby: the routers are left on purpose', ''];
@@ -242,22 +258,39 @@ function overall(now) {
   const shaky = enabled.filter((tile) => tile.verdict.rank === 1).length;
   const of = `of ${plural(enabled.length, 'router')}`;
   if (bad > 0) {
-    return ['down', `${bad} ${of} ${bad === 1 ? 'carries' : 'carry'} nothing` +
-        (shaky > 0 ? `, ${shaky} ${shaky === 1 ? 'is' : 'are'} shaky` : ''), ''];
+    return [
+      'down',
+      `${bad} ${of} ${bad === 1 ? 'carries' : 'carry'} nothing` +
+          (shaky > 0 ? `, ${shaky} ${shaky === 1 ? 'is' : 'are'} shaky` : ''),
+      ''
+    ];
   }
   if (shaky > 0) {
     return ['unsteady', `${shaky} ${of} ${shaky === 1 ? 'is' : 'are'} shaky`, ''];
   }
   if (bus.state !== 'up') {
-    return ['unsteady', 'All routers are up, the page does not hear the bus', shown(bus.problem, 300)];
+    return [
+      'unsteady', 'All routers are up, the page does not hear the bus', shown(bus.problem, 300)
+    ];
   }
   const carrying = enabled.filter((tile) => tile.verdict.state === 'carries').length;
   if (carrying === 0) {
-    return ['quiet', `All ${plural(enabled.length, 'router')} up, all quiet`.replace('All 1 router up, all', 'The router is up,'), ''];
+    return [
+      'quiet',
+      enabled.length === 1 ? 'The router is up, quiet' :
+                             `All ${enabled.length} routers up, all quiet`,
+      ''
+    ];
   }
-  return ['carries', carrying === enabled.length
-      ? (carrying === 1 ? 'The router carries traffic' : `All ${carrying} routers carry traffic`)
-      : `All ${enabled.length} routers up, ${carrying} ${carrying === 1 ? 'carries' : 'carry'} traffic`, ''];
+  return [
+    'carries',
+    carrying === enabled.length ?
+        ['The router carries traffic', 'Both routers carry traffic'][carrying - 1] ??
+            `All ${carrying} routers carry traffic` :
+        `All ${enabled.length} routers up, ${carrying} ${
+            carrying === 1 ? 'carries' : 'carry'} traffic`,
+    ''
+  ];
 }
 
 // --- Lines ------------------------------------------------------------------------------------
@@ -272,38 +305,76 @@ const lines = {
   },
   axis(weight, format, colours) {
     return {
-      type: 'linear', axis: 'y', position: 'left', stack: 'both', stackWeight: weight, beginAtZero: true, offset: true,
+      type: 'linear',
+      axis: 'y',
+      position: 'left',
+      stack: 'both',
+      stackWeight: weight,
+      beginAtZero: true,
+      offset: true,
       grid: {color: colours.edge, borderColor: colours.edge, drawTicks: false},
       // Two marks are enough, 0 and the most.
-      afterBuildTicks: (axis) => { axis.ticks = [{value: 0}, {value: axis.max}]; },
-      afterFit: (axis) => { axis.width = 50; },
-      grace: '5%', suggestedMax: 1,
-      ticks: {color: colours.soft, font: {size: 10}, padding: 3, callback: (value) => format(value),
-              autoSkip: false},
+      afterBuildTicks: (axis) => {
+        axis.ticks = [{value: 0}, {value: axis.max}];
+      },
+      afterFit: (axis) => {
+        axis.width = 50;
+      },
+      grace: '5%',
+      suggestedMax: 1,
+      ticks: {
+        color: colours.soft,
+        font: {size: 10},
+        padding: 3,
+        callback: (value) => format(value),
+        autoSkip: false
+      },
     };
   },
   make(canvas) {
     const colours = this.colours();
     const line = (axis, towards) => ({
-      data: [], yAxisID: axis, borderColor: colours[towards], borderWidth: 1.5,
+      data: [],
+      yAxisID: axis,
+      borderColor: colours[towards],
+      borderWidth: 1.5,
+      borderJoinStyle: 'round',
       borderDash: towards === 'from' ? [4, 3] : [],
     });
     return new Chart(canvas, {
       type: 'line',
-      data: {datasets: [line('messages', 'to'), line('messages', 'from'),
-                        line('octets', 'to'), line('octets', 'from')]},
+      data: {
+        datasets: [
+          line('messages', 'to'), line('messages', 'from'), line('octets', 'to'),
+          line('octets', 'from')
+        ]
+      },
       options: {
-        animation: false, responsive: true, maintainAspectRatio: false, parsing: false,
-        normalized: true, events: [], spanGaps: false,
+        animation: false,
+        responsive: true,
+        maintainAspectRatio: false,
+        parsing: false,
+        normalized: true,
+        events: [],
+        spanGaps: false,
         elements: {point: {radius: 0}, line: {tension: 0}},
         plugins: {legend: {display: false}, tooltip: {enabled: false}},
         scales: {
-          x: {type: 'linear', grid: {display: false, borderColor: colours.edge},
-              afterBuildTicks: (axis) => {
-                axis.ticks = [0, 0.5, 1].map((part) => ({value: axis.max - (1 - part) * kWindow}));
-              },
-              ticks: {color: colours.soft, font: {size: 10}, padding: 0, maxRotation: 0, align: 'inner',
-                      callback: (value, index) => ['−2 min', '−1 min', 'now'][index]}},
+          x: {
+            type: 'linear',
+            grid: {display: false, borderColor: colours.edge},
+            afterBuildTicks: (axis) => {
+              axis.ticks = [0, 0.5, 1].map((part) => ({value: axis.max - (1 - part) * kWindow}));
+            },
+            ticks: {
+              color: colours.soft,
+              font: {size: 10},
+              padding: 0,
+              maxRotation: 0,
+              align: 'inner',
+              callback: (value, index) => ['−2 min', '−1 min', 'now'][index]
+            }
+          },
           octets: this.axis(2, bytes, colours),  // the first one is lowest
           messages: this.axis(3, (value) => `${rate(value)}/s`, colours),
         },
@@ -327,14 +398,14 @@ class Tile {
     this.canvas = this.element.querySelector('canvas');
     this.rates = [];
     this.movedAt = {to: 0, from: 0};
-    this.counts = null;     // of the last look
-    this.countedFrom = 0;   // when a message from the router was seen last, by its counters
+    this.counts = null;    // of the last look
+    this.countedFrom = 0;  // when a message from the router was seen last, by its counters
     this.dropped = NaN;
     this.droppedAt = -Infinity;  // when the page saw messages dropped
     this.lost = 0;
     this.lateSince = null;
     this.verdict = {state: 'off', rank: 3, word: '', detail: ''};
-    this.place = 3;         // its rank in the order, which follows the verdict's with a delay
+    this.place = 3;  // its rank in the order, which follows the verdict's with a delay
     this.calmSince = 0;
     this.element.addEventListener('click', () => follow.open(this.id, this.parts.name));
     sight.observe(this.element);
@@ -367,7 +438,9 @@ class Tile {
   }
 
   // Whether the router has sent a message since then.
-  heardSince(time) { return this.countedFrom > time || this.movedAt.from > time + 1; }
+  heardSince(time) {
+    return this.countedFrom > time || this.movedAt.from > time + 1;
+  }
 
   // What has to be seen in every state, also while nothing is drawn.
   look(router, now) {
@@ -395,8 +468,9 @@ class Tile {
 
   mean(column, now) {
     const recent = this.rates.filter((one) => one.t > now - 5.5 && !one.gap);
-    return recent.length === 0 ? NaN
-        : recent.reduce((sum, one) => sum + (one[column] || 0), 0) / recent.length;
+    return recent.length === 0 ?
+        NaN :
+        recent.reduce((sum, one) => sum + (one[column] || 0), 0) / recent.length;
   }
 
   render(now) {
@@ -405,14 +479,19 @@ class Tile {
     setText(parts.name, shown(router.name) || '(no name)');
     setText(parts.word, view.stale ? `Was: ${verdict.word}` : verdict.word);
     setText(parts.detail, verdict.detail);
-    setText(parts.place, `${shown(router.address)}:${shown(router.port)}` +
-        (router.uniqueID === router.name ? '' : ` · ${shown(router.uniqueID)}`));
-    const word = {up: 'Up', down: 'Down', disabled: 'Disabled'}[router.state] ?? shown(router.state);
+    setText(
+        parts.place,
+        `${shown(router.address)}:${shown(router.port)}` +
+            (router.uniqueID === router.name ? '' : ` · ${shown(router.uniqueID)}`));
+    const word = {up: 'Up', down: 'Down', disabled: 'Disabled'}[router.state] ??
+        shown(router.state);
     setText(parts.since, `${word} since ${since(router.since, now)}`);
     const loss = router.lastLoss;
     parts.loss.hidden = verdict.state === 'down';  // its reason stands above
-    setText(parts.loss, loss ? `Last end: ${reasonText(loss.reason)}, ${since(loss.time, now)}`
-                             : 'No link has ended yet');
+    setText(
+        parts.loss,
+        loss ? `Last end: ${reasonText(loss.reason)}, ${since(loss.time, now)}` :
+               'No link has ended yet');
     this.renderFigures(now);
   }
 
@@ -422,8 +501,9 @@ class Tile {
       setText(figures[prefix + 'Messages'], count(object?.messages));
       setText(figures[prefix + 'Bytes'], bytes(object?.bytes));
       setText(figures[prefix + 'Blocked'], count(object?.blocked));
-      const rules = Object.entries(object?.rules ?? {}).sort((a, b) => b[1] - a[1])
-          .map(([rule, n]) => `${shown(rule, 40)} ${count(n)}`);
+      const rules = Object.entries(object?.rules ?? {})
+                        .sort((a, b) => b[1] - a[1])
+                        .map(([rule, n]) => `${shown(rule, 40)} ${count(n)}`);
       setText(figures[prefix + 'Rules'], rules.join(', '));
       figures[prefix + 'Rules'].parentNode.hidden = rules.length === 0;
     };
@@ -457,8 +537,10 @@ class Tile {
     this.chart.update('none');
     const most = (column) => Math.max(0, ...this.rates.map((one) => one[column] || 0));
     const text = `Lines of the last two minutes. Messages a second at most: ` +
-        `${rate(most('toRouter'))} to the router, ${rate(most('fromRouter'))} from it. Bytes a second ` +
-        `at most: ${bytes(most('toRouterBytes'))} to the router, ${bytes(most('fromRouterBytes'))} from it.`;
+        `${rate(most('toRouter'))} to the router, ${
+                     rate(most('fromRouter'))} from it. Bytes a second ` +
+        `at most: ${bytes(most('toRouterBytes'))} to the router, ${
+                     bytes(most('fromRouterBytes'))} from it.`;
     if (this.canvas.getAttribute('aria-label') !== text) {
       this.canvas.setAttribute('aria-label', text);
     }
@@ -479,12 +561,16 @@ const sight = new IntersectionObserver((entries) => {
 
 // Trouble first, otherwise in the daemon's order. While somebody aims at a tile none moves.
 let aimedAt = -Infinity;
-$('tiles').addEventListener('pointermove', () => { aimedAt = performance.now(); });
+$('tiles').addEventListener('pointermove', () => {
+  aimedAt = performance.now();
+});
 function orderTiles() {
   const wanted = [...view.tiles.values()].sort((a, b) => a.place - b.place || a.index - b.index);
   const box = $('tiles');
   const isNew = wanted.some((tile) => tile.element.parentNode !== box);
-  if (!isNew && (performance.now() - aimedAt < 2000 || wanted.every((tile, i) => box.children[i] === tile.element))) {
+  if (!isNew &&
+      (performance.now() - aimedAt < 2000 ||
+       wanted.every((tile, i) => box.children[i] === tile.element))) {
     return;
   }
   const focused = document.activeElement;
@@ -545,22 +631,39 @@ function renderFacts(now) {
   setText($('version'), shown(view.state.version));
   setText($('role'), known.role ? `${view.stale ? 'was ' : ''}${shown(known.role.state)}` : '');
   const delay = now - bus.daemonAnsweredAt < kUnanswered ? bus.daemonDelayMs : NaN;
-  factText('daemon', !daemon.answering ? 'does not answer' : `answers, up ${span(now - known.startTime)}`,
-           !daemon.answering);
+  factText(
+      'daemon',
+      !daemon.answering ? 'does not answer' : `answers, up ${span(now - known.startTime)}`,
+      !daemon.answering);
   const link = known.controller;
-  factText('controller', link ? `${shown(link.state)} since ${since(link.since, now)}` +
-      (link.state !== 'up' && link.lastLoss ? `: ${reasonText(link.lastLoss.reason)}` : '') : '–',
-           link !== undefined && link.state !== 'up');
-  factText('bus', bus.state !== 'up' ? `not connected${bus.problem ? ': ' + shown(bus.problem, 200) : ''}`
-      : Number.isFinite(delay) ? `daemon answers in ${delay < 10 ? delay.toFixed(1) : count(delay)} ms`
-      : 'no answer of the daemon', bus.state !== 'up' || !Number.isFinite(delay) || delay > 1000);
+  factText(
+      'controller',
+      link ? `${shown(link.state)} since ${since(link.since, now)}` +
+              (link.state !== 'up' && link.lastLoss ? `: ${reasonText(link.lastLoss.reason)}` :
+                                                      '') :
+                                                      '–',
+      link !== undefined && link.state !== 'up');
+  factText(
+      'bus',
+      bus.state !== 'up' ?
+          `the page is not connected${bus.problem ? ': ' + shown(bus.problem, 200) : ''}` :
+          Number.isFinite(delay) ? `answers in ${delay < 10 ? delay.toFixed(1) : count(delay)} ms` :
+                                   'no answer',
+      bus.state !== 'up' || !Number.isFinite(delay) || delay > 1000);
   const queue = known.localQueue;
-  factText('queue', queue ? `${count(queue.delayMs)} ms · ${bytes(queue.bytes)}` : '–', queue?.delayMs > 1000);
+  factText(
+      'queue', queue ? `${count(queue.delayMs)} ms · ${bytes(queue.bytes)}` : '–',
+      queue?.delayMs > 1000);
   const loops = known.loops;
   const last = loops?.last;
-  factText('loops', !loops?.episodes ? 'none' : plural(loops.episodes, 'episode') + (last
-      ? `, last ${at(last.time)}: ${shown(last.kind)} ${shown(last.path)} from ${shown(last.from)} to ${shown(last.to)}` : ''),
-           last ? now - last.time < 600 : false);
+  const recent = last ? now - last.time < 600 : false;
+  factText('loops', loops?.episodes ? plural(loops.episodes, 'episode') : 'none', recent);
+  setText(
+      $('loop'),
+      last ? `A message went round in circles, ${since(last.time, now)}: ${shown(last.kind)} on ` +
+              `“${shown(last.path)}” from ${shown(last.from, 300)} to ${shown(last.to, 300)}` :
+             '');
+  $('loop').hidden = !recent;
 }
 
 function renderCrossing() {
@@ -570,12 +673,17 @@ function renderCrossing() {
     const before = view.crossing.get(key);
     const apart = before ? known.now - before.now : 0;
     if (!before || apart >= 2 || apart < 0) {
-      view.crossing.set(key, {now: known.now, messages: one.messages,
-                              rate: apart > 0 ? (one.messages - before.messages) / apart : NaN});
+      view.crossing.set(key, {
+        now: known.now,
+        messages: one.messages,
+        rate: apart > 0 ? (one.messages - before.messages) / apart : NaN
+      });
     }
     const towards = {toRouters: 'routers', toController: 'controller'}[one.direction] ?? 'both';
-    return [towards, shown(one.kind), shown(one.path), rate(view.crossing.get(key).rate),
-            count(one.messages), bytes(one.bytes)];
+    return [
+      towards, shown(one.kind), shown(one.path) || '(none)', rate(view.crossing.get(key).rate),
+      count(one.messages), bytes(one.bytes)
+    ];
   });
   setRows($('crossing'), rows, ['', '', 'path', 'number', 'number', 'number']);
   $('no-crossing').hidden = rows.length > 0;
@@ -583,28 +691,47 @@ function renderCrossing() {
 
 const kWarnings = {
   __proto__: null,
-  notConnected: 'dropped: a link is down', sendFailed: 'link broke while sending',
-  sendGaveUp: 'far end not reading for a second', routerStalled: 'router takes no messages',
-  lostWithLink: 'waiting messages lost with a link', readingPaused: 'reading pauses',
-  messageFailed: 'message could not be handled', messageCircles: 'messages go round in circles',
+  notConnected: 'dropped: a link is down',
+  sendFailed: 'link broke while sending',
+  sendGaveUp: 'far end not reading for a second',
+  routerStalled: 'router takes no messages',
+  lostWithLink: 'waiting messages lost with a link',
+  readingPaused: 'reading pauses',
+  messageFailed: 'message could not be handled',
+  messageCircles: 'messages go round in circles',
 };
 function renderWarnings() {
   const entries = Object.entries(view.state.daemon.document?.warnings ?? {});
-  setRows($('warnings'), entries.map(([kind, n]) => [kWarnings[kind] ?? shown(kind), count(n)]),
-          ['', 'number']);
-  entries.forEach(([, n], index) => { $('warnings').rows[index].className = n > 0 ? 'some' : 'none'; });
+  setRows(
+      $('warnings'), entries.map(([kind, n]) => [kWarnings[kind] ?? shown(kind), count(n)]),
+      ['', 'number']);
+  entries.forEach(([, n], index) => {
+    $('warnings').rows[index].className = n > 0 ? 'some' : 'none';
+  });
 }
 
-const kIcon = {carries: '<circle cx="8" cy="8" r="7"/>', quiet: '<circle cx="8" cy="8" r="7"/>',
-               unsteady: '<path d="M8 1 15 15H1z"/>', off: '<path d="M1 6h14v4H1z"/>',
-               down: '<path d="m3 1 5 5 5-5 2 2-5 5 5 5-2 2-5-5-5 5-2-2 5-5-5-5z"/>'};
+const kIcon = {
+  carries: '<circle cx="8" cy="8" r="7"/>',
+  quiet: '<circle cx="8" cy="8" r="7"/>',
+  unsteady: '<path d="M8 1 15 15H1z"/>',
+  off: '<path d="M1 6h14v4H1z"/>',
+  down: '<path d="m3 1 5 5 5-5 2 2-5 5 5 5-2 2-5-5-5 5-2-2 5-5-5-5z"/>'
+};
 function renderVerdict(now) {
   const [state, text, why] = overall(now);
   const box = $('verdict-text').parentNode;
   if (box.dataset.state !== state) {
     box.dataset.state = state;
-    const colour = {carries: '%231a9a4a', quiet: '%231a9a4a', unsteady: '%23c98a00', off: '%23777', down: '%23d02030'}[state];
-    $('icon').href = `data:image/svg+xml,<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 16 16" fill="${colour}">${kIcon[state]}</svg>`;
+    const colour = {
+      carries: '%231a9a4a',
+      quiet: '%231a9a4a',
+      unsteady: '%23c98a00',
+      off: '%23777',
+      down: '%23d02030'
+    }[state];
+    $('icon').href =
+        `data:image/svg+xml,<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 16 16" fill="${
+            colour}">${kIcon[state]}</svg>`;
   }
   setText($('verdict-text'), text);
   setText($('verdict-why'), why.trim());
@@ -614,8 +741,11 @@ function renderVerdict(now) {
 
 // The routers in trouble by name, each a way to its tile.
 function renderTroubled() {
-  const troubled = view.stale ? [] : [...view.tiles.values()].filter((tile) => tile.verdict.rank < 2)
-      .sort((a, b) => a.verdict.rank - b.verdict.rank || a.index - b.index);
+  const troubled = view.stale ?
+      [] :
+      [...view.tiles.values()]
+          .filter((tile) => tile.verdict.rank < 2)
+          .sort((a, b) => a.verdict.rank - b.verdict.rank || a.index - b.index);
   const box = $('troubled');
   box.hidden = troubled.length === 0;
   while (box.children.length > troubled.length) {
@@ -627,7 +757,8 @@ function renderTroubled() {
       const button = make('button');
       button.type = 'button';
       button.append(shape(), make('span'));
-      button.addEventListener('click', () => view.tiles.get(button.dataset.router)?.parts.name.focus());
+      button.addEventListener(
+          'click', () => view.tiles.get(button.dataset.router)?.parts.name.focus());
       box.lastElementChild.append(button);
     }
     const button = box.children[index].firstElementChild;
@@ -639,7 +770,9 @@ function renderTroubled() {
 
 // Says changes of state to who listens instead of looking: all of five seconds together.
 const announcer = {
-  states: new Map(), lines: [], timer: null,
+  states: new Map(),
+  lines: [],
+  timer: null,
   note(key, text) {
     const before = this.states.get(key);
     this.states.set(key, text);
@@ -666,7 +799,9 @@ function render() {
   body.toggle('stale', view.stale && view.state !== null);
   body.toggle('waiting', view.state === null);
   if (view.state === null) {
-    setText($('verdict-text'), steady > kStaleAfter ? 'No connection to valtor-status' : 'Waiting for the first data');
+    setText(
+        $('verdict-text'),
+        steady > kStaleAfter ? 'No connection to valtor-status' : 'Waiting for the first data');
     return;
   }
   renderVerdict(now);
@@ -697,8 +832,18 @@ function render() {
 
 // --- What happened ----------------------------------------------------------------------------
 
-const kEventShapes = {__proto__: null, up: 'carries', down: 'down', disabled: 'off', listed: 'quiet', removed: 'off',
-                      stalled: 'stalled', flows: 'carries', loop: 'unsteady', warning: 'unsteady'};
+const kEventShapes = {
+  __proto__: null,
+  up: 'carries',
+  down: 'down',
+  disabled: 'off',
+  listed: 'quiet',
+  removed: 'off',
+  stalled: 'stalled',
+  flows: 'carries',
+  loop: 'unsteady',
+  warning: 'unsteady'
+};
 function eventRow(event) {
   const row = make('li');
   row.dataset.state = kEventShapes[event.kind] ?? 'off';
@@ -767,10 +912,18 @@ class Stream {
 // --- Live messages ----------------------------------------------------------------------------
 
 const follow = {
-  id: null, stream: null, opener: null,
-  kept: [],        // the last kKept, oldest first
-  waiting: [],     // those that are not on the screen yet, at most kRows
-  paused: false, seen: 0, missed: 0, hidden: 0, behind: NaN, drawing: false, drawn: 0,
+  id: null,
+  stream: null,
+  opener: null,
+  kept: [],     // the last kKept, oldest first
+  waiting: [],  // those that are not on the screen yet, at most kRows
+  paused: false,
+  seen: 0,
+  missed: 0,
+  hidden: 0,
+  behind: NaN,
+  drawing: false,
+  drawn: 0,
   words: [],
 
   open(id, opener) {
@@ -779,17 +932,20 @@ const follow = {
       return;
     }
     this.stop();
-    Object.assign(this, {id, opener, kept: [], waiting: [], seen: 0, missed: 0, hidden: 0, behind: NaN});
+    Object.assign(
+        this, {id, opener, kept: [], waiting: [], seen: 0, missed: 0, hidden: 0, behind: NaN});
     this.setPaused(false);
     history.replaceState(null, '', '#follow=' + encodeURIComponent(id));
     $('messages').replaceChildren();
     $('follow').hidden = false;
     document.body.classList.add('following');
     this.say('connecting');
-    this.stream = new Stream('/api/events?follow=' + encodeURIComponent(id), {
-      message: (batch) => this.take(objects(batch)),
-      end: (end) => this.say(`ended: ${shown(end?.reason, 200)}; tried again`, true),
-    }, () => this.say('live'));
+    this.stream = new Stream(
+        '/api/events?follow=' + encodeURIComponent(id), {
+          message: (batch) => this.take(objects(batch)),
+          end: (end) => this.say(`ended: ${shown(end?.reason, 200)}; tried again`, true),
+        },
+        () => this.say('live'));
     this.mark();
     if (opener) {
       $('follow-heading').focus();
@@ -845,8 +1001,9 @@ const follow = {
     if (!this.drawing) {
       this.drawing = true;
       // At once when all is quiet; drawing every batch of many would cost twice the time.
-      setTimeout(() => requestAnimationFrame(() => this.draw()),
-                 Math.max(0, this.drawn + kDrawEvery - performance.now()));
+      setTimeout(
+          () => requestAnimationFrame(() => this.draw()),
+          Math.max(0, this.drawn + kDrawEvery - performance.now()));
     }
   },
   // A message as its texts; the search text is made when a filter asks for it.
@@ -855,12 +1012,15 @@ const follow = {
       return {missed: Number(line.missed) || 0, search: ''};
     }
     return {
-      time: line.time, blocked: line.passed === false,
+      time: line.time,
+      blocked: line.passed === false,
       texts: [
-        at(line.time, 3), line.direction === 'toRouter' ? '→ to' : '← from',
+        at(line.time, 3),
+        line.direction === 'toRouter' ? '→ to' : '← from',
         line.passed === false ? `blocked by ${shown(line.rule, 40)}` : 'passed',
         `${shown(line.kind)} ${shown(line.path)}`,
-        `${count(line.source)} → ${count(line.destination)}`, bytes(line.bytes),
+        `${count(line.source)} → ${count(line.destination)}`,
+        bytes(line.bytes),
         shown(line.body, 4096),
       ],
     };
@@ -870,8 +1030,9 @@ const follow = {
       return true;
     }
     entry.search ??= entry.texts.join(' ').toLowerCase();
-    return this.words.every((word) => word.startsWith('-') && word.length > 1
-        ? !entry.search.includes(word.slice(1)) : entry.search.includes(word));
+    return this.words.every(
+        (word) => word.startsWith('-') && word.length > 1 ? !entry.search.includes(word.slice(1)) :
+                                                            entry.search.includes(word));
   },
   row(entry) {
     if (entry.missed !== undefined) {
@@ -894,7 +1055,8 @@ const follow = {
         }
       }
       const newest = this.waiting[this.waiting.length - 1];
-      this.behind = newest.time === undefined ? this.behind : Math.max(0, clock.now() - newest.time);
+      this.behind =
+          newest.time === undefined ? this.behind : Math.max(0, clock.now() - newest.time);
       this.waiting = [];
       const box = $('messages');
       box.prepend(...rows.reverse());
@@ -911,10 +1073,14 @@ const follow = {
     this.showCounts();
   },
   showCounts() {
-    const parts = [`${plural(this.seen, 'message')}`, `${count($('messages').children.length)} shown`];
+    const parts =
+        [`${plural(this.seen, 'message')}`, `${count($('messages').children.length)} shown`];
     if (this.missed > 0) parts.push(`${count(this.missed)} missed`);
-    if (this.paused) parts.push(`${this.waiting.length >= kRows ? kRows + ' or more' : count(this.waiting.length)} new`);
-    else if (Number.isFinite(this.behind)) parts.push(`${this.behind.toFixed(1)} s from bus to page`);
+    if (this.paused)
+      parts.push(
+          `${this.waiting.length >= kRows ? kRows + ' or more' : count(this.waiting.length)} new`);
+    else if (Number.isFinite(this.behind))
+      parts.push(`${this.behind.toFixed(1)} s from bus to page`);
     setText($('follow-counts'), parts.join(' · '));
   },
   setPaused(paused) {
@@ -933,7 +1099,8 @@ $('filter').addEventListener('input', () => {
   follow.words = $('filter').value.toLowerCase().split(/\s+/).filter((word) => word !== '');
   follow.redraw();
 });
-$('wrap').addEventListener('change', () => $('messages').classList.toggle('wrap', $('wrap').checked));
+$('wrap').addEventListener(
+    'change', () => $('messages').classList.toggle('wrap', $('wrap').checked));
 $('messages').addEventListener('click', (event) => {
   if (getSelection().isCollapsed) {
     event.target.closest('li')?.classList.toggle('open');
@@ -960,6 +1127,14 @@ function renderSoon() {
   }
 }
 
+function drawLines() {
+  if (!document.hidden) {
+    for (const tile of lines.visible) {
+      tile.draw(clock.now());
+    }
+  }
+}
+
 const states = new Stream('/api/events', {
   state(state) {
     view.heard = performance.now() / 1000;
@@ -978,18 +1153,18 @@ setInterval(() => {
     states.reopen();
   }
   renderSoon();
-  if (!document.hidden) {
-    for (const tile of lines.visible) {
-      tile.draw(clock.now());
-    }
-  }
+  drawLines();
 }, 1000);
-document.addEventListener('visibilitychange', renderSoon);
+document.addEventListener('visibilitychange', () => {
+  renderSoon();
+  drawLines();
+});
 matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () => {
   for (const tile of view.tiles.values()) {
     tile.chart?.destroy();
     tile.chart = undefined;
   }
+  drawLines();
 });
 $('no-lines').hidden = lines.available;
 
