@@ -202,6 +202,7 @@ ssize_t BusLink::sendOnce(const SharedFrame& frame, std::size_t offset) {
 void BusLink::waitForPace() const {
   if (Clock::now() < nextSend_) {
     pollUntil(descriptor_, 0, nextSend_);
+    Watchdog::feed();  // one request may announce ten thousand connection points
   }
 }
 
