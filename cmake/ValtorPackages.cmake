@@ -1,5 +1,5 @@
-# What is installed, and the two Debian packages made of it: valtor-remote (component "daemon") and
-# valtor-remote-tools (component "tools").
+# What is installed, and the Debian packages made of it: valtor-remote (component "daemon"),
+# valtor-remote-tools (component "tools") and valtor-status (component "status").
 include(GNUInstallDirs)
 
 set(VALTOR_UNIT_DIR "lib/systemd/system" CACHE STRING
@@ -77,6 +77,17 @@ if(has_tools)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
 
+if(TARGET valtor-status)
+  install(TARGETS valtor-status RUNTIME DESTINATION "${CMAKE_INSTALL_SBINDIR}" COMPONENT status)
+  configure_file("${packaging}/valtor-status.service.in" "${CMAKE_BINARY_DIR}/valtor-status.service"
+                 @ONLY)
+  install(FILES "${CMAKE_BINARY_DIR}/valtor-status.service" DESTINATION "${VALTOR_UNIT_DIR}"
+          COMPONENT status)
+  valtor_install_manual(status valtor-status.8)
+  valtor_install_papers(status valtor-status)
+  list(APPEND CPACK_COMPONENTS_ALL status)
+endif()
+
 set(CPACK_GENERATOR DEB)
 # Each package has a summary of its own.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
@@ -117,5 +128,17 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION "tools for the message bus of router controll
 For those who run or integrate valtor-remote: a client that watches, asks,
 sends, records and replays on any message bus, and a stand-in message node to
 develop and test against.")
+
+set(CPACK_DEBIAN_STATUS_PACKAGE_NAME valtor-status)
+set(CPACK_DEBIAN_STATUS_PACKAGE_SOURCE valtor-remote)
+set(CPACK_DEBIAN_STATUS_DESCRIPTION "live page of the bridge between a controller and routers
+Shows in a browser what valtor-remote on this machine does: the state and the
+traffic of every router, what is blocked and by which rule, and the messages of
+a router as they pass. The same is there as JSON and for Prometheus. It serves
+on the loopback address, and only once its unit has been enabled.")
+set(CPACK_DEBIAN_STATUS_PACKAGE_DEPENDS libjs-chart.js)
+set(CPACK_DEBIAN_STATUS_PACKAGE_RECOMMENDS valtor-remote)
+set(CPACK_DEBIAN_STATUS_PACKAGE_CONTROL_EXTRA
+    "${packaging}/status/postinst;${packaging}/status/prerm;${packaging}/status/postrm")
 
 include(CPack)

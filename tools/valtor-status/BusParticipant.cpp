@@ -54,7 +54,6 @@ class BusParticipant::Impl {
  public:
   explicit Impl(BusPlace place) : place_(std::move(place)) {
     view_.since = wallSeconds();
-    view_.problem = "not tried yet";
     tick();
     thread_ = std::thread([this] { context_.run(); });
   }

@@ -24,7 +24,8 @@ bool isHeader(std::string_view line, std::string_view name) {
 
 }  // namespace
 
-HttpConnection::HttpConnection(UniqueDescriptor socket) : socket_(std::move(socket)) {
+HttpConnection::HttpConnection(UniqueDescriptor socket, std::chrono::milliseconds stall)
+    : socket_(std::move(socket)), stall_(stall) {
   // A slow browser's backlog stays with us, where the newest state takes the place of older ones.
   const int size = 131072;
   const int on = 1;
@@ -100,7 +101,7 @@ void HttpConnection::takeHead(std::size_t size) {
 }
 
 void HttpConnection::answer(const std::string& text) {
-  deadline_ = Clock::now() + kStall;
+  deadline_ = Clock::now() + stall_;
   write(text.data(), text.size());
 }
 
@@ -117,7 +118,7 @@ ssize_t HttpConnection::read(char* bytes, std::size_t size) {
 }
 
 ssize_t HttpConnection::write(const char* bytes, std::size_t size) {
-  const auto deadline = std::min(deadline_, Clock::now() + kStall);
+  const auto deadline = std::min(deadline_, Clock::now() + stall_);
   for (;;) {
     const ssize_t count = send(socket_.get(), bytes, size, MSG_DONTWAIT | MSG_NOSIGNAL);
     if (count >= 0) {

@@ -20,9 +20,9 @@ class HttpConnection final : public httplib::Stream {
   static constexpr std::chrono::seconds kIdle{5};         // before a request's first byte
   static constexpr std::chrono::seconds kHeadTime{5};     // from there to the head's end
   static constexpr std::chrono::seconds kAnswerTime{30};  // to take an answer
-  static constexpr std::chrono::seconds kStall{10};       // without taking any of it
 
-  explicit HttpConnection(UniqueDescriptor socket);
+  // An answer of which nothing is taken for "stall" is given up.
+  HttpConnection(UniqueDescriptor socket, std::chrono::milliseconds stall);
   ~HttpConnection() override;
 
   enum class Head { Complete, Closed, TooLong, TooLate };
@@ -30,7 +30,7 @@ class HttpConnection final : public httplib::Stream {
   Head readHead();
   // Whether more than a head has come with the request, so that what follows is no request.
   bool hasBody() const { return hasBody_; }
-  // An answer without end: only kStall counts.
+  // An answer without end: only the stall counts.
   void endless() { deadline_ = Clock::time_point::max(); }
   // Answers without the library.
   void answer(const std::string& text);
@@ -50,6 +50,7 @@ class HttpConnection final : public httplib::Stream {
   void takeHead(std::size_t size);
 
   UniqueDescriptor socket_;
+  const std::chrono::milliseconds stall_;
   std::string input_;  // what has come and is not used up
   std::string head_;   // what the library has not read of the request
   bool hasBody_ = false;

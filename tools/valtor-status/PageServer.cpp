@@ -31,8 +31,9 @@ using Response = httplib::Response;
 constexpr std::chrono::seconds kComment{10};  // between two signs of life of a stream
 constexpr std::chrono::seconds kLook{1};      // between two looks at whether a browser is there
 constexpr std::chrono::milliseconds kBatchInterval{100};
-constexpr std::size_t kRequests = 100;  // on one connection
-constexpr std::size_t kRefused = 64;    // connections that may still read why
+constexpr std::size_t kMostText = 524288;  // bytes, of states a second and of messages at once
+constexpr std::size_t kRequests = 100;     // on one connection
+constexpr std::size_t kRefused = 64;       // connections that may still read why
 
 const char* const kPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
@@ -76,6 +77,7 @@ class Places {
     }
     return {this, [](Places* places) { --places->taken_; }};
   }
+  std::size_t taken() const { return taken_; }
 
  private:
   const std::size_t most_;
@@ -135,20 +137,32 @@ class StateStream final : public EventStream {
  protected:
   std::string next(Clock::time_point deadline) override {
     if (!std::exchange(began_, true)) {
-      return event("state", nextNumber(), *state_.whole(mark_));
+      return paced(event("state", nextNumber(), *state_.whole(mark_)));
+    }
+    std::this_thread::sleep_until(std::min(due_, deadline));
+    if (due_ > deadline) {
+      return "";
     }
     const LiveState::News news = state_.next(mark_, deadline);
     std::string text;
     for (const History::Event& entry : news.events) {
       text += event("event", nextNumber(), eventJSON(entry));
     }
-    return news.state == nullptr ? text : text + event("state", nextNumber(), *news.state);
+    return news.state == nullptr ? text : paced(text + event("state", nextNumber(), *news.state));
   }
 
  private:
+  // The documents of a thousand routers would keep the machine busy otherwise.
+  std::string paced(std::string text) {
+    const std::chrono::duration<double> time(static_cast<double>(text.size()) / kMostText);
+    due_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(time);
+    return text;
+  }
+
   LiveState& state_;
   LiveState::Mark mark_;
   bool began_ = false;
+  Clock::time_point due_;
 };
 
 class FollowStream final : public EventStream {
@@ -159,14 +173,19 @@ class FollowStream final : public EventStream {
  protected:
   std::string next(Clock::time_point deadline) override {
     std::this_thread::sleep_until(std::min(due_, deadline));
-    const FollowRelay::Batch batch = relay_->take(deadline);
+    FollowRelay::Batch batch = relay_->take(deadline);
+    due_ = batch.lines.empty() ? due_ : Clock::now() + kBatchInterval;
     std::string text;
-    if (!batch.lines.empty()) {
-      due_ = Clock::now() + kBatchInterval;
+    // More than one only when more came than goes into one.
+    while (!batch.lines.empty()) {
+      std::string list;
       for (const std::string& line : batch.lines) {
-        text += (text.empty() ? "[" : ",") + line;
+        list += (list.empty() ? "[" : ",") + line;
       }
-      text = event("message", nextNumber(), text + "]");
+      text += event("message", nextNumber(), list + "]");
+      const bool goesOn = batch.lines.size() == FollowRelay::kBatch && text.size() < kMostText;
+      batch =
+          goesOn ? relay_->take(Clock::now()) : FollowRelay::Batch{{}, batch.ended, batch.reason};
     }
     if (batch.ended) {
       text += event("end", nextNumber(), "{\"reason\":" + quotedJSON(batch.reason) + "}");
@@ -248,6 +267,7 @@ class PageServer::Impl final : public httplib::Server {
   }
 
   int port() const { return port_; }
+  std::size_t streams() const { return streams_.taken(); }
 
  private:
   // A socket in the list of those that are served; goes before the socket does.
@@ -308,7 +328,7 @@ class PageServer::Impl final : public httplib::Server {
       return true;
     }
     try {
-      HttpConnection connection(std::move(socket));
+      HttpConnection connection(std::move(socket), settings_.stall);
       const Entry entry(*this, number);
       serveConnection(connection);
     } catch (const std::exception&) {
@@ -323,14 +343,16 @@ class PageServer::Impl final : public httplib::Server {
       switch (connection.readHead()) {
         case HttpConnection::Head::Complete: {
           bool closes = false;
+          bool understood = false;
           const bool last = count == kRequests || connection.hasBody() || isCrowded();
           goesOn = process_request(connection, last, closes,
                                    [&](Request& request) {
+                                     understood = true;
                                      if (request.path == "/api/events") {
                                        connection.endless();
                                      }
                                    }) &&
-                   !closes && !last;
+                   understood && !closes && !last;
           break;
         }
         case HttpConnection::Head::TooLong:
@@ -484,5 +506,6 @@ PageServer::PageServer(Settings settings, LiveState& state, FollowRelays& relays
 PageServer::~PageServer() = default;
 bool PageServer::start() { return impl_->begin(); }
 int PageServer::port() const { return impl_->port(); }
+std::size_t PageServer::streams() const { return impl_->streams(); }
 
 }  // namespace valtor

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -24,6 +25,7 @@ class PageServer {
     int port = 15080;                    // 0: any that is free
     std::vector<std::string> hostNames;  // that a request may name beside the address and localhost
     std::string version;
+    std::chrono::milliseconds stall{10000};  // without taking anything, before a browser is left
     std::string chartFile = "/usr/share/javascript/chart.js/chart.min.js";
   };
 
@@ -38,6 +40,8 @@ class PageServer {
   bool start();
   // Where it serves, once it was started.
   int port() const;
+  // How many event streams there are.
+  std::size_t streams() const;
 
  private:
   class Impl;

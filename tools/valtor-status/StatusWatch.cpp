@@ -17,8 +17,13 @@ constexpr std::size_t kLongest = 4194304;  // bytes; five thousand routers
 }  // namespace
 
 StatusWatch::StatusWatch(std::string socket, LiveState& state,
-                         std::function<BusParticipant::View()> bus)
-    : socket_(std::move(socket)), state_(state), bus_(std::move(bus)), thread_([this] { run(); }) {}
+                         std::function<BusParticipant::View()> bus,
+                         std::function<void(const std::string&)> say)
+    : socket_(std::move(socket)),
+      state_(state),
+      bus_(std::move(bus)),
+      say_(std::move(say)),
+      thread_([this] { run(); }) {}
 
 StatusWatch::~StatusWatch() {
   {
@@ -35,7 +40,7 @@ void StatusWatch::run() {
     try {
       look();
     } catch (const std::exception& error) {
-      state_.silent("the answer cannot be taken: " + std::string(error.what()), bus_());
+      silent("the answer cannot be taken: " + std::string(error.what()));
     }
     const Locked lock(lock_);
     if (changed_.wait_until(lock_, next, [this]() VALTOR_REQUIRES(lock_) { return ends_; })) {
@@ -47,15 +52,46 @@ void StatusWatch::run() {
 void StatusWatch::look() {
   const StatusAnswer answer = askForStatus(socket_, kPatience, kLongest);
   if (answer.text.empty()) {
-    state_.silent(answer.problem.empty() ? "there is no " + socket_ : answer.problem, bus_());
+    silent(answer.problem.empty() ? "there is no " + socket_ : answer.problem);
     return;
   }
   std::string document = compactJSON(withoutBrokenUtf8(answer.text)).value_or("");
   if (document.empty() || document.front() != '{') {
-    state_.silent("what " + socket_ + " says is no JSON object", bus_());
+    silent("what " + socket_ + " says is no JSON object");
     return;
   }
-  state_.answered(std::move(document), bus_());
+  answered(std::move(document));
+}
+
+void StatusWatch::answered(std::string document) {
+  const BusParticipant::View view = bus_();
+  state_.answered(std::move(document), view);
+  if (!answering_.value_or(false)) {
+    say_("the daemon answers");
+  }
+  answering_ = true;
+  tellBus(view);
+}
+
+void StatusWatch::silent(const std::string& problem) {
+  const BusParticipant::View view = bus_();
+  state_.silent(problem, view);
+  if (answering_.value_or(true)) {
+    say_("the daemon does not answer: " + problem);
+  }
+  answering_ = false;
+  tellBus(view);
+}
+
+void StatusWatch::tellBus(const BusParticipant::View& view) {
+  if (view.up && !busIsUp_.value_or(false)) {
+    say_("on the controller's bus");
+  } else if (!view.up && !view.problem.empty() && busIsUp_.value_or(true)) {
+    say_("not on the controller's bus: " + view.problem);
+  } else {
+    return;
+  }
+  busIsUp_ = view.up;
 }
 
 }  // namespace valtor

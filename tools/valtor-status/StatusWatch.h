@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -17,7 +18,9 @@ namespace valtor {
 // the function uses have to outlive it.
 class StatusWatch {
  public:
-  StatusWatch(std::string socket, LiveState& state, std::function<BusParticipant::View()> bus);
+  // "say" gets a line for the log whenever the daemon or the bus comes or goes.
+  StatusWatch(std::string socket, LiveState& state, std::function<BusParticipant::View()> bus,
+              std::function<void(const std::string& line)> say);
   ~StatusWatch();
   StatusWatch(const StatusWatch&) = delete;
   StatusWatch& operator=(const StatusWatch&) = delete;
@@ -25,10 +28,16 @@ class StatusWatch {
  private:
   void run();
   void look();
+  void answered(std::string document);
+  void silent(const std::string& problem);
+  void tellBus(const BusParticipant::View& view);
 
   const std::string socket_;
   LiveState& state_;
   const std::function<BusParticipant::View()> bus_;
+  const std::function<void(const std::string&)> say_;
+  std::optional<bool> answering_;
+  std::optional<bool> busIsUp_;
   Mutex lock_;
   std::condition_variable_any changed_;
   bool ends_ VALTOR_GUARDED_BY(lock_) = false;

@@ -81,11 +81,12 @@ int serve(const Options& options, const sigset_t& ends) {
         (errno != 0 ? valtor::errnoText(errno) : "no such address"));
     return 1;
   }
-  const valtor::BusParticipant bus(options.bus);
-  const valtor::StatusWatch watch(options.socket, state, [&bus] { return bus.view(); });
   const bool bracket = options.page.address.find(':') != std::string::npos;
   say("serving on http://" + (bracket ? "[" + options.page.address + "]" : options.page.address) +
       ":" + std::to_string(server.port()) + "/");
+  const valtor::BusParticipant bus(options.bus);
+  const valtor::StatusWatch watch(
+      options.socket, state, [&bus] { return bus.view(); }, say);
   int number = 0;
   sigwait(&ends, &number);
   state.end();
