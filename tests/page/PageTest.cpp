@@ -271,9 +271,12 @@ TEST_F(PageTest, OldDataIsGreyAndSaysHowOldItIsUntilAllIsBack) {
   tileShows("alpha", "Was: Carries traffic");
   EXPECT_EQ(browser.valueOf(grey), "true");
   browser.screenshot("page-death");
+  browser.click(tile("alpha") + ".querySelector('.name')");
+  shows("#follow-state", "ended");
   startComplete();
   shows("#verdict-text", "All 4 routers");
   EXPECT_TRUE(browser.becomes("!" + grey));
+  shows("#follow-state", "live");
 
   page.reset();
   shows("#verdict-text", "No connection to valtor-status");
@@ -282,6 +285,9 @@ TEST_F(PageTest, OldDataIsGreyAndSaysHowOldItIsUntilAllIsBack) {
   startPage();
   shows("#verdict-text", "All 4 routers");
   EXPECT_TRUE(browser.becomes("!" + grey));
+  shows("#follow-state", "live");
+  command("{\"back\":1}");
+  shows("#messages li", "{\"back\":1}");
 }
 
 }  // namespace

@@ -937,8 +937,7 @@ const follow = {
     this.setPaused(false);
     history.replaceState(null, '', '#follow=' + encodeURIComponent(id));
     $('messages').replaceChildren();
-    $('follow').hidden = false;
-    document.body.classList.add('following');
+    this.reveal(true);
     this.say('connecting');
     this.stream = new Stream(
         '/api/events?follow=' + encodeURIComponent(id), {
@@ -961,11 +960,19 @@ const follow = {
       return;
     }
     this.stop();
-    $('follow').hidden = true;
-    document.body.classList.remove('following');
+    this.reveal(false);
     history.replaceState(null, '', location.pathname);
     this.mark();
     this.opener?.focus();
+  },
+  // Where it takes the whole window, what lies below it is out of reach.
+  reveal(open) {
+    $('follow').hidden = !open;
+    document.body.classList.toggle('following', open);
+    const covers = open && matchMedia('(max-width: 48rem)').matches;
+    for (const part of document.querySelectorAll('header, main, footer')) {
+      part.inert = covers;
+    }
   },
   // Shows which tile is open, and its name, which may come later than the messages.
   mark() {
