@@ -48,6 +48,7 @@ TEST_F(BrokenInputTest, BodiesThatAreNoJSONOrOfWrongTypesHarmNothing) {
       R"({"param":{"mdxMasterState":5},"objectName":[null,{},[],1e400]})",
       R"({"param":7,"param":{"a":1},"objectBase":3,"objectName":{"a":"b"}})",
       std::string(1200, '[') + std::string(1200, ']'),
+      std::string(999, '[') + std::string(999, ']'),  // as deep as is read
       "{\"a\":" + std::string(200000, '[')};
   for (const char* phy :
        {"", "7", R"({"type":"tcp"})", R"({"type":"tcp","ipAddress":"127.0.0.6","port":-5})",
