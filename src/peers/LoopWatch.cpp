@@ -57,7 +57,7 @@ void LoopWatch::note(const PellInternalMessage& message, const void* router,
 
 bool LoopWatch::goesRound(uint64_t hash, Clock::time_point now) {
   const Locked lock(lock_);
-  Seen& seen = seen_[hash % seen_.size()];
+  Seen& seen = seen_[static_cast<std::size_t>(hash % seen_.size())];
   if (seen.hash != hash || now - seen.windowBegin > kWindow) {
     seen = {hash, now, 0};
   }
