@@ -84,6 +84,9 @@ if(TARGET valtor-status)
   install(FILES "${CMAKE_BINARY_DIR}/valtor-status.service" DESTINATION "${VALTOR_UNIT_DIR}"
           COMPONENT status)
   valtor_install_manual(status valtor-status.8)
+  # Beside the text that shows them.
+  install(DIRECTORY docs/images DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/doc/valtor-remote"
+          COMPONENT status)
   valtor_install_papers(status valtor-status)
   list(APPEND CPACK_COMPONENTS_ALL status)
 endif()

@@ -4,7 +4,7 @@
 // while somebody follows a router its messages. Names, paths and bodies come from a bus and may be
 // anything: they reach the page as textContent and through shown() only.
 
-const kUnanswered = 5;  // seconds without an answer on the bus; it is asked every two
+const kUnanswered = 3;  // seconds without an answer on the bus; it is asked every two
 const kWindow = 120;    // seconds that the lines show
 const kStaleAfter = 3;  // seconds after which data is old
 const kRecent = 10;     // seconds in which a message makes a link one that carries traffic
@@ -1026,7 +1026,7 @@ const follow = {
         line.direction === 'toRouter' ? '→ to' : '← from',
         line.passed === false ? `blocked by ${shown(line.rule, 40)}` : 'passed',
         `${shown(line.kind)} ${shown(line.path)}`,
-        `${count(line.source)} → ${count(line.destination)}`,
+        `${shown(line.source)} → ${shown(line.destination)}`,
         bytes(line.bytes),
         shown(line.body, 4096),
       ],
