@@ -99,7 +99,8 @@ void Daemon::start() {
     client_->loadActiveDatabase();
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "Error loading active database: %s", error.what());
-    client_->setSkipDatabase(true);  // the next announcement of the role tries again
+    client_->setSkipDatabase(true);  // the next word about the role tries again
+    client_->doubtRole();
   }
 }
 

@@ -216,7 +216,9 @@ std::string statusDocument(const ValtorInterfaceClient& client) {
   JSONPtr memory(cJSON_CreateObject());
   cJSON_AddNumberToObject(memory.get(), "residentBytes", residentBytes());
   addMember(document.get(), "memory", std::move(memory));
-  return printJSON(document.get(), false) + '\n';
+  std::string text = printJSON(document.get(), false) + '\n';
+  requireWholeJSON();
+  return text;
 }
 
 }  // namespace valtor

@@ -1,7 +1,10 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <fcntl.h>
+#include <memory>
 #include <pthread.h>
 #include <syslog.h>
 
@@ -28,9 +31,7 @@ void limitThreadStacks() {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int run(int argc, char** argv) {
   valtor::occupyStandardDescriptors(O_RDWR);  // inherited on purpose
   std::signal(SIGPIPE, SIG_IGN);  // a console pipe without a reader must not end the daemon
   valtor::initConsole();
@@ -50,8 +51,25 @@ int main(int argc, char** argv) {
     return 1;
   }
 
-  valtor::Daemon daemon(skipDatabase);
-  daemon.start();
-  daemon.wait();
+  auto daemon = std::make_unique<valtor::Daemon>(skipDatabase);
+  try {
+    daemon->start();
+  } catch (...) {
+    // To end it takes memory too.
+    static_cast<void>(daemon.release());  // NOLINT(bugprone-unused-return-value)
+    throw;
+  }
+  daemon->wait();
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return run(argc, argv);
+  } catch (const std::exception& error) {
+    syslog(LOG_CRIT, "The start failed, the process ends: %s\n", error.what());
+  }
+  std::_Exit(EXIT_FAILURE);  // threads may be running
 }

@@ -1,5 +1,7 @@
 #include "bus/AbstractConnectionPointManagerPELClient.h"
 
+#include <algorithm>
+#include <exception>
 #include <string_view>
 #include <utility>
 
@@ -59,6 +61,7 @@ bool AbstractConnectionPointManagerPELClient::handleMasterState(
   try {
     error = setSkipDatabase(std::string_view(role) == "standby");
   } catch (...) {
+    doubtRole();
     // Whoever announced the role learns that it was not taken on; the log says why.
     sendMessage(RSPMessage(message, kStatusBadRequest));
     throw;
@@ -92,7 +95,35 @@ void AbstractConnectionPointManagerPELClient::onConnectionStateChanged(int state
   for (const auto& handler : handlers_) {
     handler->onBusConnectionChanged(state == 1);
   }
+  askForRole();
+}
+
+void AbstractConnectionPointManagerPELClient::askForRole() {
   sendMessage(GETMessage("system", std::vector<std::string>{"mdxMasterState"}));
+}
+
+bool AbstractConnectionPointManagerPELClient::isBehind() {
+  const Locked lock(handlerLock_);
+  return roleInDoubt_ || std::any_of(handlers_.begin(), handlers_.end(),
+                                     [](const auto& handler) { return handler->isBehind(); });
+}
+
+// What fails again is tried again; the log has said it.
+void AbstractConnectionPointManagerPELClient::catchUp() {
+  const Locked lock(handlerLock_);
+  for (const auto& handler : handlers_) {
+    try {
+      handler->catchUp();
+    } catch (const std::exception&) {
+    }
+  }
+  try {
+    if (roleInDoubt_.exchange(false) && isConnected()) {  // every link begins with that question
+      askForRole();
+    }
+  } catch (const std::exception&) {
+    doubtRole();
+  }
 }
 
 JSONPtr AbstractConnectionPointManagerPELClient::buildLoginParameters() {

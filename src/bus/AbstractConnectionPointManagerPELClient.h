@@ -55,10 +55,18 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
 
   const std::string& databaseDirectory() const { return databaseDirectory_; }
 
+  // The role may have been missed, or not been followed: the bus is asked for it a while later. Any
+  // thread.
+  void doubtRole() { roleInDoubt_ = true; }
+
   // Holds back every received message until opened; shut by start-up before connect().
   StartGate& startGate() { return gate_; }
 
  private:
+  void messagesLost() override { doubtRole(); }
+  bool isBehind() override;
+  void catchUp() override;
+  void askForRole();
   void noteRole(bool standby);
   bool handleMasterState(const PellInternalMessage& message);
   bool offerLocked(const PellInternalMessage& message, ResponseList& responses)
@@ -66,6 +74,7 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
 
   const std::string databaseDirectory_;
   StartGate gate_;
+  std::atomic<bool> roleInDoubt_{false};
   mutable Mutex roleLock_;  // a leaf
   Role role_ VALTOR_GUARDED_BY(roleLock_);
   FairMutex handlerLock_;  // the receive thread has its turn behind any backlog of messages

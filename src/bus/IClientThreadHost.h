@@ -21,6 +21,13 @@ class IClientThreadHost {
   // Tells the hook a state that it could not take, and sends subscriptions that met a full socket.
   virtual void repeatWhatFailed() = 0;
 
+  // For the message-queue thread. Received messages were lost: memory ran out.
+  virtual void messagesLost() = 0;
+  // Whether the work that messages make is behind, since memory or threads were lacking; if so it
+  // is asked to catch up a while later, and again as long as that lasts.
+  virtual bool isBehind() = 0;
+  virtual void catchUp() = 0;
+
  protected:
   ~IClientThreadHost() = default;
 };

@@ -26,6 +26,11 @@ class IPellaInternalProtocolHandler {
 
   // Told on every change of the bus connection.
   virtual void onBusConnectionChanged(bool connected) { static_cast<void>(connected); }
+
+  // Whether something could not be done, since memory or threads were lacking, that catchUp() tries
+  // again.
+  virtual bool isBehind() const { return false; }
+  virtual void catchUp() {}
 };
 
 }  // namespace valtor

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/Insist.h"
 #include "app/util/LineBudget.h"
 #include "app/util/UniqueDescriptor.h"
 #include "app/util/Warnings.h"
@@ -331,8 +332,13 @@ bool PellInternalClient::openLink(UniqueDescriptor socket) {
   for (const BusLink::SendResult& result : *results) {
     link_->report(result);
   }
-  if (results->back().outcome != BusLink::Send::Sent) {
-    subscriptionsUnsent_ = true;
+  for (const BusLink::SendResult& result : *results) {
+    if (result.outcome != BusLink::Send::Sent) {
+      // A node that does not know who this is has nothing for it.
+      link_->setState(0);
+      link_->closeSocket();
+      return false;
+    }
   }
   return true;
 }
@@ -344,8 +350,9 @@ bool PellInternalClient::startThreads() {
   auto receive = std::make_unique<PellInternalClientRxThread>(
       PellInternalClientRxThread::Parts{*this, *link_, queue_, *closing_, timing_, name_},
       queueLimit);
-  auto messages = std::make_unique<PellInternalClientMsgQThread>(
-      PellInternalClientMsgQThread::Parts{*this, queue_, parser_, *closing_, name_, watchdog_});
+  auto messages =
+      std::make_unique<PellInternalClientMsgQThread>(PellInternalClientMsgQThread::Parts{
+          *this, queue_, parser_, *closing_, timing_, name_, watchdog_});
   // Counted before each can end, kept as members only once they run.
   threadBegins();
   if (receive->start()) {
@@ -373,6 +380,11 @@ void PellInternalClient::waitTillComplete() {
     }
   }
   std::printf("%s done\n", "waitTillComplete");
+}
+
+bool PellInternalClient::isRunning() {
+  const Locked lock(threadsLock_);
+  return threadsAlive_ > 0;
 }
 
 void PellInternalClient::threadBegins() {
@@ -441,15 +453,18 @@ void PellInternalClient::stopForDestruction() {
   if (stopped_.exchange(true)) {
     return;
   }
-  if (LineBudget::spend()) {
-    syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", nameForLog(name_).c_str(),
-           link_->shownDescriptor());
-  }
+  insist("a link", [this] {
+    const std::string name = nameForLog(name_);
+    if (LineBudget::spend()) {
+      syslog(LOG_INFO, "PellInternalClient %s close. (fd=%d)\n", name.c_str(),
+             link_->shownDescriptor());
+    }
+  });
   const Locked lock(lifecycle_);
   if (rxThread_) {
     syslog(LOG_DEBUG, "~PellInternalClient() close:%d\n", link_->shownDescriptor());
   }
-  stopThreads("destroyed");
+  insist("a link", [this]() VALTOR_REQUIRES(lifecycle_) { stopThreads("destroyed"); });
 }
 
 // Whoever waits, on whatever thread, goes on: the signal wakes them, and the end of the socket
@@ -573,6 +588,7 @@ void PellInternalClient::deliver(const std::vector<PellInternalMessage>& message
     }
     Watchdog::feed();
     received_.add(message.receivedBytes());
+    takeJSONFailure();
     try {
       onMessage(message);
     } catch (const std::exception& error) {
@@ -580,6 +596,7 @@ void PellInternalClient::deliver(const std::vector<PellInternalMessage>& message
       syslog(LOG_ERR, "PellInternalClient %s: message %s on \"%s\" failed: %s\n",
              nameForLog(name_).c_str(), kindName(message.getKind()),
              quotedForLog(message.header.path.c_str()).c_str(), error.what());
+      messagesLost();
     }
   }
 }

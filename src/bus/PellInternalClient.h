@@ -105,6 +105,9 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   // Blocks until both threads have ended, by close() or otherwise. Returns at once on an idle
   // client.
   void waitTillComplete();
+  // Whether the threads run that keep the link up. False after a connect() that could not start
+  // them.
+  bool isRunning();
   // Ends the link and both threads, empties the queue, and waits for all of it. On one of the
   // client's own threads it waits for nothing: the thread that ends last then reports state 0.
   void close();
@@ -181,6 +184,9 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   void linkChanged(int state, const char* reason) override;
   bool sendKeepAlive() override;
   void repeatWhatFailed() override;
+  void messagesLost() override {}
+  bool isBehind() override { return false; }
+  void catchUp() override {}
 
   bool openLink(UniqueDescriptor socket);
   JSONPtr subscribeObject(const std::vector<std::string>& paths) const;
@@ -205,8 +211,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   PellInternalStreamParser parser_;  // driven by the message-queue thread, or by nobody
   const std::string name_;
   std::atomic<bool> moduleReady_{false};
-  std::atomic<int> reportedState_{0};  // the last state whose hook returned
-  std::atomic<bool> subscriptionsUnsent_{false};
+  std::atomic<int> reportedState_{0};             // the last state whose hook returned
+  std::atomic<bool> subscriptionsUnsent_{false};  // of a link that stands
   std::atomic<const char*> endReason_{nullptr};
   LinkHistory history_;
   TrafficCount received_;

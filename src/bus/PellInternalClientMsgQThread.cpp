@@ -23,6 +23,7 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
         handleBatch();
       }
       trimMemory();
+      catchUp();
     } catch (const std::exception& error) {
       // Without an allocation: there may be no memory still.
       syslog(LOG_ERR, "PellInternalMsgQThread: received bytes of %.1024s are lost: %s\n",
@@ -30,6 +31,7 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
       batch_ = std::vector<char>();
       parts_.parser.reset();
       parts_.queue.finish();
+      parts_.host.messagesLost();
       parts_.closing.sleep(kAfterFault);
     }
   }
@@ -38,8 +40,13 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
 // When something is to be done without a chunk.
 std::optional<PellInternalClientMsgQThread::Clock::time_point>
 PellInternalClientMsgQThread::wakeUp() const {
-  const auto feed = Watchdog::due();
-  return feed && trimDue_ ? std::min(feed, trimDue_) : feed ? feed : trimDue_;
+  std::optional<Clock::time_point> first;
+  for (const auto& due : {Watchdog::due(), trimDue_, catchUpDue_}) {
+    if (due && (!first || *due < *first)) {
+      first = due;
+    }
+  }
+  return first;
 }
 
 void PellInternalClientMsgQThread::handleBatch() {
@@ -56,6 +63,9 @@ void PellInternalClientMsgQThread::handleBatch() {
     link_ = taken.link;
   }
   parts_.parser.parse(batch_.data(), batch_.size());
+  if (parts_.parser.takeLost()) {
+    parts_.host.messagesLost();
+  }
   parts_.queue.finish();
   // Never so large as things are: a batch ends at 100 chunks of at most 15,360 bytes.
   if (batch_.size() <= kBatchBytes) {
@@ -66,6 +76,16 @@ void PellInternalClientMsgQThread::handleBatch() {
     batch_ = std::vector<char>();  // assigning {} would keep the storage
   }
   std::this_thread::sleep_for(kBatchPause);
+}
+
+void PellInternalClientMsgQThread::catchUp() {
+  if (catchUpDue_ && Clock::now() >= *catchUpDue_) {
+    catchUpDue_.reset();
+    parts_.host.catchUp();
+  }
+  if (!catchUpDue_ && parts_.host.isBehind()) {
+    catchUpDue_ = Clock::now() + parts_.timing.reconnectDelay;
+  }
 }
 
 // The tree of a body of 20 MB takes hundreds of megabytes, and the allocator would keep them.

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/util/Watchdog.h"
+#include "bus/ClientTiming.h"
 #include "bus/ClosingSignal.h"
 #include "bus/IClientThreadHost.h"
 #include "bus/MyThreadClass.h"
@@ -25,6 +26,7 @@ class PellInternalClientMsgQThread : public MyThreadClass {
     ReceiveQueue& queue;
     PellInternalStreamParser& parser;
     const ClosingSignal& closing;
+    const ClientTiming& timing;
     const std::string& name;
     Watchdog* watchdog;  // that this thread feeds, or null
   };
@@ -55,6 +57,7 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   void handleBatch();
   void trimMemory();
   std::optional<Clock::time_point> wakeUp() const;
+  void catchUp();
 
   Parts parts_;
   std::vector<char> batch_;
@@ -62,6 +65,7 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   uint32_t link_ = 0;  // the link that the parser's half-read frame, if any, came over
   std::optional<Clock::time_point> trimDue_;
   Clock::time_point nextTrim_{};
+  std::optional<Clock::time_point> catchUpDue_;
 };
 
 }  // namespace valtor

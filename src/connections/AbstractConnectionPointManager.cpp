@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <new>
 #include <stdexcept>
 #include <syslog.h>
 #include <utility>
@@ -225,8 +226,10 @@ std::unique_ptr<ConnectionPoint> AbstractConnectionPointManager::createSupported
 }
 
 JSONPtr parseConnectionPointFile(const std::string& text, const std::string& path) {
+  takeJSONFailure();
   JSONPtr document(cJSON_Parse(text.c_str()));
   if (!document) {
+    requireWholeJSON();  // not the file's fault
     throw std::runtime_error("not JSON: " + path);
   }
   if (cJSON_IsObject(document.get()) == 0) {
@@ -251,6 +254,8 @@ AbstractConnectionPointManager::ConnectionPointList loadConnectionPointsFromFile
         loaded.push_back(std::move(connectionPoint));
       }
     }
+  } catch (const std::bad_alloc&) {
+    throw;  // the file may be good
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "Error loading DB connectionPoints: %s\n", error.what());
     loaded.clear();
@@ -277,6 +282,21 @@ int AbstractConnectionPointManager::loadFromJSON(const cJSON* item) {
 
 void AbstractConnectionPointManager::markClientsForDeletion(bool marked) {
   set_.markClients(marked);
+}
+
+void AbstractConnectionPointManager::catchUp() {
+  behind_ = false;
+  try {
+    for (const auto& connectionPoint : set_.all()) {
+      ensureCleanupThread();
+      if (connectionPoint->isEnabled() && !connectionPoint->isConnected()) {
+        connectionPoint->connect();
+      }
+    }
+  } catch (...) {
+    behind_ = true;
+    throw;
+  }
 }
 
 // --- Clients that connected to us ----------------------------------------------------------------

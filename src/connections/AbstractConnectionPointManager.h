@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -86,6 +87,13 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // Takes the requests whose path begins with "device".
   bool handleMessage(const PellInternalMessage& message, ResponseList& responses) override;
 
+  // A connection point that should be connected may not even be trying, since memory or threads
+  // were lacking. Any thread.
+  void noteBehind() { behind_ = true; }
+  bool isBehind() const override { return behind_; }
+  // Connects every enabled connection point that is not; one that is trying goes on.
+  void catchUp() override;
+
   // The number of clients of the system's servers that are connected.
   unsigned countConnectedServerConnectionPoints() const { return set_.connectedServers(); }
 
@@ -138,6 +146,7 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   const ConnectionPointSet& connectionPoints() const { return set_; }
 
  private:
+  bool handleRequest(const PellInternalMessage& message, ResponseList& responses);
   // The device connections by unique ID, made at the first name of a request that needs it.
   class DeviceIndex;
 
@@ -183,6 +192,7 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   AnswerRoom answerRoom_;  // of the request that is being handled
   std::chrono::milliseconds cleanupInterval_ = ConnectionPointCleanupThread::kPollTimeout;
   // Touched only by whoever adds connection points and by the destructors.
+  std::atomic<bool> behind_{false};
   std::unique_ptr<ConnectionPointCleanupThread> cleanupThread_;
 };
 

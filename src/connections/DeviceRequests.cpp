@@ -29,6 +29,16 @@ const cJSON* paramOf(const PellInternalMessage& message) {
 
 bool AbstractConnectionPointManager::handleMessage(const PellInternalMessage& message,
                                                    ResponseList& responses) {
+  try {
+    return handleRequest(message, responses);
+  } catch (...) {
+    noteBehind();  // it may have been cut short
+    throw;
+  }
+}
+
+bool AbstractConnectionPointManager::handleRequest(const PellInternalMessage& message,
+                                                   ResponseList& responses) {
   // Every message of the bus comes by here: nothing is copied to tell it is not for us.
   const std::string_view path = message.header.path;
   if (path.substr(0, path.find('.')) != kDevice) {

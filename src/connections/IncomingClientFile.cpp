@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <exception>
-#include <mutex>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <system_error>
@@ -12,6 +11,8 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/Files.h"
+#include "app/util/Immortal.h"
+#include "app/util/Mutex.h"
 #include "app/util/Paths.h"
 
 namespace valtor {
@@ -53,9 +54,12 @@ bool isOurFolder(const std::string& directory) {
   return true;
 }
 
+// Until it is there, or somebody else's.
 void prepareFolderOnce() {
-  static std::once_flag once;
-  std::call_once(once, [] { IncomingClientFile::prepareFolder(paths().incomingClientDirectory); });
+  static Immortal<Mutex> mutex;
+  static bool prepared = false;
+  const Locked lock(*mutex);
+  prepared = prepared || IncomingClientFile::prepareFolder(paths().incomingClientDirectory);
 }
 
 }  // namespace
@@ -68,34 +72,43 @@ IncomingClientFile::IncomingClientFile(const std::string& managerName, std::stri
 
 void IncomingClientFile::write(const std::function<JSONPtr()>& render, bool force) {
   const Locked lock(lock_);
-  JSONPtr clients = render();
-  if (!clients && !force) {
-    return;
-  }
-  JSONPtr object(cJSON_CreateObject());
-  addMember(object.get(), "serverConnectionPoint",
-            clients ? std::move(clients) : JSONPtr(cJSON_CreateArray()));
-  cJSON_AddStringToObject(object.get(), "type", type_.c_str());
   try {
-    saveTextFile(path_, printJSON(object.get(), false));
+    takeJSONFailure();
+    JSONPtr clients = render();
+    requireWholeJSON();
+    if (!clients && !force) {
+      return;
+    }
+    JSONPtr object(cJSON_CreateObject());
+    addMember(object.get(), "serverConnectionPoint",
+              clients ? std::move(clients) : JSONPtr(cJSON_CreateArray()));
+    cJSON_AddStringToObject(object.get(), "type", type_.c_str());
+    const std::string text = printJSON(object.get(), false);
+    requireWholeJSON();
+    prepareFolderOnce();
+    saveTextFile(path_, text);
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "The list of incoming %s clients is not on disk until its next change: %s\n",
            type_.c_str(), error.what());
   }
 }
 
-void IncomingClientFile::prepareFolder(const std::string& directory) {
+bool IncomingClientFile::prepareFolder(const std::string& directory) {
   try {
     ensureDirectory(directory);
   } catch (const std::system_error& error) {
     syslog(LOG_ERR, "Cannot make the folder of the incoming-client files: %s\n", error.what());
-    return;
+    return false;
   }
   if (!isOurFolder(directory)) {
-    return;
+    return true;
   }
   const std::string command = "chmod 777 " + quotedForShell(directory);
-  [[maybe_unused]] const int ignored = std::system(command.c_str());
+  if (std::system(command.c_str()) != 0) {
+    syslog(LOG_ERR, "The folder %s could not be opened to everyone.\n", directory.c_str());
+    return false;
+  }
+  return true;
 }
 
 }  // namespace valtor

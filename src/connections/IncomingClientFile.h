@@ -25,8 +25,8 @@ class IncomingClientFile {
 
   // Makes the folder (its path ends with "/") and opens it to everyone: programs of whatever user
   // exchange files there. What is a link, no folder, or belongs neither to root nor to this
-  // process's user stays as it is. Every failure is logged and nothing else happens.
-  static void prepareFolder(const std::string& directory);
+  // process's user stays as it is. Every failure is logged; false for one that may pass.
+  static bool prepareFolder(const std::string& directory);
 
  private:
   const std::string path_;

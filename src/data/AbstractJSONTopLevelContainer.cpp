@@ -102,6 +102,7 @@ void AbstractJSONTopLevelContainer::save(bool keepPrevious) const {
 }
 
 void AbstractJSONTopLevelContainer::saveToFile(const char* path, bool keepPrevious) const {
+  takeJSONFailure();
   const JSONPtr root(cJSON_CreateObject());
   if (!root) {
     syslog(LOG_CRIT, "%s container SAVE FAILED: could not alloc root JSON object for \"%s\".\n",
@@ -111,7 +112,7 @@ void AbstractJSONTopLevelContainer::saveToFile(const char* path, bool keepPrevio
   // A document that lacks a member must never take the place of a whole one.
   JSONPtr object = toJSON();
   if (!object || cJSON_AddNumberToObject(root.get(), "version", version_) == nullptr ||
-      cJSON_AddItemToObject(root.get(), getObjectName(), object.get()) == 0) {
+      takeJSONFailure() || cJSON_AddItemToObject(root.get(), getObjectName(), object.get()) == 0) {
     syslog(LOG_CRIT, "%s container SAVE FAILED: could not alloc JSON object for \"%s\".\n",
            getObjectName(), path);
     return;

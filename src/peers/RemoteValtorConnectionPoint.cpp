@@ -6,10 +6,12 @@
 #include <utility>
 
 #include "app/util/ErrnoText.h"
+#include "app/util/Insist.h"
 #include "app/util/LineBudget.h"
 #include "app/util/OwnedJSON.h"
 #include "bus/IPellaMessageForwarder.h"
 #include "bus/message/RequestMessages.h"
+#include "connections/AbstractConnectionPointManager.h"
 #include "peers/ValtorRouterPeerConnection.h"
 #include "peers/ValtorRouterPeerManager.h"
 #include "router/RouteOperation.h"
@@ -28,6 +30,15 @@ RemoteValtorConnectionPoint::RemoteValtorConnectionPoint(IPellInternalClient& se
 RemoteValtorConnectionPoint::~RemoteValtorConnectionPoint() { giveUpPeer(); }
 
 int RemoteValtorConnectionPoint::connect() {
+  try {
+    return connectPeer();
+  } catch (...) {
+    manager().noteBehind();
+    throw;
+  }
+}
+
+int RemoteValtorConnectionPoint::connectPeer() {
   const auto phy = firstTCPPhy();
   if (!phy || (rejectLoopback_ && isLoopback(*phy))) {
     return 0;
@@ -75,7 +86,7 @@ void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
   peer->setForwarder(forwarder());
   peer->setOwner(*this);
   const auto begin = std::chrono::steady_clock::now();
-  peer->connect();
+  connect(*peer);
   peers.noteOwnerAttempt(std::chrono::steady_clock::now() - begin);
   peers.addPeer(peer);
 }
@@ -98,8 +109,15 @@ bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerManager& peers,
     peer.forgetDatabaseRequest();
   }
   peer.setForwarder(forwarder());
-  peer.connect();
+  connect(peer);
   return true;
+}
+
+void RemoteValtorConnectionPoint::connect(ValtorRouterPeerConnection& peer) const {
+  peer.connect();
+  if (!peer.isRunning()) {
+    manager().noteBehind();
+  }
 }
 
 void RemoteValtorConnectionPoint::disconnect() {
@@ -123,16 +141,20 @@ void RemoteValtorConnectionPoint::releasePeer() {
 // Lets go first, so that the peer's threads report nothing any more and no other connection point
 // takes the peer over while it is being removed; what they would have reported follows here.
 void RemoteValtorConnectionPoint::giveUpPeer() {
+  constexpr const char* kWhat = "the link of a router";
   if (const auto peers = routerPeerManager()) {
-    const auto peer = ownPeer(*peers);
+    std::shared_ptr<ValtorRouterPeerConnection> peer;
+    insist(kWhat, [&] { peer = ownPeer(*peers); });
     if (peer != nullptr && peer->clearOwner(*this)) {
       peer->setEndReason("standby");
-      peers->removePeer(peer);
+      insist(kWhat, [&] { peers->removePeer(peer); });
     }
   }
-  if (isConnected()) {
-    setConnected(false);
-  }
+  insist(kWhat, [this] {
+    if (isConnected()) {
+      setConnected(false);
+    }
+  });
 }
 
 RemoteValtorConnectionPoint::RouterPeers RemoteValtorConnectionPoint::peersOfThisID(

@@ -63,6 +63,8 @@ class RemoteValtorConnectionPoint : public ConnectionPoint {
   bool reconnect(ValtorRouterPeerManager& peers, ValtorRouterPeerConnection& peer,
                  const IPPhy& phy);
   void giveUpPeer();
+  int connectPeer();
+  void connect(ValtorRouterPeerConnection& peer) const;
   void warnOfPlace(const IPPhy& phy);
   void createPeer(ValtorRouterPeerManager& peers, const std::string& uniqueID, const IPPhy& phy);
   // The sender, if it puts messages on the master bus as they are.

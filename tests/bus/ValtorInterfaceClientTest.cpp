@@ -131,7 +131,7 @@ TEST_F(InterfaceClientTest, EveryHandlerHearsOfAllAndTheAnswersGoOutInOrder) {
 TEST_F(InterfaceClientTest, StandbyDropsTheHandlersAndAnyOtherRoleLoadsTheDatabase) {
   client_.connect();
   auto peer = acceptLink();
-  failingLoad_ = 3;  // refused, and tried again with the next announcement
+  failingLoad_ = 3;  // refused, and tried again with the next word about the role, asked for
   const struct {
     const char* role;
     const char* status;
@@ -148,6 +148,9 @@ TEST_F(InterfaceClientTest, StandbyDropsTheHandlersAndAnyOtherRoleLoadsTheDataba
               0U);
     EXPECT_EQ(record_.alive, alive) << role;
     EXPECT_EQ(loads_, loads) << role;
+    if (status == std::string("400")) {
+      EXPECT_NE(peer->readFrame().find(R"("objectName":["mdxMasterState"])"), std::string::npos);
+    }
   }
   // A message without the state, or with one that is no string, goes to the handlers.
   peer->sendPayload("[\"SET\", \"system\", 2, 0, 0]\n{\"param\":{\"mdxMasterState\":1}}");

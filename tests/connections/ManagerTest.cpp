@@ -60,6 +60,17 @@ TEST_F(ManagerTest, AMergeFollowsTheDescription) {
   EXPECT_EQ(cp->connects, 2);
 }
 
+TEST_F(ManagerTest, WhatARequestThatWasCutShortLeftUnconnectedIsCaughtUpWith) {
+  const auto cp = manager.add(clientDescription("A"));
+  cp->onDisconnect = [] { throw std::bad_alloc(); };
+  const std::string moved = R"({"param":{"connectionPoint":[)" + clientDescription("A", 7) + "]}}";
+  EXPECT_THROW(manager.handle("UPDATE", moved), std::bad_alloc);
+  EXPECT_TRUE(manager.isBehind());
+  manager.catchUp();
+  EXPECT_EQ(cp->connects, 2);
+  EXPECT_FALSE(manager.isBehind());
+}
+
 TEST_F(ManagerTest, ServersAreMergedByTypeAndProtocol) {
   const std::string tail = R"("connectionLimit":4,"numConnections":0})";
   const auto reload = [this](const std::string& document) {
@@ -108,7 +119,8 @@ mode_t modeOf(const std::string& path) {
 TEST(IncomingClientFolderTest, IsMadeAndOpenedWhateverItsName) {
   const TemporaryFolder folder;
   const std::string path = folder.at("it's $HOME; `here`/");
-  IncomingClientFile::prepareFolder(path);
+  EXPECT_FALSE(IncomingClientFile::prepareFolder(path + "below/")) << "nothing to make it in yet";
+  EXPECT_TRUE(IncomingClientFile::prepareFolder(path));
   EXPECT_EQ(modeOf(path), 0777U);
 }
 

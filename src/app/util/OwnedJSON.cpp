@@ -1,8 +1,36 @@
 #include "app/util/OwnedJSON.h"
 
+#include <cstdlib>
+#include <new>
 #include <utility>
 
 namespace valtor {
+
+namespace {
+
+thread_local bool jsonFailed = false;
+
+void* allocate(std::size_t size) {
+  void* const block = std::malloc(size);  // NOLINT(*-no-malloc,*-owning-memory): cJSON's memory
+  jsonFailed = jsonFailed || block == nullptr;
+  return block;
+}
+
+[[maybe_unused]] const bool hooked = [] {
+  cJSON_Hooks hooks{allocate, std::free};
+  cJSON_InitHooks(&hooks);
+  return true;
+}();
+
+}  // namespace
+
+bool takeJSONFailure() { return std::exchange(jsonFailed, false); }
+
+void requireWholeJSON() {
+  if (takeJSONFailure()) {
+    throw std::bad_alloc();
+  }
+}
 
 OwnedJSON::OwnedJSON(cJSON* item) : OwnedJSON(JSONPtr(item)) {}
 

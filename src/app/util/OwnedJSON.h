@@ -54,6 +54,13 @@ const char* stringMember(const cJSON* object, const char* name);
 // The member when it is an array, else null.
 const cJSON* arrayMember(const cJSON* object, const char* name);
 
+// cJSON leaves out of a tree or a text what finds no memory, and does not tell. Whether that has
+// happened on this thread since it asked last.
+bool takeJSONFailure();
+// Throws std::bad_alloc then. Asked before anything that was built leaves the process; whoever asks
+// about what comes now forgets what was before.
+void requireWholeJSON();
+
 // Adds an item to an object under a name and gives up its ownership. When memory runs out the item
 // is destroyed and the object stays as it was. Null items are ignored.
 void addMember(cJSON* object, const char* name, JSONPtr item);

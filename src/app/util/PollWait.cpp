@@ -1,7 +1,11 @@
 #include "app/util/PollWait.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cstdint>
+#include <cstring>
+#include <syslog.h>
 #include <time.h>
 
 namespace valtor {
@@ -21,9 +25,29 @@ timespec timeLeft(Clock::time_point until) {
   return time;
 }
 
+// Once a minute at most.
+void sayFailure(int error) {
+  static std::atomic<int64_t> next{0};
+  const int64_t now =
+      std::chrono::duration_cast<std::chrono::seconds>(Clock::now().time_since_epoch()).count();
+  int64_t due = next;
+  if (now >= due && next.compare_exchange_strong(due, now + 60)) {
+    syslog(LOG_ERR, "Sockets cannot be waited for, they are looked at now and then: %s\n",
+           strerrordesc_np(error));
+  }
+}
+
 int pollEntries(pollfd* entries, nfds_t count, Clock::time_point until) {
-  const timespec time = timeLeft(until);
-  return ppoll(entries, count, &time, nullptr);
+  timespec time = timeLeft(until);
+  const int ready = ppoll(entries, count, &time, nullptr);
+  if (ready < 0 && errno != EINTR) {
+    // No memory for it, or a limit that was lowered. Whoever waits looks now and then.
+    constexpr Clock::duration kLook = std::chrono::milliseconds(10);
+    sayFailure(errno);
+    time = timeLeft(std::min(until, Clock::now() + kLook));
+    nanosleep(&time, nullptr);
+  }
+  return ready;
 }
 
 }  // namespace

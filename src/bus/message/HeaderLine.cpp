@@ -151,10 +151,14 @@ std::vector<std::string> elementsOfPath(const std::string& path) {
   return elements;
 }
 
-HeaderElements::HeaderElements(const std::string& line)
-    : tree_(line.size() <= kLongestReceived && line.find("\\u0000") == std::string::npos
-                ? cJSON_Parse(line.c_str())
-                : nullptr) {
+HeaderElements::HeaderElements(const std::string& line) {
+  if (line.size() <= kLongestReceived && line.find("\\u0000") == std::string::npos) {
+    takeJSONFailure();
+    tree_.reset(cJSON_Parse(line.c_str()));
+    if (!tree_) {
+      requireWholeJSON();  // not the line's fault
+    }
+  }
   const cJSON* item = cJSON_IsArray(tree_.get()) ? tree_->child : nullptr;
   for (const cJSON** element : {&kind, &path, &source, &destination, &schedule}) {
     *element = item;

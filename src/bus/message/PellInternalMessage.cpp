@@ -35,8 +35,10 @@ JSONPtr parseText(const char* begin) {
            text.size(), PellInternalMessage::kMostValues);
     return makeNull();
   }
+  takeJSONFailure();
   JSONPtr tree(cJSON_ParseWithLength(begin, text.size() + 1));
   if (!tree) {
+    requireWholeJSON();  // not the text's fault
     syslog(LOG_INFO, "PellInternalMessage data decode error:%s\n", quotedForLog(begin).c_str());
     return makeNull();
   }
@@ -155,8 +157,9 @@ std::string PellInternalMessage::encodeFrom(int32_t sourceConnID) const {
 
 std::string_view PellInternalMessage::bodyBytes(JSONText& rendered) const {
   const char* text = bodyText_;
-  if (body_) {
+  if (text == nullptr || body_) {
     rendered = renderJSON(body_.get(), false);
+    requireWholeJSON();
     text = rendered.get();
   }
   return text != nullptr ? std::string_view(text) : std::string_view();

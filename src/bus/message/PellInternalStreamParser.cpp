@@ -116,6 +116,7 @@ void PellInternalStreamParser::handleSeparator() {
   // owner answers a lack of memory with null.
   bodyBuffer_.reset(new (std::nothrow) char[size]);  // NOLINT(*-owning-memory)
   if (!bodyBuffer_) {
+    lost_ = true;
     syslog(LOG_CRIT, "PellInternalStreamParser FAILED to allocate buffer of size=%d.\n",
            length + 1);
     std::printf("PellInternalStreamParser FAILED to allocate buffer of size=%d.\n", length + 1);

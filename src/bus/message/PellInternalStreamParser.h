@@ -38,6 +38,8 @@ class PellInternalStreamParser {
 
   // The length of the longest payload that was finished since the last call, in bytes; 0 for none.
   std::size_t takeLongest() { return std::exchange(longest_, 0); }
+  // Whether a message was lost since the last call, since there was no memory for it.
+  bool takeLost() { return std::exchange(lost_, false); }
 
   // Forgets the frame being read and whatever an exception kept from being delivered.
   void reset();
@@ -62,6 +64,7 @@ class PellInternalStreamParser {
   MessageCallback callback_;
   std::vector<PellInternalMessage> finished_;
   std::size_t longest_ = 0;
+  bool lost_ = false;
 };
 
 }  // namespace valtor
