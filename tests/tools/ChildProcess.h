@@ -58,6 +58,13 @@ class ChildProcess {
   }
   void endInput() { input_.reset(); }
   void signal(int number) const { kill(process_, number); }
+  pid_t id() const { return process_; }
+  bool isRunning() const {
+    siginfo_t end{};
+    return process_ > 0 &&
+           waitid(P_PID, static_cast<id_t>(process_), &end, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           end.si_pid == 0;
+  }
   // Waits for the end; the exit code, or the negative number of the signal that ended it.
   int wait() {
     int status = 0;

@@ -1,0 +1,214 @@
+// Every call fails: the scenario again and again, each time with another fault.
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <netdb.h>
+#include <set>
+#include <vector>
+
+#include "gauntlet/torture/Trial.h"
+
+namespace valtor::gauntlet {
+
+namespace {
+
+constexpr std::array<const char*, kCalls> kNames = {
+#define VALTOR_NAME(name) #name,
+    VALTOR_CALLS(VALTOR_NAME)
+#undef VALTOR_NAME
+};
+
+constexpr int kHalf = FaultControl::kHalf;
+constexpr int kNone = FaultControl::kNone;
+
+struct Row {
+  Call call;
+  std::vector<int> lasting;  // once, and from then on
+  std::vector<int> passing;  // once only: for ever it is no fault of a real system
+};
+
+const std::vector<Row> kRows = {
+    {Call::socket, {EMFILE, ENOBUFS}, {}},
+    {Call::connect, {ECONNREFUSED, ETIMEDOUT, EADDRNOTAVAIL}, {EINTR}},
+    {Call::accept4, {EMFILE}, {ECONNABORTED, EINTR}},
+    {Call::bind, {EADDRINUSE, EACCES}, {}},
+    {Call::listen, {EADDRINUSE}, {}},
+    {Call::send, {EAGAIN, ECONNRESET, kHalf}, {EINTR, ENOBUFS}},
+    {Call::recv, {ECONNRESET, kHalf, kNone}, {EINTR, EAGAIN, ENOMEM}},
+    {Call::poll, {ENOMEM}, {EINTR}},
+    {Call::ppoll, {ENOMEM}, {EINTR}},
+    {Call::setsockopt, {ENOMEM}, {}},
+    {Call::getsockopt, {ENOBUFS}, {}},
+    {Call::getsockname, {ENOBUFS}, {}},
+    {Call::getpeername, {ENOTCONN}, {}},
+    {Call::shutdown, {ENOTCONN}, {}},
+    {Call::fcntl, {EINVAL}, {}},
+    {Call::ioctl, {EINVAL}, {}},
+    {Call::open, {EMFILE, EACCES, EROFS}, {EINTR, EIO}},
+    {Call::fopen, {EMFILE, EACCES, ENOSPC}, {}},
+    {Call::read, {EIO, kHalf}, {EINTR, kNone}},
+    {Call::write, {EIO, kHalf}, {EINTR, EAGAIN, ENOSPC}},
+    {Call::fwrite, {ENOSPC, kHalf}, {}},
+    {Call::fflush, {ENOSPC}, {}},
+    {Call::fsync, {EIO}, {EINTR}},
+    {Call::fclose, {ENOSPC}, {}},
+    {Call::close, {EIO}, {EINTR}},
+    {Call::rename, {EIO, ENOSPC}, {}},
+    {Call::unlink, {EPERM}, {}},
+    {Call::mkdir, {EACCES, ENOSPC}, {}},
+    {Call::stat, {EACCES, EIO}, {}},
+    {Call::lstat, {EIO}, {}},
+    {Call::fstat, {EIO}, {}},
+    {Call::chmod, {EPERM}, {}},
+    {Call::chown, {EPERM}, {}},
+    {Call::ftruncate, {EIO}, {}},
+    {Call::system, {EAGAIN}, {}},
+    {Call::eventfd, {EMFILE}, {}},
+    {Call::pipe2, {EMFILE}, {}},
+    {Call::pthread_create, {EAGAIN}, {}},
+    {Call::getaddrinfo, {EAI_AGAIN, EAI_MEMORY}, {}},
+    {Call::getgrnam, {EIO}, {}},
+    {Call::malloc, {ENOMEM}, {}},
+};
+
+struct Job {
+  Call call = Call::count;
+  int fault = 0;
+  bool onwards = false;
+  uint32_t nth = 0;
+  uint64_t site = 0;
+
+  std::string name() const {
+    std::string text = kNames[static_cast<std::size_t>(call)];
+    text += site != 0 ? " at " + std::to_string(site) : " " + std::to_string(nth);
+    text += fault == kHalf ? " half"
+            : fault == kNone
+                ? " nothing"
+                : std::string(" ") +
+                      (call == Call::getaddrinfo ? gai_strerror(fault) : strerrorname_np(fault));
+    return text + (onwards ? " onwards" : " once");
+  }
+};
+
+class CallsTorture {
+ public:
+  explicit CallsTorture(const Settings& settings) : settings_(settings) {}
+  int run();
+
+ private:
+  const Build& buildFor(Call call) const {
+    return call == Call::malloc ? settings_.plain : settings_.sanitized;
+  }
+  bool learn();
+  std::vector<Job> jobs() const;
+
+  const Settings& settings_;
+  std::map<const Build*, Trial::Troubles> usual_;  // of a run without fault
+  std::array<uint32_t, kCalls> counts_{};
+  std::set<uint64_t> sites_;
+};
+
+// What the scenario does without a fault, from a few runs.
+bool CallsTorture::learn() {
+  for (const Build* build : {&settings_.sanitized, &settings_.plain}) {
+    for (int i = 0; i < 3; ++i) {
+      Trial trial(*build, settings_);
+      trial.subject().start();
+      trial.play(std::chrono::seconds(20));
+      FaultControl& faults = trial.subject().faults();
+      if (build == &settings_.sanitized) {
+        for (std::size_t call = 0; call < kCalls; ++call) {
+          counts_[call] = std::max(counts_[call], faults.counts[call].load());
+        }
+      } else {
+        sites_.insert(faults.sites.begin(), faults.sites.end());
+        sites_.erase(0);
+      }
+      const std::string bad = trial.outcome().harmed ? "not all comes about" : trial.recovery();
+      if (!bad.empty()) {
+        std::printf("FINDING without a fault: %s\n%s", bad.c_str(),
+                    trial.subject().story().c_str());
+        return false;
+      }
+      usual_[build].merge(trial.troubles());
+    }
+  }
+  return true;
+}
+
+std::vector<Job> CallsTorture::jobs() const {
+  std::vector<Job> all;
+  const auto add = [&](const Row& row, uint32_t nth, uint64_t site) {
+    for (const int fault : row.lasting) {
+      all.push_back({row.call, fault, false, nth, site});
+      all.push_back({row.call, fault, true, nth, site});
+    }
+    for (const int fault : row.passing) {
+      all.push_back({row.call, fault, false, nth, site});
+    }
+  };
+  for (const Row& row : kRows) {
+    if (row.call == Call::malloc) {
+      for (const uint64_t site : sites_) {
+        add(row, 0, site);
+      }
+    }
+    for (uint32_t nth = 1; row.call != Call::malloc && nth <= counts_[int(row.call)]; ++nth) {
+      add(row, nth, 0);
+    }
+  }
+  return all;
+}
+
+int CallsTorture::run() {
+  if (!learn()) {
+    return 1;
+  }
+  std::vector<Job> all = jobs();
+  if (settings_.verbose) {
+    for (std::size_t call = 0; call < kCalls; ++call) {
+      std::printf("%s: %u times\n", kNames[call], counts_[call]);
+    }
+    std::printf("%zu ways to malloc, %zu runs\n", sites_.size(), all.size());
+  }
+  // Each worker has counted for itself, so what is whose must not depend on the whole list.
+  std::map<std::size_t, Job> drawn;
+  for (const Job& job : all) {
+    const std::string name = job.name();
+    const std::size_t rank = std::hash<std::string>()(std::to_string(settings_.seed) + name);
+    if (rank % settings_.workers == settings_.worker && name.find(settings_.only) != name.npos) {
+      drawn[rank] = job;
+    }
+  }
+  Tally tally;
+  for (const auto& [rank, job] : drawn) {
+    if (settings_.most != 0 && tally["runs"] * settings_.workers >= settings_.most) {
+      break;
+    }
+    Trial trial(buildFor(job.call), settings_);
+    FaultControl& faults = trial.subject().faults();
+    faults.call = job.call;
+    faults.fault = job.fault;
+    faults.onwards = job.onwards;
+    faults.nth = job.nth;
+    faults.site = job.site;
+    faults.armed = true;
+    trial.subject().start();
+    trial.play(std::chrono::milliseconds(job.onwards ? 700 : 5000));
+    faults.armed = false;
+    tally["faults met"] += faults.injected > 0 ? 1 : 0;
+    note(tally, job.name(), trial.judge(usual_[&buildFor(job.call)]), settings_);
+  }
+  return print(tally);
+}
+
+}  // namespace
+
+int tortureCalls(const Settings& settings) { return CallsTorture(settings).run(); }
+
+}  // namespace valtor::gauntlet

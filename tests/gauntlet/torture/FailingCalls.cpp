@@ -1,0 +1,363 @@
+// A library to be loaded before all others (LD_PRELOAD). It counts the calls of the daemon under
+// torture, lets the one fail that was ordered, and takes what is logged. It stays out of the way of
+// what glibc does inside itself: stdio, say, does not pass through open or write.
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <execinfo.h>
+#include <fcntl.h>
+#include <link.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "gauntlet/torture/FaultControl.h"
+
+using valtor::gauntlet::Call;
+using valtor::gauntlet::FaultControl;
+
+extern "C" {
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* block, std::size_t size);
+// The address sanitizer's, which has to have the blocks that it will be given back.
+[[gnu::weak]] void* __interceptor_malloc(std::size_t size);
+[[gnu::weak]] void* __interceptor_calloc(std::size_t count, std::size_t size);
+[[gnu::weak]] void* __interceptor_realloc(void* block, std::size_t size);
+}
+
+namespace {
+
+FaultControl* control = nullptr;
+int (*realMain)(int, char**, char**) = nullptr;
+// Set while this library itself makes calls. Initial-exec: the usual access may allocate.
+__attribute__((tls_model("initial-exec"))) thread_local bool inside = false;
+
+class Inside {
+ public:
+  Inside() { inside = true; }
+  ~Inside() { inside = false; }
+  Inside(const Inside&) = delete;
+  Inside& operator=(const Inside&) = delete;
+};
+
+bool isCounting() {
+  return control != nullptr && !inside && control->process != 0 &&
+         control->process == syscall(SYS_getpid);
+}
+
+void keep(int priority, const char* text, std::size_t size) {
+  const std::size_t begin = control->logged.fetch_add(size + 3);
+  if (begin + size + 3 <= control->log.size()) {
+    char* const line = control->log.data() + begin;
+    line[0] = static_cast<char>('0' + priority);
+    line[1] = ' ';
+    std::memcpy(line + 2, text, size);
+    line[size + 2] = '\n';
+  }
+}
+
+// Puts a line where the torturer reads it. What finds no room is lost.
+void keepLine(int priority, const char* format, va_list arguments) {
+  if (control == nullptr || LOG_PRI(priority) == LOG_DEBUG) {
+    return;
+  }
+  const Inside scope;
+  std::array<char, 2048> text{};
+  const int length = std::vsnprintf(text.data(), text.size(), format, arguments);
+  std::size_t size = std::min<std::size_t>(text.size() - 1, static_cast<unsigned>(length));
+  while (size > 0 && text[size - 1] == '\n') {
+    --size;
+  }
+  keep(LOG_PRI(priority), text.data(), size);
+}
+
+// The calls that led here, as addresses within the executable, for addr2line.
+void keepWay() {
+  const Inside scope;
+  std::array<void*, 40> frames{};
+  const int count = backtrace(frames.data(), static_cast<int>(frames.size()));
+  dl_find_object program{};
+  _dl_find_object(reinterpret_cast<void*>(realMain), &program);
+  auto* const begin = static_cast<char*>(program.dlfo_map_start);
+  std::array<char, 1024> text{};
+  int size = 0;
+  for (int i = 0; i < count; ++i) {
+    auto* const address = static_cast<char*>(frames[static_cast<std::size_t>(i)]);
+    if (address > begin && address < program.dlfo_map_end) {
+      size += std::snprintf(text.data() + size, text.size() - static_cast<unsigned>(size), " 0x%lx",
+                            static_cast<unsigned long>(address - begin - 1));
+    }
+  }
+  keep(FaultControl::kWay, text.data(), static_cast<unsigned>(size));
+}
+
+int inject() {
+  if (++control->injected == 1) {
+    keepWay();
+  }
+  return control->fault;
+}
+
+// What to do instead of this call; 0 for the call itself.
+int faultOf(Call call) {
+  if (!isCounting()) {
+    return 0;
+  }
+  const uint32_t number = ++control->counts[static_cast<std::size_t>(call)];
+  if (!control->armed || control->call != call || control->site != 0 || number < control->nth ||
+      (number > control->nth && !control->onwards)) {
+    return 0;
+  }
+  return inject();
+}
+
+// The way to this call, the same in every run: addresses within their files.
+uint64_t wayHere() {
+  constexpr int kFirst = 3;  // the frames of this library
+  std::array<void*, 14> frames{};
+  const int count = backtrace(frames.data(), static_cast<int>(frames.size()));
+  uint64_t hash = 14695981039346656037U;  // FNV-1a
+  for (int i = kFirst; i < count; ++i) {
+    dl_find_object object{};
+    auto* const address = static_cast<char*>(frames[static_cast<std::size_t>(i)]);
+    if (_dl_find_object(address, &object) == 0) {
+      hash ^= static_cast<uint64_t>(address - static_cast<char*>(object.dlfo_map_start));
+      hash *= 1099511628211U;
+    }
+  }
+  return hash | 1U;
+}
+
+void noteSite(uint64_t site) {
+  auto& sites = control->sites;
+  for (std::size_t i = 0; i < sites.size(); ++i) {
+    uint64_t expected = 0;
+    auto& slot = sites[(site + i) % sites.size()];
+    if (slot.compare_exchange_strong(expected, site) || expected == site) {
+      return;
+    }
+  }
+}
+
+__attribute__((noinline)) bool mallocFails() {
+  if (faultOf(Call::malloc) != 0) {
+    errno = ENOMEM;
+    return true;
+  }
+  if (!isCounting()) {
+    return false;
+  }
+  const uint64_t wanted = control->site;
+  const bool reached = control->injected > 0;
+  if (control->armed && (wanted == 0 || (reached && !control->onwards))) {
+    return false;
+  }
+  if (!reached) {
+    const Inside scope;
+    const uint64_t site = wayHere();
+    if (!control->armed) {
+      noteSite(site);
+    }
+    if (site != wanted) {
+      return false;
+    }
+  }
+  if (control->armed) {
+    inject();
+    errno = ENOMEM;
+  }
+  return control->armed;
+}
+
+int mainUnderTorture(int argc, char** argv, char** environment) {
+  if (const char* const path = std::getenv("VALTOR_FAULTS"); path != nullptr) {
+    const long file = syscall(SYS_openat, AT_FDCWD, path, O_RDWR);
+    const long map = syscall(SYS_mmap, nullptr, sizeof(FaultControl), PROT_READ | PROT_WRITE,
+                             MAP_SHARED, file, 0);
+    syscall(SYS_close, file);
+    unsetenv("LD_PRELOAD");
+    void* frame = nullptr;
+    backtrace(&frame, 1);  // loads what it needs
+    control = reinterpret_cast<FaultControl*>(map);
+    control->process = static_cast<int32_t>(syscall(SYS_getpid));
+  }
+  return realMain(argc, argv, environment);
+}
+
+}  // namespace
+
+// Defines a function that takes the place of the C library's. Under a name of its own, so that it
+// need not agree with the library's declaration to the last attribute.
+#define VALTOR_IN_PLACE_OF(name, type, parameters)          \
+  extern "C" type failing_##name parameters __asm__(#name); \
+  type failing_##name parameters
+
+#define VALTOR_REAL(name) \
+  static auto* const real = reinterpret_cast<decltype(&failing_##name)>(dlsym(RTLD_NEXT, #name))
+
+// A call that fails with errno and this result.
+#define VALTOR_FAILS(counted, type, name, parameters, arguments, failure) \
+  VALTOR_IN_PLACE_OF(name, type, parameters) {                            \
+    VALTOR_REAL(name);                                                    \
+    if (const int fault = faultOf(Call::counted); fault != 0) {           \
+      errno = fault;                                                      \
+      return failure;                                                     \
+    }                                                                     \
+    return real arguments;                                                \
+  }
+
+// The same for one that moves bytes, and may move fewer.
+#define VALTOR_MOVES(name, parameters, arguments)                      \
+  VALTOR_IN_PLACE_OF(name, ssize_t, parameters) {                      \
+    VALTOR_REAL(name);                                                 \
+    const int fault = faultOf(Call::name);                             \
+    if (fault > 0) {                                                   \
+      errno = fault;                                                   \
+      return -1;                                                       \
+    }                                                                  \
+    if (fault == FaultControl::kNone) {                                \
+      return 0;                                                        \
+    }                                                                  \
+    size = fault == FaultControl::kHalf && size > 1 ? size / 2 : size; \
+    return real arguments;                                             \
+  }
+
+VALTOR_FAILS(socket, int, socket, (int family, int type, int protocol), (family, type, protocol),
+             -1)
+VALTOR_FAILS(connect, int, connect, (int file, const void* address, unsigned size),
+             (file, address, size), -1)
+VALTOR_FAILS(accept4, int, accept4, (int file, void* address, unsigned* size, int flags),
+             (file, address, size, flags), -1)
+VALTOR_FAILS(bind, int, bind, (int file, const void* address, unsigned size), (file, address, size),
+             -1)
+VALTOR_FAILS(listen, int, listen, (int file, int backlog), (file, backlog), -1)
+VALTOR_FAILS(poll, int, poll, (void* entries, unsigned long count, int time),
+             (entries, count, time), -1)
+VALTOR_FAILS(ppoll, int, ppoll,
+             (void* entries, unsigned long count, const void* time, const void* mask),
+             (entries, count, time, mask), -1)
+VALTOR_FAILS(setsockopt, int, setsockopt,
+             (int file, int level, int option, const void* value, unsigned size),
+             (file, level, option, value, size), -1)
+VALTOR_FAILS(getsockopt, int, getsockopt,
+             (int file, int level, int option, void* value, unsigned* size),
+             (file, level, option, value, size), -1)
+VALTOR_FAILS(getsockname, int, getsockname, (int file, void* address, unsigned* size),
+             (file, address, size), -1)
+VALTOR_FAILS(getpeername, int, getpeername, (int file, void* address, unsigned* size),
+             (file, address, size), -1)
+// Their last argument, where there is one, fits into a register.
+VALTOR_FAILS(fcntl, int, fcntl, (int file, int command, long argument), (file, command, argument),
+             -1)
+VALTOR_FAILS(ioctl, int, ioctl, (int file, unsigned long command, void* argument),
+             (file, command, argument), -1)
+VALTOR_FAILS(open, int, open, (const char* path, int flags, unsigned mode), (path, flags, mode), -1)
+VALTOR_FAILS(fopen, void*, fopen, (const char* path, const char* mode), (path, mode), nullptr)
+VALTOR_FAILS(fopen, void*, fopen64, (const char* path, const char* mode), (path, mode), nullptr)
+VALTOR_FAILS(fflush, int, fflush, (void* stream), (stream), -1)
+VALTOR_FAILS(fsync, int, fsync, (int file), (file), -1)
+VALTOR_FAILS(rename, int, rename, (const char* from, const char* to), (from, to), -1)
+VALTOR_FAILS(unlink, int, unlink, (const char* path), (path), -1)
+VALTOR_FAILS(mkdir, int, mkdir, (const char* path, unsigned mode), (path, mode), -1)
+VALTOR_FAILS(stat, int, stat, (const char* path, void* status), (path, status), -1)
+VALTOR_FAILS(lstat, int, lstat, (const char* path, void* status), (path, status), -1)
+VALTOR_FAILS(fstat, int, fstat, (int file, void* status), (file, status), -1)
+VALTOR_FAILS(fstat, int, fstat64, (int file, void* status), (file, status), -1)
+VALTOR_FAILS(chmod, int, chmod, (const char* path, unsigned mode), (path, mode), -1)
+VALTOR_FAILS(chown, int, chown, (const char* path, unsigned user, unsigned group),
+             (path, user, group), -1)
+VALTOR_FAILS(ftruncate, int, ftruncate, (int file, long size), (file, size), -1)
+VALTOR_FAILS(system, int, system, (const char* command), (command), -1)
+VALTOR_FAILS(eventfd, int, eventfd, (unsigned value, int flags), (value, flags), -1)
+VALTOR_FAILS(pipe2, int, pipe2, (int* ends, int flags), (ends, flags), -1)
+VALTOR_FAILS(getgrnam, void*, getgrnam, (const char* name), (name), nullptr)
+// This one and the next return what is wrong.
+VALTOR_FAILS(pthread_create, int, pthread_create,
+             (unsigned long* thread, const void* settings, void* (*entry)(void*), void* argument),
+             (thread, settings, entry, argument), fault)
+VALTOR_IN_PLACE_OF(getaddrinfo, int,
+                   (const char* host, const char* service, const void* hints, void** list)) {
+  VALTOR_REAL(getaddrinfo);
+  if (const int fault = faultOf(Call::getaddrinfo); fault != 0) {
+    return fault;
+  }
+  if (!isCounting()) {
+    return real(host, service, hints, list);
+  }
+  ++control->resolving;
+  const int result = real(host, service, hints, list);
+  --control->resolving;
+  return result;
+}
+// These have done their work all the same.
+VALTOR_FAILS(shutdown, int, shutdown, (int file, int how), (file, how),
+             (real(file, how), errno = fault, -1))
+VALTOR_FAILS(close, int, close, (int file), (file), (real(file), errno = fault, -1))
+VALTOR_FAILS(fclose, int, fclose, (void* stream), (stream), (real(stream), errno = fault, -1))
+
+VALTOR_MOVES(send, (int file, const void* bytes, std::size_t size, int flags),
+             (file, bytes, size, flags))
+VALTOR_MOVES(recv, (int file, void* bytes, std::size_t size, int flags), (file, bytes, size, flags))
+VALTOR_MOVES(read, (int file, void* bytes, std::size_t size), (file, bytes, size))
+VALTOR_MOVES(write, (int file, const void* bytes, std::size_t size), (file, bytes, size))
+
+// A count and no error.
+VALTOR_IN_PLACE_OF(fwrite, std::size_t,
+                   (const void* bytes, std::size_t size, std::size_t count, FILE* stream)) {
+  VALTOR_REAL(fwrite);
+  if (const int fault = faultOf(Call::fwrite); fault != 0) {
+    errno = fault > 0 ? fault : 0;
+    return fault == FaultControl::kHalf ? real(bytes, size, count / 2, stream) : 0;
+  }
+  return real(bytes, size, count, stream);
+}
+
+VALTOR_IN_PLACE_OF(malloc, void*, (std::size_t size)) {
+  auto* const real = __interceptor_malloc != nullptr ? __interceptor_malloc : __libc_malloc;
+  return mallocFails() ? nullptr : real(size);
+}
+VALTOR_IN_PLACE_OF(calloc, void*, (std::size_t count, std::size_t size)) {
+  auto* const real = __interceptor_calloc != nullptr ? __interceptor_calloc : __libc_calloc;
+  return mallocFails() ? nullptr : real(count, size);
+}
+VALTOR_IN_PLACE_OF(realloc, void*, (void* block, std::size_t size)) {
+  auto* const real = __interceptor_realloc != nullptr ? __interceptor_realloc : __libc_realloc;
+  return mallocFails() ? nullptr : real(block, size);
+}
+
+VALTOR_IN_PLACE_OF(abort, void, ()) {
+  VALTOR_REAL(abort);
+  if (control != nullptr) {
+    keepWay();
+  }
+  real();
+}
+
+VALTOR_IN_PLACE_OF(syslog, void, (int priority, const char* format, ...)) {
+  va_list arguments;
+  va_start(arguments, format);
+  keepLine(priority, format, arguments);
+  va_end(arguments);
+}
+// What a fortified build calls.
+VALTOR_IN_PLACE_OF(__syslog_chk, void, (int priority, int /*flag*/, const char* format, ...)) {
+  va_list arguments;
+  va_start(arguments, format);
+  keepLine(priority, format, arguments);
+  va_end(arguments);
+}
+
+VALTOR_IN_PLACE_OF(__libc_start_main, int,
+                   (int (*main)(int, char**, char**), int argc, char** argv, void (*init)(),
+                    void (*fini)(), void (*rtldFini)(), void* stack)) {
+  VALTOR_REAL(__libc_start_main);
+  realMain = main;
+  return real(mainUnderTorture, argc, argv, init, fini, rtldFini, stack);
+}

@@ -1,0 +1,62 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/BridgeSite.h"
+
+namespace valtor::gauntlet {
+
+// The nodes around a daemon under torture, the files that it finds, and what is done with it: the
+// same in every run. Every operation that waits is true when what it waits for came.
+class Scene {
+ public:
+  // Empties the folder of the fixed paths and writes a database with alpha and beta.
+  Scene();
+
+  struct Step {
+    const char* name;
+    std::function<bool()> play;
+  };
+  // The scenario. Each step may be played whatever became of those before it.
+  const std::vector<Step>& steps() const { return steps_; }
+
+  bool isUp();
+  bool carriesBothWays();
+  // Routers and an incoming client are listed anew, which is saved.
+  bool saves();
+  bool goesToStandbyAndBack();
+  bool followsAMove();
+  bool tellsStatus() const;
+  // Every listed router that there is gets connected without being asked for.
+  bool recoversByItself();
+  // The role and the list are said again, as an operator does, and all works as at the beginning.
+  bool isGoodAgain(bool tellsItsStatus);
+  // What is wrong with the state file, or its previous copy where there is only that; "" for
+  // nothing. It need not be there.
+  static std::string stateFault();
+  static std::string statePath();
+
+  // Whether there is more or less than one state file.
+  static bool isStateHalfWay();
+  // Like saves(), without waiting for anything.
+  void asksToSave();
+  // What the nodes remember goes.
+  void forget();
+
+  test::BridgeSite& site() { return site_; }
+
+ private:
+  // The body that answers this request on the controller's bus; "" when none comes.
+  std::string ask(const std::string& kind, const std::string& body);
+  std::string list(const std::string& entries);
+
+  test::BridgeSite site_;
+  std::unique_ptr<RunningNode> gamma_;
+  std::vector<Step> steps_;
+  int number_ = 0;
+};
+
+}  // namespace valtor::gauntlet

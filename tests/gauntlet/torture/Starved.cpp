@@ -1,0 +1,318 @@
+// The daemon is starved of what a machine gives it, and gets it back.
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <stdexcept>
+#include <sys/mount.h>
+#include <sys/resource.h>
+#include <thread>
+#include <vector>
+
+#include "app/util/Paths.h"
+#include "gauntlet/torture/Trial.h"
+
+namespace valtor::gauntlet {
+
+namespace {
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+
+constexpr milliseconds kPatience{700};
+
+struct Want {
+  std::string name;
+  bool sanitized;
+  std::function<void(Trial&)> play;  // ends when the lack has
+};
+
+void expect(Trial& trial, bool condition, const char* what) {
+  if (!condition && trial.outcome().finding.empty()) {
+    trial.outcome().finding = what;
+  }
+}
+
+// Starts it and waits until all stands.
+void begin(Trial& trial, const std::string& command = "", const std::string& assignments = "") {
+  trial.subject().start(command, assignments);
+  test::longestWait = std::chrono::seconds(20);
+  expect(trial, trial.scene().isUp() && trial.scene().saves(), "it does not come up");
+}
+
+// Lowers a limit of the daemon, or lifts it again with the hard limit's value.
+class Limit {
+ public:
+  Limit(Trial& trial, decltype(RLIMIT_AS) resource, rlim_t value)
+      : process_(trial.subject().id()), resource_(resource) {
+    prlimit(process_, resource_, nullptr, &before_);
+    const rlimit lowered{value, before_.rlim_max};
+    prlimit(process_, resource_, &lowered, nullptr);
+  }
+  ~Limit() {
+    before_.rlim_cur = before_.rlim_max;
+    prlimit(process_, resource_, &before_, nullptr);
+  }
+  Limit(const Limit&) = delete;
+  Limit& operator=(const Limit&) = delete;
+
+ private:
+  pid_t process_;
+  decltype(RLIMIT_AS) resource_;
+  rlimit before_{};
+};
+
+// A mount that goes with the object.
+class Mount {
+ public:
+  Mount(const std::string& source, std::string path, const char* type, unsigned long flags,
+        const char* options)
+      : path_(std::move(path)) {
+    if (mount(source.c_str(), path_.c_str(), type, flags, options) != 0) {
+      throw std::runtime_error("cannot mount on " + path_);
+    }
+  }
+  ~Mount() { umount2(path_.c_str(), MNT_DETACH); }
+  Mount(const Mount&) = delete;
+  Mount& operator=(const Mount&) = delete;
+
+ private:
+  std::string path_;
+};
+
+void cutAll(Scene& scene) {
+  (*scene.site().controller)->closeConnections(MessageNode::kEveryone);
+  (*scene.site().alpha)->closeConnections(MessageNode::kEveryone);
+  (*scene.site().beta)->resetConnections(MessageNode::kEveryone);
+}
+
+// Of these the sanitizers want some themselves.
+Want descriptors(unsigned count) {
+  return {"descriptors " + std::to_string(count), false, [count](Trial& trial) {
+            trial.subject().start("prlimit --nofile=" + std::to_string(count) + ":");
+            trial.play(kPatience);
+            const Limit lifted(trial, RLIMIT_NOFILE, count);
+          }};
+}
+
+Want fewerDescriptors(unsigned count) {
+  return {"fewer descriptors " + std::to_string(count), false, [count](Trial& trial) {
+            begin(trial);
+            const Limit limit(trial, RLIMIT_NOFILE, count);
+            cutAll(trial.scene());
+            trial.play(kPatience);
+          }};
+}
+
+rlim_t addressSpace(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/statm");
+  rlim_t pages = 0;
+  file >> pages;
+  return pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE));
+}
+
+// Bodies of megabytes while one router does not read.
+Want memory(unsigned megabytes) {
+  return {"memory " + std::to_string(megabytes), false, [megabytes](Trial& trial) {
+            begin(trial);
+            auto& site = trial.scene().site();
+            (*site.alpha)->setReadingPaused(MessageNode::kEveryone, true);
+            {
+              const Limit limit(trial, RLIMIT_AS,
+                                addressSpace(trial.subject().id()) + (rlim_t{megabytes} << 20));
+              for (unsigned size = 1; size <= 16; ++size) {
+                (*site.controller)
+                    ->inject(490, "CMD", "route", 0,
+                             R"({"id":"big","pad":")" + std::string(size << 20, 'x') + "\"}");
+              }
+              trial.play(kPatience);
+            }
+            (*site.alpha)->setReadingPaused(MessageNode::kEveryone, false);
+          }};
+}
+
+// A folder whose disk has no room, or takes nothing; what lies there stays whole.
+Want disk(const char* name, const std::string& below, const char* says, bool full) {
+  return {name, true, [below, says, full](Trial& trial) {
+            const std::string root =
+                paths().statusSocket.substr(0, paths().statusSocket.rfind("/run/"));
+            const std::string path = root + below;
+            fs::create_directories(path);
+            const Mount place("none", path, "tmpfs", 0, "size=64k");
+            begin(trial);
+            if (full) {
+              if (path + "/" == paths().incomingClientDirectory) {
+                fs::remove(*fs::directory_iterator(path));  // or it is written where it lies
+              }
+              std::ofstream(path + "/filler") << std::string(1 << 17, 'x');
+            } else {
+              mount("none", path.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "size=64k");
+            }
+            trial.play(kPatience);
+            expect(trial, trial.outcome().harmed, "the disk took it all the same");
+            expect(trial, trial.subject().isRunning(), "it ends");
+            expect(trial, trial.subject().said(says), "it does not say what lacks");
+            mount("none", path.c_str(), "tmpfs", MS_REMOUNT, "size=64k");
+            fs::remove(path + "/filler");
+            expect(trial, trial.recovery().empty(), "it is not good again");
+          }};
+}
+
+Want noStateFolder() {
+  return {"no folder for the state", true, [](Trial& trial) {
+            const fs::path folder = fs::path(paths().containerDirectory).parent_path();
+            fs::remove(folder);
+            trial.subject().start();
+            trial.play(kPatience);
+            fs::create_directories(folder);
+          }};
+}
+
+// Names are looked up at every attempt; without, the process ends and is started again.
+Want noNames(bool later) {
+  return {later ? "no names later" : "no names", true, [later](Trial& trial) {
+            if (later) {
+              begin(trial);
+            }
+            const Mount hosts("/dev/null", "/etc/hosts", nullptr, MS_BIND, nullptr);
+            const Mount servers("/dev/null", "/etc/resolv.conf", nullptr, MS_BIND, nullptr);
+            if (later) {
+              cutAll(trial.scene());
+            } else {
+              trial.subject().start();
+            }
+            test::longestWait = std::chrono::seconds(20);
+            expect(trial, test::eventually([&] { return !trial.subject().isRunning(); }),
+                   "it goes on without names");
+          }};
+}
+
+// Numbered messages both ways, all of them and in order.
+bool carriesInOrder(test::BridgeSite& site, int count) {
+  const std::string mark = "{\"id\":\"number ";
+  const auto numbers = [&mark](const RunningNode& node, MessageKind kind) {
+    std::string all;
+    for (const PassedMessage& one : node.passed()) {
+      if (one.kind == kind && one.body().rfind(mark, 0) == 0) {
+        all += one.body();
+      }
+    }
+    return all;
+  };
+  std::string expected;
+  for (int i = 0; i < count; ++i) {
+    const std::string body = mark + std::to_string(i) + "\"}";
+    (*site.controller)->inject(490, "CMD", "route", 0, body);
+    (*site.beta)->inject(100, "NOT", "route", 0, body);
+    expected += body;
+  }
+  return test::eventually([&] {
+    return numbers(*site.alpha, MessageKind::CMD) == expected &&
+           numbers(*site.beta, MessageKind::CMD) == expected &&
+           numbers(*site.controller, MessageKind::NOT) == expected;
+  });
+}
+
+// Does something to the daemon again and again beside the scenario, which must come about.
+Want beside(const char* name, std::function<void(Trial&)> again, const std::string& assignments) {
+  return {name, false, [again = std::move(again), assignments](Trial& trial) {
+            begin(trial, "", assignments);
+            std::atomic<bool> ends{false};
+            std::thread other([&] {
+              while (!ends) {
+                again(trial);
+              }
+            });
+            test::longestWait = std::chrono::seconds(60);
+            expect(trial, carriesInOrder(trial.scene().site(), 300), "messages are missing");
+            expect(trial, !trial.subject().said("disconnected"), "a link was lost");
+            trial.play(std::chrono::seconds(60));
+            expect(trial, !trial.outcome().harmed, "not all came about");
+            ends = true;
+            other.join();
+          }};
+}
+
+Want tenthOfAProcessor() {
+  return beside(
+      "a tenth of a processor",
+      [](Trial& trial) {
+        kill(trial.subject().id(), SIGSTOP);
+        std::this_thread::sleep_for(milliseconds(90));
+        kill(trial.subject().id(), SIGCONT);
+        std::this_thread::sleep_for(milliseconds(10));
+      },
+      "");
+}
+
+Want clockThatJumps() {
+  const std::string file = fs::temp_directory_path() / ("clock" + std::to_string(getpid()));
+  std::ofstream(file) << "+0\n";
+  return beside(
+      "a clock that jumps by hours",
+      [file](Trial&) {
+        for (const char* offset : {"+5h", "-7h", "+0", "-30m", "+48h"}) {
+          std::ofstream(file + ".new") << offset << "\n";
+          fs::rename(file + ".new", file);
+          std::this_thread::sleep_for(milliseconds(50));
+        }
+      },
+      "LD_PRELOAD=" VALTOR_FAILING_CALLS ":" VALTOR_FAKETIME " FAKETIME_TIMESTAMP_FILE=" + file +
+          " FAKETIME_NO_CACHE=1 FAKETIME_DONT_FAKE_MONOTONIC=1");
+}
+
+std::vector<Want> wants() {
+  constexpr const char* kState = "container could not write";
+  constexpr const char* kList = "is not on disk until its next change";
+  std::vector<Want> all = {tenthOfAProcessor(),
+                           clockThatJumps(),
+                           noNames(false),
+                           noNames(true),
+                           noStateFolder(),
+                           disk("full disk for the state", "/vorn/etc", kState, true),
+                           disk("read-only disk for the state", "/vorn/etc", kState, false),
+                           disk("full disk for the lists", "/tmp/connections", kList, true),
+                           disk("read-only disk for the lists", "/tmp/connections", kList, false)};
+  for (const unsigned megabytes : {0U, 1U, 2U, 4U, 8U, 16U, 32U, 64U, 128U}) {
+    all.push_back(memory(megabytes));
+  }
+  for (unsigned count = 8; count <= 64; ++count) {
+    all.push_back(descriptors(count));
+    all.push_back(fewerDescriptors(count));
+  }
+  return all;
+}
+
+}  // namespace
+
+int tortureStarved(const Settings& settings) {
+  std::vector<Want> drawn;
+  for (Want& want : wants()) {
+    if (want.name.find(settings.only) != std::string::npos) {
+      drawn.push_back(std::move(want));
+    }
+  }
+  // A sample is spread over all of them.
+  const std::size_t step =
+      settings.most != 0 ? std::max<std::size_t>(1, drawn.size() / settings.most) : 1;
+  Trial::Troubles usual;
+  {
+    Trial trial(settings.plain, settings);
+    trial.subject().start();
+    trial.play(std::chrono::seconds(20));
+    trial.recovery();
+    usual = trial.troubles();
+  }
+  Tally tally;
+  for (std::size_t i = settings.worker * step; i < drawn.size(); i += settings.workers * step) {
+    Trial trial(drawn[i].sanitized ? settings.sanitized : settings.plain, settings);
+    drawn[i].play(trial);
+    note(tally, drawn[i].name, trial.judge(usual), settings);
+  }
+  return print(tally);
+}
+
+}  // namespace valtor::gauntlet

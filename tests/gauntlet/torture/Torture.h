@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+
+#include "gauntlet/torture/Subject.h"
+
+namespace valtor::gauntlet {
+
+struct Settings {
+  Build plain;
+  Build sanitized;
+  std::string library;      // FailingCalls
+  std::size_t worker = 0;   // the share of the work that is done,
+  std::size_t workers = 1;  // of so many
+  std::size_t most = 0;     // runs altogether, drawn by the seed; 0: all there are
+  unsigned seed = 1;
+  std::string only;  // the runs whose names hold this
+  bool verbose = false;
+};
+
+inline constexpr const char* kFindings = "findings";
+using Tally = std::map<std::string, std::size_t>;
+// Prints the figures; the exit status, 0 without findings.
+int print(const Tally& tally);
+
+int tortureCalls(const Settings& settings);
+int tortureStarved(const Settings& settings);
+int tortureKilled(const Settings& settings);
+
+}  // namespace valtor::gauntlet

@@ -1,0 +1,124 @@
+#include "gauntlet/torture/Trial.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <csignal>
+#include <cstdio>
+#include <syslog.h>
+
+#include "app/util/Paths.h"
+
+namespace valtor::gauntlet {
+
+namespace {
+
+// The ends that the daemon may meet, with what it says then.
+struct Stop {
+  const char* said;
+  int status;
+};
+constexpr std::array<Stop, 5> kStops = {{{"The start failed, the process ends: ", 1},
+                                         {"getaddrinfo: ", -SIGABRT},
+                                         {"createSelfPipe() pipe error", -SIGABRT},
+                                         {"primeHostID Memory error", -SIGABRT},
+                                         {" could not be started: ", 0}}};
+
+}  // namespace
+
+Trial::Trial(const Build& build, const Settings& settings)
+    : prefixSet_((setPathPrefix(build.root), true)), subject_(build, settings.library) {}
+
+void Trial::play(std::chrono::milliseconds patience) {
+  test::longestWait = patience;
+  for (const Scene::Step& step : scene_.steps()) {
+    if (subject_.isRunning() && !step.play()) {
+      outcome_.harmed = true;
+      test::longestWait = std::chrono::milliseconds(150);
+    }
+  }
+}
+
+std::string Trial::recovery() {
+  test::longestWait = std::chrono::seconds(20);
+  if (!scene_.recoversByItself()) {
+    return "it does not recover by itself";
+  }
+  const bool tells = !subject_.said("Nobody can ask for the status") &&
+                     !subject_.said("Thread StatusServer could not be started");
+  if (!scene_.isGoodAgain(tells)) {
+    return "it is not good again";
+  }
+  return Scene::stateFault();
+}
+
+Trial::Troubles Trial::troubles() const {
+  Troubles texts;
+  for (const Subject::Line& line : subject_.log()) {
+    if (line.priority <= LOG_WARNING) {
+      std::string text;
+      for (const char c : line.text) {
+        if (std::isdigit(static_cast<unsigned char>(c)) == 0) {
+          text += c;
+        }
+      }
+      texts.insert(text);
+    }
+  }
+  return texts;
+}
+
+const Trial::Outcome& Trial::judge(const Troubles& usual) {
+  if (outcome_.finding.empty()) {
+    outcome_.finding = Scene::stateFault();
+  }
+  if (subject_.isRunning() && outcome_.finding.empty()) {
+    outcome_.finding = recovery();
+  }
+  const Troubles now = troubles();
+  outcome_.told = !subject_.errors().empty() ||
+                  !std::includes(usual.begin(), usual.end(), now.begin(), now.end());
+  judgeEnd();
+  if (outcome_.harmed && !outcome_.told && outcome_.finding.empty()) {
+    outcome_.finding = "nothing tells it";
+  }
+  if (!outcome_.finding.empty()) {
+    std::printf("%s", subject_.story().c_str());
+  } else if (outcome_.stopped) {
+    subject_.start();
+    outcome_.finding = recovery();
+  }
+  return outcome_;
+}
+
+void Trial::judgeEnd() {
+  const bool running = subject_.isRunning();
+  const int status = subject_.end();
+  outcome_.stopped = !running;
+  if (!subject_.reports().empty()) {
+    outcome_.finding = "sanitizer:\n" + subject_.reports();
+  } else if (!running && subject_.faults().resolving == 0 &&
+             std::none_of(kStops.begin(), kStops.end(), [&](const Stop& stop) {
+               return stop.status == status && subject_.said(stop.said);
+             })) {
+    outcome_.finding = "it ended with " + std::to_string(status) + "; " + outcome_.finding;
+  }
+}
+
+void note(Tally& tally, const std::string& name, const Trial::Outcome& outcome,
+          const Settings& settings) {
+  ++tally["runs"];
+  tally["not all came about"] += outcome.harmed ? 1 : 0;
+  tally["told"] += outcome.told ? 1 : 0;
+  tally["stopped as it says"] += outcome.stopped && outcome.finding.empty() ? 1 : 0;
+  if (!outcome.finding.empty()) {
+    ++tally[kFindings];
+    std::printf("FINDING %s: %s\n", name.c_str(), outcome.finding.c_str());
+  } else if (settings.verbose) {
+    std::printf("%s:%s%s%s\n", name.c_str(), outcome.harmed ? " harmed" : "",
+                outcome.told ? " told" : "", outcome.stopped ? " stopped" : "");
+  }
+  std::fflush(stdout);
+}
+
+}  // namespace valtor::gauntlet
