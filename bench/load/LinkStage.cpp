@@ -140,7 +140,7 @@ LinkStage::Loss LinkStage::lossOf(int router) {
   return {checks[0]->skipped() + checks[1]->skipped(), checks[2]->skipped(), breaksOf(router)};
 }
 
-void LinkStage::judge(const std::string& name) {
+void LinkStage::judge(const std::string& name, const NumberedCheck* more) {
   pauseFlows();
   const auto arrived = [this] {
     for (int i = 0; i < routers(); ++i) {
@@ -155,7 +155,10 @@ void LinkStage::judge(const std::string& name) {
   if (!wait(arrived)) {
     run_.results.fail(name + ": the last messages do not arrive");
   }
-  uint64_t unexplained = 0;
+  uint64_t unexplained = more != nullptr ? more->skipped() : 0;
+  if (more != nullptr) {
+    expectInOrder(run_, *more, name);
+  }
   for (int i = 0; i < routers(); ++i) {
     for (const NumberedCheck* check : checksOf(i)) {
       const std::string who = name + ", router " + std::to_string(i);

@@ -35,8 +35,9 @@ class LinkStage {
   void recover(const std::string& name);
   // Makes the controller standby, once its link is up, and active when all routers are left.
   void changeRole();
-  // Ends the streams and judges them; what went wrong names the row.
-  void judge(const std::string& name);
+  // Ends the streams and judges them, and one more over links that must stand; what went wrong
+  // names the row.
+  void judge(const std::string& name, const NumberedCheck* more = nullptr);
   // Messages that did not arrive at or from that router, and the links that the streams had to it.
   struct Loss {
     uint64_t down;

@@ -104,6 +104,11 @@ uint64_t Process::descriptors() const {
   return count;
 }
 
+double Process::memoryFactor() const {
+  constexpr double kTebi = 1024.0 * 1024 * 1024 * 1024;
+  return statusBytes("VmSize:") > kTebi ? 16 : 1;
+}
+
 double Process::statusBytes(const std::string& field) const {
   return static_cast<double>(statusField(procFile(pid_, "status"), field)) * 1024;
 }

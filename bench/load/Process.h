@@ -34,6 +34,9 @@ class Process {
   uint64_t threads() const;
   // Open files and sockets.
   uint64_t descriptors() const;
+  // How much more memory than usual it may take: a sanitizer, which reserves terabytes of addresses
+  // for itself, keeps what is freed for a while and notes what is used.
+  double memoryFactor() const;
   // Lets the peak begin at what is resident now.
   void restartPeak() const;
 

@@ -324,8 +324,8 @@ void Soak::expectNoGrowth() {
   const double late = median(samples_.size() - fifth);
   run_.record("soak/memory/early", early, "bytes");
   run_.record("soak/memory/late", late, "bytes");
-  constexpr double kTolerated = 4.0 * 1024 * kKiB;
-  if (late > early * 1.05 + kTolerated) {
+  const double tolerated = 4.0 * 1024 * kKiB * bridge_.daemon->memoryFactor();
+  if (late > early * 1.05 + tolerated) {
     run_.results.fail("soak: memory grows");
   }
   for (const Sample& one : samples_) {
