@@ -13,7 +13,8 @@ const kSettled = 60;    // seconds until a link that was lost counts as steady a
 const kFlapping = 2;    // losses in ten minutes that still pass as steady
 const kBehind = 500;    // frames, half a second of a link's pace
 const kBehindBytes = 4e6;
-const kHold = 20;  // seconds that a tile keeps its place after its trouble is over
+const kHold = 20;    // seconds that a tile keeps its place after its trouble is over
+const kInTurn = 32;  // tiles out of sight that are brought up to date at a time
 const kEvents = 200;
 const kKept = 2000;      // messages that the filter can look back at
 const kRows = 500;       // messages on the screen
@@ -158,9 +159,9 @@ const view = {
   stale: false,
   heard: -Infinity,  // steady time of the last event of the stream, s
   tiles: new Map(),  // by unique ID
+  turn: 0,
   events: [],
   crossing: new Map(),  // for the rates: what stood there at the last look
-  said: '',
 };
 
 const isPlain = (x) => x !== null && typeof x === 'object' && !Array.isArray(x);
@@ -407,7 +408,12 @@ class Tile {
     this.verdict = {state: 'off', rank: 3, word: '', detail: ''};
     this.place = 3;  // its rank in the order, which follows the verdict's with a delay
     this.calmSince = 0;
-    this.element.addEventListener('click', () => follow.open(this.id, this.parts.name));
+    this.element.addEventListener('click', () => {
+      if (getSelection().isCollapsed) {  // a click, not the end of marking some text
+        follow.open(this.id, this.parts.name);
+      }
+    });
+    tileOf.set(this.element, this);
     sight.observe(this.element);
   }
 
@@ -547,14 +553,16 @@ class Tile {
   }
 }
 
+const tileOf = new WeakMap();  // by element
 const sight = new IntersectionObserver((entries) => {
   for (const entry of entries) {
-    const tile = [...view.tiles.values()].find((one) => one.element === entry.target);
-    if (tile && entry.isIntersecting) {
-      lines.visible.add(tile);
-      tile.draw(clock.now());
-    } else if (tile) {
+    const tile = tileOf.get(entry.target);
+    if (!entry.isIntersecting) {
       lines.visible.delete(tile);
+    } else if (view.tiles.get(tile.id) === tile) {
+      lines.visible.add(tile);
+      renderSoon();
+      tile.draw(clock.now());
     }
   }
 }, {rootMargin: '200px'});
@@ -614,6 +622,7 @@ function takeState(state) {
     if (!listed.has(id)) {
       tile.remove();
       view.tiles.delete(id);
+      announcer.states.delete('router ' + id);
     }
   }
 }
@@ -627,7 +636,11 @@ function renderFacts(now) {
   const {daemon, bus} = view.state;
   const known = daemon.document ?? {};
   const age = daemon.asOf === null ? NaN : now - daemon.asOf;
-  setText($('age'), Number.isNaN(age) ? 'never read' : view.stale ? `${span(age)} old` : 'live');
+  setText(
+      $('age'),
+      Number.isNaN(age) ? 'never read' :
+          view.stale    ? `${span(age)} old` :
+                          `live (${Math.max(0, age).toFixed(1)} s)`);
   setText($('version'), shown(view.state.version));
   setText($('role'), known.role ? `${view.stale ? 'was ' : ''}${shown(known.role.state)}` : '');
   const delay = now - bus.daemonAnsweredAt < kUnanswered ? bus.daemonDelayMs : NaN;
@@ -668,23 +681,23 @@ function renderFacts(now) {
 
 function renderCrossing() {
   const known = view.state.daemon.document ?? {};
+  const looks = new Map();
   const rows = objects(known.crossing).map((one) => {
     const key = `${one.direction} ${one.kind} ${one.path}`;
-    const before = view.crossing.get(key);
-    const apart = before ? known.now - before.now : 0;
-    if (!before || apart >= 2 || apart < 0) {
-      view.crossing.set(key, {
-        now: known.now,
-        messages: one.messages,
-        rate: apart > 0 ? (one.messages - before.messages) / apart : NaN
-      });
+    let look = view.crossing.get(key);
+    const apart = look ? known.now - look.now : 0;
+    if (!look || apart >= 2 || apart < 0) {
+      const perSecond = apart > 0 ? (one.messages - look.messages) / apart : NaN;
+      look = {now: known.now, messages: one.messages, rate: perSecond};
     }
+    looks.set(key, look);
     const towards = {toRouters: 'routers', toController: 'controller'}[one.direction] ?? 'both';
     return [
-      towards, shown(one.kind), shown(one.path) || '(none)', rate(view.crossing.get(key).rate),
-      count(one.messages), bytes(one.bytes)
+      towards, shown(one.kind), shown(one.path) || '(none)', rate(look.rate), count(one.messages),
+      bytes(one.bytes)
     ];
   });
+  view.crossing = looks;
   setRows($('crossing'), rows, ['', '', 'path', 'number', 'number', 'number']);
   $('no-crossing').hidden = rows.length > 0;
 }
@@ -736,7 +749,7 @@ function renderVerdict(now) {
   setText($('verdict-text'), text);
   setText($('verdict-why'), why.trim());
   $('verdict-why').hidden = why.trim() === '';
-  document.title = `${text} – Valtor Remote`;
+  setText(document.querySelector('title'), `${text} – Valtor Remote`);
 }
 
 // The routers in trouble by name, each a way to its tile.
@@ -788,6 +801,17 @@ const announcer = {
   },
 };
 
+// Those on the screen, and some of the others, so that hundreds of routers cost little more.
+function tilesInTurn() {
+  const tiles = [...view.tiles.values()];
+  const some = new Set(lines.visible);
+  for (let left = Math.min(kInTurn, tiles.length); left > 0; --left) {
+    view.turn = (view.turn + 1) % tiles.length;
+    some.add(tiles[view.turn]);
+  }
+  return some;
+}
+
 function render() {
   const now = clock.now();
   const steady = performance.now() / 1000;
@@ -812,7 +836,7 @@ function render() {
     renderTroubled();
     // Old data keeps the durations that it had.
     const then = view.stale ? daemon.asOf ?? now : now;
-    for (const tile of view.tiles.values()) {
+    for (const tile of tilesInTurn()) {
       tile.render(then);
     }
     orderTiles();
