@@ -259,6 +259,7 @@ TEST_F(PageTest, FollowsFiltersAndPauses) {
 
   browser.open("about:blank");
   browser.open(std::string(kAddress) + "#follow=alpha");  // as after a reload
+  shows("#events", "The daemon answers");
   shows("#follow-state", "live");
   command("{\"third\":3}");
   shows("#messages li", "{\"third\":3}");

@@ -1198,6 +1198,7 @@ matchMedia('(prefers-color-scheme: dark)').addEventListener('change', () => {
   drawLines();
 });
 $('no-lines').hidden = lines.available;
+document.body.classList.toggle('lineless', !lines.available);
 
 const wanted = /^#follow=(.+)$/.exec(location.hash);
 if (wanted) {
