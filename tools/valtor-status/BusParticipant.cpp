@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <deque>
+#include <exception>
 #include <thread>
 #include <utility>
 
@@ -28,8 +29,7 @@ using std::chrono::seconds;
 constexpr milliseconds kTick{250};
 constexpr seconds kReopen{1};          // from one attempt to the next
 constexpr seconds kOpen{5};            // for an attempt
-constexpr seconds kAsk{2};             // from one question to the next
-constexpr seconds kAskAgain{10};       // for one that nobody has answered
+constexpr seconds kAsk{2};             // from one question to the next, answered or not
 constexpr seconds kQuiet{5};           // without input before a keep-alive
 constexpr seconds kSilence{15};        // without input before the link counts as lost
 constexpr std::size_t kUnsent{65536};  // bytes that the node does not take before it counts so too
@@ -55,7 +55,7 @@ class BusParticipant::Impl {
   explicit Impl(BusPlace place) : place_(std::move(place)) {
     view_.since = wallSeconds();
     tick();
-    thread_ = std::thread([this] { context_.run(); });
+    thread_ = std::thread([this] { run(); });
   }
 
   ~Impl() {
@@ -80,6 +80,22 @@ class BusParticipant::Impl {
   }
 
  private:
+  void run() {
+    for (bool broken = false;;) {
+      try {
+        if (std::exchange(broken, false)) {
+          lose("memory ran out");
+          tick();
+        }
+        context_.run();
+        return;
+      } catch (const std::exception&) {
+        broken = true;
+        std::this_thread::sleep_for(kTick);
+      }
+    }
+  }
+
   // What happens by the clock.
   void tick() {
     const auto now = Clock::now();
@@ -105,7 +121,7 @@ class BusParticipant::Impl {
   }
 
   void ask(Clock::time_point now) {
-    if (state_ != State::Up || now < asked_ + (questions_.empty() ? kAsk : kAskAgain)) {
+    if (state_ != State::Up || now < asked_ + kAsk) {
       return;
     }
     asked_ = now;
@@ -115,6 +131,9 @@ class BusParticipant::Impl {
       questions_.erase(questions_.begin() + 1);  // the first says since when nobody answers
     }
     send(questions_.back().request);
+    if (state_ != State::Up) {
+      return;  // lost meanwhile, and the questions with it
+    }
     const Locked lock(lock_);
     waitsSince_ = questions_.front().asked;
   }

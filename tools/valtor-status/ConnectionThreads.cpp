@@ -1,5 +1,6 @@
 #include "valtor-status/ConnectionThreads.h"
 
+#include <new>
 #include <utility>
 
 namespace valtor {
@@ -20,9 +21,21 @@ void ConnectionThreads::enqueue(std::function<void()> connection) {
     connection();
     return;
   }
+  if (!keep(connection)) {
+    connection();
+  }
+}
+
+// False when there is no memory for it, which leaves it as it is.
+bool ConnectionThreads::keep(std::function<void()>& connection) {
   const Locked lock(lock_);
-  waiting_.push_back(std::move(connection));
+  try {
+    waiting_.push_back(std::move(connection));
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
   changed_.notify_one();
+  return true;
 }
 
 bool ConnectionThreads::startThread() {
@@ -72,6 +85,7 @@ void ConnectionThreads::shutdown() {
     ends_ = true;
     changed_.notify_all();
   }
+  ending_();
   for (const pthread_t thread : threads_) {
     pthread_join(thread, nullptr);
   }

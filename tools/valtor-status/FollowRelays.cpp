@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <sys/socket.h>
 #include <thread>
 #include <utility>
@@ -33,7 +34,15 @@ class Reader : public std::enable_shared_from_this<Reader> {
 
   // The connection has asked already.
   void start(UniqueDescriptor socket) {
-    socket_.assign(asio::local::stream_protocol(), socket.release());
+    asio::error_code error;
+    socket_.assign(asio::local::stream_protocol(), socket.get(), error);
+    if (error) {
+      if (const auto relay = relay_.lock()) {
+        relay->end("the daemon cannot be read: " + error.message());
+      }
+      return;
+    }
+    static_cast<void>(socket.release());
     watch();
     read();
   }
@@ -58,7 +67,7 @@ class Reader : public std::enable_shared_from_this<Reader> {
         asio::buffer(buffer_),
         [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
           const auto relay = self->relay_.lock();
-          if (relay != nullptr && !error && self->take(count, *relay)) {
+          if (relay != nullptr && !error && self->takeOrEnd(count, *relay)) {
             self->read();
             return;
           }
@@ -67,6 +76,15 @@ class Reader : public std::enable_shared_from_this<Reader> {
           }
           self->timer_.cancel();
         });
+  }
+
+  bool takeOrEnd(std::size_t count, FollowRelay& relay) {
+    try {
+      return take(count, relay);
+    } catch (const std::exception&) {
+      relay.end("memory ran out");
+      return false;
+    }
   }
 
   bool take(std::size_t count, FollowRelay& relay) {
@@ -125,10 +143,14 @@ FollowRelay::Batch FollowRelay::take(Clock::time_point deadline) {
   if (missed_ > 0) {
     batch.lines.push_back(missedLine(std::exchange(missed_, 0)));
   }
-  while (!lines_.empty() && batch.lines.size() < kBatch) {
+  for (std::size_t taken = 0;
+       !lines_.empty() && batch.lines.size() < kBatch && taken < kBatchBytes;) {
+    taken += lines_.front().size();
+    bytes_ -= lines_.front().size();
     batch.lines.push_back(std::move(lines_.front()));
     lines_.pop_front();
   }
+  batch.more = !lines_.empty();
   batch.ended = ended_ && lines_.empty();
   batch.reason = reason_;
   return batch;
@@ -136,8 +158,10 @@ FollowRelay::Batch FollowRelay::take(Clock::time_point deadline) {
 
 void FollowRelay::add(std::string line) {
   const Locked lock(lock_);
+  bytes_ += line.size();
   lines_.push_back(std::move(line));
-  if (lines_.size() > kLines) {
+  while (lines_.size() > kLines || bytes_ > kBytes) {
+    bytes_ -= lines_.front().size();
     lines_.pop_front();
     ++missed_;
   }
@@ -153,20 +177,30 @@ void FollowRelay::addMissed(double count) {
 
 void FollowRelay::end(const std::string& reason) {
   const Locked lock(lock_);
+  reason_ = ended_ ? reason_ : reason;
   ended_ = true;
-  reason_ = reason;
   changed_.notify_all();
 }
 
 class FollowRelays::Impl {
  public:
-  explicit Impl(std::string path) : socket(std::move(path)), thread([this] { context.run(); }) {}
+  explicit Impl(std::string path) : socket(std::move(path)), thread([this] { run(); }) {}
   ~Impl() {
     context.stop();
     thread.join();
   }
   Impl(const Impl&) = delete;
   Impl& operator=(const Impl&) = delete;
+
+  // A relay for which there was no memory is lost; the others go on.
+  void run() {
+    while (!context.stopped()) {
+      try {
+        context.run();
+      } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+      }
+    }
+  }
 
   const std::string socket;
   std::shared_ptr<const int> places = std::make_shared<const int>(0);  // held by each reader

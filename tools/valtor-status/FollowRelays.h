@@ -18,11 +18,14 @@ class FollowRelay {
  public:
   using Clock = std::chrono::steady_clock;
 
-  static constexpr std::size_t kLines = 512;  // that wait at most
-  static constexpr std::size_t kBatch = 100;  // lines that are taken at once
+  static constexpr std::size_t kLines = 512;          // that wait at most
+  static constexpr std::size_t kBytes = 1048576;      // of lines that wait at most
+  static constexpr std::size_t kBatch = 100;          // lines that are taken at once
+  static constexpr std::size_t kBatchBytes = 262144;  // after which no more are taken at once
 
   struct Batch {
     std::vector<std::string> lines;  // each a JSON object; what was left out stands first
+    bool more = false;               // waits already
     bool ended = false;              // nothing comes any more, and why
     std::string reason;
   };
@@ -33,12 +36,14 @@ class FollowRelay {
   // By who reads.
   void add(std::string line);
   void addMissed(double count);
+  // Only the first reason counts.
   void end(const std::string& reason);
 
  private:
   Mutex lock_;
   std::condition_variable_any changed_;
   std::deque<std::string> lines_ VALTOR_GUARDED_BY(lock_);
+  std::size_t bytes_ VALTOR_GUARDED_BY(lock_) = 0;  // of the lines
   double missed_ VALTOR_GUARDED_BY(lock_) = 0;
   bool ended_ VALTOR_GUARDED_BY(lock_) = false;
   std::string reason_ VALTOR_GUARDED_BY(lock_);
@@ -48,7 +53,8 @@ class FollowRelay {
 // its own, so that the daemon never waits for a browser. Any thread may call it.
 class FollowRelays {
  public:
-  static constexpr std::size_t kMost = 16;  // at once
+  // At once; the daemon lets 16 follow, and somebody at the controller may want to as well.
+  static constexpr std::size_t kMost = 12;
 
   explicit FollowRelays(std::string socket);
   // Nothing comes to the relays that are still there.

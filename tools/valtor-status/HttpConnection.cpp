@@ -17,9 +17,18 @@ namespace {
 constexpr std::string_view kEndOfLine = "\r\n";
 constexpr std::string_view kEndOfHead = "\r\n\r\n";
 
-bool isHeader(std::string_view line, std::string_view name) {
-  return line.size() > name.size() && line[name.size()] == ':' &&
-         strncasecmp(line.data(), name.data(), name.size()) == 0;
+bool isSame(std::string_view text, std::string_view other) {
+  return text.size() == other.size() && strncasecmp(text.data(), other.data(), text.size()) == 0;
+}
+
+// The library would take what stands behind one of these for something else than we do.
+bool isBroken(std::string_view line) {
+  return line.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const std::size_t first = std::min(text.find_first_not_of(" \t"), text.size());
+  return text.substr(first, text.find_last_not_of(" \t") + 1 - first);
 }
 
 }  // namespace
@@ -53,13 +62,14 @@ HttpConnection::~HttpConnection() {
 
 HttpConnection::Head HttpConnection::readHead() {
   head_.clear();
+  headers_.clear();
   hasBody_ = false;
   auto deadline = Clock::now() + (input_.empty() ? kIdle : kHeadTime);
   for (;;) {
     if (const std::size_t end = input_.find(kEndOfHead); end != std::string::npos) {
-      takeHead(end + kEndOfHead.size());
+      const bool good = takeHead(end + kEndOfHead.size());
       deadline_ = Clock::now() + kAnswerTime;
-      return Head::Complete;
+      return good ? Head::Complete : Head::Broken;
     }
     if (input_.size() > kLongestHead) {
       return Head::TooLong;
@@ -82,22 +92,37 @@ HttpConnection::Head HttpConnection::readHead() {
   }
 }
 
-void HttpConnection::takeHead(std::size_t size) {
-  const std::string_view whole = std::string_view(input_).substr(0, size);
-  const std::size_t first = whole.find(kEndOfLine) + kEndOfLine.size();
-  head_ = whole.substr(0, first);
-  for (std::size_t at = first; at < whole.size();) {
-    const std::size_t end = whole.find(kEndOfLine, at) + kEndOfLine.size();
-    const std::string_view line = whole.substr(at, end - at);
-    if (isHeader(line, "Host") || isHeader(line, "Connection")) {
-      head_ += line;
-    }
-    const bool isLength = isHeader(line, "Content-Length");
-    hasBody_ = hasBody_ || isLength || isHeader(line, "Transfer-Encoding");
-    at = end;
-  }
-  head_ += kEndOfLine;
+bool HttpConnection::takeHead(std::size_t size) {
+  const std::string whole = input_.substr(0, size);
   input_.erase(0, size);
+  const std::string_view lines = whole;
+  bool broken = false;
+  for (std::size_t at = 0; at + kEndOfLine.size() < size;) {
+    const std::size_t end = lines.find(kEndOfLine, at);
+    const std::string_view line = lines.substr(at, end - at);
+    broken = broken || isBroken(line);
+    if (at > 0) {
+      takeHeader(line);
+    }
+    at = end + kEndOfLine.size();
+  }
+  const std::string request = whole.substr(0, whole.find(kEndOfLine));
+  head_ = request + "\r\n" + head_ + "\r\n";
+  return !broken;
+}
+
+void HttpConnection::takeHeader(std::string_view line) {
+  const std::size_t colon = std::min(line.find(':'), line.size());
+  const std::string_view name = line.substr(0, colon);
+  const std::string_view value = trimmed(line.substr(std::min(colon + 1, line.size())));
+  if (isSame(name, "Host") || isSame(name, "Sec-Fetch-Site")) {
+    headers_.emplace(name, value);
+  } else if (isSame(name, "Connection") && head_.empty()) {
+    head_ = isSame(value, "close")        ? "Connection: close\r\n"
+            : isSame(value, "keep-alive") ? "Connection: Keep-Alive\r\n"
+                                          : "";
+  }
+  hasBody_ = hasBody_ || isSame(name, "Content-Length") || isSame(name, "Transfer-Encoding");
 }
 
 void HttpConnection::answer(const std::string& text) {

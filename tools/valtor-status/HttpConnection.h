@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <httplib.h>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 
 #include "app/util/UniqueDescriptor.h"
@@ -12,8 +13,8 @@ namespace valtor {
 
 // A browser's connection under the HTTP library, which would read request lines and headers for as
 // long as somebody sends some. This one reads a request's head itself, within limits of size and
-// time, and hands on only the headers that are used here: others would make the library match
-// regular expressions or compress. Owns its socket. One thread.
+// time. Of the headers the library gets none as it came: a line that it splits otherwise than we do
+// would make it match regular expressions or compress. Owns its socket. One thread.
 class HttpConnection final : public httplib::Stream {
  public:
   static constexpr std::size_t kLongestHead = 16384;      // bytes
@@ -25,9 +26,12 @@ class HttpConnection final : public httplib::Stream {
   HttpConnection(UniqueDescriptor socket, std::chrono::milliseconds stall);
   ~HttpConnection() override;
 
-  enum class Head { Complete, Closed, TooLong, TooLate };
-  // Reads up to the end of a request's head, which the library reads next.
+  enum class Head { Complete, Closed, Broken, TooLong, TooLate };
+  // Reads up to the end of a request's head, of which the library reads the request line next, and
+  // a header of ours that says whether the connection stays.
   Head readHead();
+  // The values of that head's headers that are used here, Host and Sec-Fetch-Site, as they came.
+  const httplib::Headers& headers() const { return headers_; }
   // Whether more than a head has come with the request, so that what follows is no request.
   bool hasBody() const { return hasBody_; }
   // An answer without end: only the stall counts.
@@ -47,12 +51,14 @@ class HttpConnection final : public httplib::Stream {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void takeHead(std::size_t size);
+  bool takeHead(std::size_t size);
+  void takeHeader(std::string_view line);
 
   UniqueDescriptor socket_;
   const std::chrono::milliseconds stall_;
   std::string input_;  // what has come and is not used up
   std::string head_;   // what the library has not read of the request
+  httplib::Headers headers_;
   bool hasBody_ = false;
   Clock::time_point deadline_ = Clock::time_point::max();  // of the answer
 };

@@ -30,6 +30,12 @@ class Writer {
   }
   void number(double value) { json_.Double(std::isfinite(value) ? value : 0); }
   void count(uint64_t value) { json_.Uint64(value); }
+  // Without decimals where there are none.
+  void shortNumber(double value) {
+    constexpr double kLargest = 1e15;
+    const bool isWhole = std::abs(value) < kLargest && std::trunc(value) == value;
+    isWhole ? static_cast<void>(json_.Int64(static_cast<int64_t>(value))) : number(value);
+  }
   void flag(bool value) { json_.Bool(value); }
   void none() { json_.Null(); }
   void raw(const std::string& value) {
@@ -73,13 +79,45 @@ void write(Writer& json, const History::Sample& sample) {
     constexpr double kTenths = 10;
     return std::round(value * kTenths) / kTenths;
   };
-  json.beginObject();
-  json.key("t").number(sample.time);
-  json.key("toRouter").number(rounded(sample.toRouter));
-  json.key("fromRouter").number(rounded(sample.fromRouter));
-  json.key("toRouterBytes").number(rounded(sample.toRouterBytes));
-  json.key("fromRouterBytes").number(rounded(sample.fromRouterBytes));
-  json.endObject();
+  json.beginArray();
+  json.number(sample.time);
+  json.shortNumber(rounded(sample.toRouter));
+  json.shortNumber(rounded(sample.fromRouter));
+  json.shortNumber(rounded(sample.toRouterBytes));
+  json.shortNumber(rounded(sample.fromRouterBytes));
+  json.endArray();
+}
+
+bool isQuiet(const History::Sample& sample) {
+  return sample.toRouter == 0 && sample.fromRouter == 0 && sample.toRouterBytes == 0 &&
+         sample.fromRouterBytes == 0;
+}
+
+// What most routers do most of the time is short: [first, last] of seconds in which nothing
+// crossed, one after the other.
+void writeRates(Writer& json, const std::deque<History::Sample>& samples, uint64_t since) {
+  constexpr double kLongestStep = 2.5;  // seconds; beyond it nobody has looked
+  json.beginArray();
+  for (std::size_t i = 0; i < samples.size(); ++i) {
+    if (samples[i].number <= since) {
+      continue;
+    }
+    if (!isQuiet(samples[i])) {
+      write(json, samples[i]);
+      continue;
+    }
+    const double first = samples[i].time;
+    while (i + 1 < samples.size() && isQuiet(samples[i + 1]) &&
+           samples[i + 1].time > samples[i].time &&
+           samples[i + 1].time - samples[i].time < kLongestStep) {
+      ++i;
+    }
+    json.beginArray();
+    json.number(first);
+    json.number(samples[i].time);
+    json.endArray();
+  }
+  json.endArray();
 }
 
 uint64_t recentLosses(const StatusFigures& figures, const StatusFigures::Router& router) {
@@ -180,13 +218,7 @@ std::string LiveState::render(uint64_t sinceSample, bool whole) const {
       json.beginObject();
       json.key("uniqueID").text(router.uniqueID);
       json.key("lostLastTenMinutes").count(recentLosses(*figures, router));
-      json.key("rates").beginArray();
-      for (const History::Sample& sample : history_.samples(router.uniqueID)) {
-        if (sample.number > sinceSample) {
-          write(json, sample);
-        }
-      }
-      json.endArray();
+      writeRates(json.key("rates"), history_.samples(router.uniqueID), sinceSample);
       json.endObject();
     }
   }

@@ -8,6 +8,7 @@
 #include <deque>
 #include <fstream>
 #include <httplib.h>
+#include <netdb.h>
 #include <set>
 #include <sys/socket.h>
 #include <thread>
@@ -32,8 +33,11 @@ constexpr std::chrono::seconds kComment{10};  // between two signs of life of a 
 constexpr std::chrono::seconds kLook{1};      // between two looks at whether a browser is there
 constexpr std::chrono::milliseconds kBatchInterval{100};
 constexpr std::size_t kMostText = 524288;  // bytes, of states a second and of messages at once
-constexpr std::size_t kRequests = 100;     // on one connection
-constexpr std::size_t kRefused = 64;       // connections that may still read why
+constexpr Clock::duration kPace =
+    std::chrono::seconds(2);            // between two states at most: the page takes 3 s for old
+constexpr std::size_t kSlice = 16384;   // bytes that are sent at once
+constexpr std::size_t kRequests = 100;  // on one connection
+constexpr std::size_t kRefused = 64;    // connections that may still read why
 
 const char* const kPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; "
@@ -59,9 +63,22 @@ std::string hostOf(const std::string& header) {
   return lowerCase(header.substr(0, colon));
 }
 
-std::string event(const char* name, uint64_t number, const std::string& data) {
-  return "event: " + std::string(name) + "\nid: " + std::to_string(number) + "\ndata: " + data +
-         "\n\n";
+// As it stands in a Host header: an IPv6 address in brackets.
+std::string hostFor(const std::string& name) {
+  const bool isBare = std::count(name.begin(), name.end(), ':') > 1 && name.front() != '[';
+  return isBare ? "[" + lowerCase(name) + "]" : hostOf(name);
+}
+
+bool isAddress(const std::string& text) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE;
+  addrinfo* found = nullptr;
+  if (text.empty() || getaddrinfo(text.c_str(), nullptr, &hints, &found) != 0) {
+    return false;
+  }
+  freeaddrinfo(found);
+  return true;
 }
 
 // Counts the event streams that are open; one holds a place as long as it lives.
@@ -98,31 +115,61 @@ class EventStream {
     if (!sink.is_writable()) {
       return false;
     }
-    std::string text = std::exchange(begun_, true) ? "" : "retry: 1000\n\n";
-    text += next(Clock::now() + kLook);
-    if (text.empty() && Clock::now() >= sent_ + kComment) {
-      text = ": \n\n";
-    }
-    if (!text.empty()) {
-      sent_ = Clock::now();
-      if (!sink.write(text.data(), text.size())) {
-        return false;
+    if (waiting_.empty()) {
+      if (!std::exchange(begun_, true)) {
+        say("retry: 1000\n\n");
+      }
+      gather(Clock::now() + kLook);
+      if (waiting_.empty() && Clock::now() >= sent_ + kComment) {
+        say(": \n\n");
       }
     }
-    if (ended_) {
+    if (!waiting_.empty() && !sendSlice(sink)) {
+      return false;
+    }
+    if (ended_ && waiting_.empty()) {
       sink.done();
     }
     return true;
   }
 
  protected:
-  // What there is to say, or "" at the deadline.
-  virtual std::string next(Clock::time_point deadline) = 0;
+  // Says what there is to say; nothing at the deadline.
+  virtual void gather(Clock::time_point deadline) = 0;
+  void say(std::string text) {
+    waiting_.push_back(std::make_shared<const std::string>(std::move(text)));
+  }
+  // The data is not copied: streams that nobody reads hold the same.
+  void sayEvent(const char* name, LiveState::Text data) {
+    say("event: " + std::string(name) + "\nid: " + std::to_string(++number_) + "\ndata: ");
+    waiting_.push_back(std::move(data));
+    say("\n\n");
+  }
+  void sayEvent(const char* name, std::string data) {
+    sayEvent(name, std::make_shared<const std::string>(std::move(data)));
+  }
   void end() { ended_ = true; }
-  uint64_t nextNumber() { return ++number_; }
 
  private:
+  bool sendSlice(httplib::DataSink& sink) {
+    std::string slice;
+    while (!waiting_.empty() && slice.size() < kSlice) {
+      const std::string& text = *waiting_.front();
+      const std::size_t count = std::min(text.size() - at_, kSlice - slice.size());
+      slice.append(text, at_, count);
+      at_ += count;
+      if (at_ == text.size()) {
+        waiting_.pop_front();
+        at_ = 0;
+      }
+    }
+    sent_ = Clock::now();
+    return sink.write(slice.data(), slice.size());
+  }
+
   const std::shared_ptr<const void> place_;
+  std::deque<LiveState::Text> waiting_;
+  std::size_t at_ = 0;  // how much of the first one has been sent
   bool begun_ = false;
   bool ended_ = false;
   uint64_t number_ = 0;
@@ -135,30 +182,28 @@ class StateStream final : public EventStream {
       : EventStream(std::move(place)), state_(state) {}
 
  protected:
-  std::string next(Clock::time_point deadline) override {
+  void gather(Clock::time_point deadline) override {
     if (!std::exchange(began_, true)) {
-      return paced(event("state", nextNumber(), *state_.whole(mark_)));
+      sayEvent("state", state_.whole(mark_));
+      return;
     }
     std::this_thread::sleep_until(std::min(due_, deadline));
     if (due_ > deadline) {
-      return "";
+      return;
     }
     const LiveState::News news = state_.next(mark_, deadline);
-    std::string text;
     for (const History::Event& entry : news.events) {
-      text += event("event", nextNumber(), eventJSON(entry));
+      sayEvent("event", eventJSON(entry));
     }
-    return news.state == nullptr ? text : paced(text + event("state", nextNumber(), *news.state));
+    if (news.state != nullptr) {
+      // The documents of a thousand routers would keep the machine busy otherwise.
+      const std::chrono::duration<double> time(static_cast<double>(news.state->size()) / kMostText);
+      due_ = Clock::now() + std::min(std::chrono::duration_cast<Clock::duration>(time), kPace);
+      sayEvent("state", news.state);
+    }
   }
 
  private:
-  // The documents of a thousand routers would keep the machine busy otherwise.
-  std::string paced(std::string text) {
-    const std::chrono::duration<double> time(static_cast<double>(text.size()) / kMostText);
-    due_ = Clock::now() + std::chrono::duration_cast<Clock::duration>(time);
-    return text;
-  }
-
   LiveState& state_;
   LiveState::Mark mark_;
   bool began_ = false;
@@ -171,27 +216,26 @@ class FollowStream final : public EventStream {
       : EventStream(std::move(place)), relay_(std::move(relay)) {}
 
  protected:
-  std::string next(Clock::time_point deadline) override {
+  void gather(Clock::time_point deadline) override {
     std::this_thread::sleep_until(std::min(due_, deadline));
     FollowRelay::Batch batch = relay_->take(deadline);
     due_ = batch.lines.empty() ? due_ : Clock::now() + kBatchInterval;
-    std::string text;
     // More than one only when more came than goes into one.
-    while (!batch.lines.empty()) {
+    for (std::size_t size = 0; !batch.lines.empty();) {
       std::string list;
       for (const std::string& line : batch.lines) {
         list += (list.empty() ? "[" : ",") + line;
       }
-      text += event("message", nextNumber(), list + "]");
-      const bool goesOn = batch.lines.size() == FollowRelay::kBatch && text.size() < kMostText;
-      batch =
-          goesOn ? relay_->take(Clock::now()) : FollowRelay::Batch{{}, batch.ended, batch.reason};
+      size += list.size();
+      sayEvent("message", list + "]");
+      const bool goesOn = batch.more && size < kMostText;
+      batch = goesOn ? relay_->take(Clock::now())
+                     : FollowRelay::Batch{{}, false, batch.ended, batch.reason};
     }
     if (batch.ended) {
-      text += event("end", nextNumber(), "{\"reason\":" + quotedJSON(batch.reason) + "}");
+      sayEvent("end", "{\"reason\":" + quotedJSON(batch.reason) + "}");
       end();
     }
-    return text;
   }
 
  private:
@@ -205,13 +249,11 @@ class PageServer::Impl final : public httplib::Server {
  public:
   Impl(Settings settings, LiveState& state, FollowRelays& relays)
       : settings_(std::move(settings)), state_(state), relays_(relays) {
-    hosts_ = {"localhost", "127.0.0.1", "[::1]", hostOf(settings_.address)};
-    if (settings_.address.find(':') != std::string::npos) {
-      hosts_.insert("[" + lowerCase(settings_.address) + "]");
-    }
+    hosts_ = {"localhost", "127.0.0.1", "[::1]", hostFor(settings_.address)};
     for (const std::string& name : settings_.hostNames) {
-      hosts_.insert(lowerCase(name));
+      hosts_.insert(hostFor(name));
     }
+    hosts_.erase("");
     set_default_headers({{"Content-Security-Policy", kPolicy},
                          {"X-Content-Type-Options", "nosniff"},
                          {"X-Frame-Options", "DENY"},
@@ -228,7 +270,11 @@ class PageServer::Impl final : public httplib::Server {
     new_task_queue = [this] {
       // The library takes it over.
       return new ConnectionThreads(  // NOLINT(*-owning-memory)
-          kMostConnections, [this] { closeRefused(0); });
+          kMostConnections, [this] { closeRefused(0); },
+          [this] {
+            pauses_ = true;
+            endConnections();
+          });
     };
     set_pre_routing_handler([this](const Request& request, Response& response) {
       serve(request, response);
@@ -290,6 +336,10 @@ class PageServer::Impl final : public httplib::Server {
   };
 
   bool bind() {
+    if (!isAddress(settings_.address)) {
+      errno = 0;
+      return false;
+    }
     errno = 0;
     if (settings_.port == 0 && port_ == 0) {
       port_ = bind_to_any_port(settings_.address);
@@ -306,28 +356,47 @@ class PageServer::Impl final : public httplib::Server {
     for (;;) {
       if (bound) {
         acceptor_ = std::this_thread::get_id();
-        listen_after_bind();
+        pauses_ = false;
+        accept();
       }
       // The library gives up when the system refuses to accept, for want of memory for one.
-      const Locked lock(lock_);
-      if (changed_.wait_for(lock_, kLook, [this]() VALTOR_REQUIRES(lock_) { return ends_; })) {
-        break;
+      {
+        const Locked lock(lock_);
+        if (changed_.wait_for(lock_, kLook, [this]() VALTOR_REQUIRES(lock_) { return ends_; })) {
+          break;
+        }
       }
-      bound = bind();
+      bound = bindAgain();
     }
     closeRefused(0);
     hasEnded_ = true;
+  }
+
+  void accept() {
+    try {
+      listen_after_bind();
+    } catch (const std::exception&) {
+      UniqueDescriptor(svr_sock_.exchange(INVALID_SOCKET)).reset();
+    }
+  }
+
+  bool bindAgain() {
+    try {
+      return bind();
+    } catch (const std::exception&) {
+      return false;
+    }
   }
 
   // Called by the library in the connection's thread, or in the one that accepts when there is
   // none.
   bool process_and_close_socket(socket_t number) override {
     UniqueDescriptor socket(number);
-    if (std::this_thread::get_id() == acceptor_) {
-      refuse(std::move(socket));
-      return true;
-    }
     try {
+      if (std::this_thread::get_id() == acceptor_) {
+        refuse(std::move(socket));
+        return true;
+      }
       HttpConnection connection(std::move(socket), settings_.stall);
       const Entry entry(*this, number);
       serveConnection(connection);
@@ -339,7 +408,7 @@ class PageServer::Impl final : public httplib::Server {
 
   void serveConnection(HttpConnection& connection) {
     bool goesOn = true;
-    for (std::size_t count = 1; goesOn && svr_sock_ != INVALID_SOCKET; ++count) {
+    for (std::size_t count = 1; goesOn && !pauses_ && svr_sock_ != INVALID_SOCKET; ++count) {
       switch (connection.readHead()) {
         case HttpConnection::Head::Complete: {
           bool closes = false;
@@ -348,6 +417,8 @@ class PageServer::Impl final : public httplib::Server {
           goesOn = process_request(connection, last, closes,
                                    [&](Request& request) {
                                      understood = true;
+                                     request.headers.insert(connection.headers().begin(),
+                                                            connection.headers().end());
                                      if (request.path == "/api/events") {
                                        connection.endless();
                                      }
@@ -355,6 +426,10 @@ class PageServer::Impl final : public httplib::Server {
                    understood && !closes && !last;
           break;
         }
+        case HttpConnection::Head::Broken:
+          connection.answer(canned("400 Bad Request", "a line is broken\n"));
+          goesOn = false;
+          break;
         case HttpConnection::Head::TooLong:
           connection.answer(canned("431 Request Header Fields Too Large", "too much\n"));
           goesOn = false;
@@ -407,6 +482,8 @@ class PageServer::Impl final : public httplib::Server {
     } else if (request.get_header_value_count("Host") != 1 ||
                hosts_.count(hostOf(request.get_header_value("Host"))) == 0) {
       refuseWith(response, 421, "not served under this name, see --host-name\n");
+    } else if (request.path != "/" && request.get_header_value("Sec-Fetch-Site") == "cross-site") {
+      refuseWith(response, 403, "not for the pages of others\n");
     } else {
       servePath(request, response);
     }
@@ -414,8 +491,7 @@ class PageServer::Impl final : public httplib::Server {
 
   void servePath(const Request& request, Response& response) {
     const auto file = [&](std::string_view content, const char* type) {
-      response.status = 200;
-      response.set_content(content.data(), content.size(), type);
+      giveShared(response, content, nullptr, type);
     };
     if (request.path == "/") {
       file(kPageIndex, "text/html; charset=utf-8");
@@ -427,11 +503,14 @@ class PageServer::Impl final : public httplib::Server {
       serveChart(response);
     } else if (request.path == "/api/status") {
       LiveState::Mark mark;
-      file(*state_.whole(mark), "application/json");
+      const LiveState::Text text = state_.whole(mark);
+      giveShared(response, *text, text, "application/json");
     } else if (request.path == "/api/events") {
       serveEvents(request, response);
     } else if (request.path == "/metrics") {
-      file(metricsText(state_.figures(), settings_.version), "text/plain; version=0.0.4");
+      response.status = 200;
+      response.set_content(metricsText(state_.figures(), settings_.version),
+                           "text/plain; version=0.0.4");
     } else if (request.path == "/healthz") {
       const std::string problem = state_.problem();
       response.status = problem.empty() ? 200 : 503;
@@ -441,18 +520,39 @@ class PageServer::Impl final : public httplib::Server {
     }
   }
 
-  void serveChart(Response& response) const {
-    std::ifstream file(settings_.chartFile, std::ios::binary);
-    const std::string content((std::istreambuf_iterator<char>(file)),
-                              std::istreambuf_iterator<char>());
-    if (content.empty()) {
+  // Without a copy for each browser, some of which are slow to take it.
+  static void giveShared(Response& response, std::string_view content,
+                         const std::shared_ptr<const void>& owner, const char* type) {
+    response.status = 200;
+    response.set_content_provider(
+        content.size(), type,
+        [content, owner](std::size_t offset, std::size_t length, httplib::DataSink& sink) {
+          return sink.write(content.data() + offset, std::min(length, kSlice));
+        });
+  }
+
+  void serveChart(Response& response) {
+    const LiveState::Text content = chart();
+    if (content->empty()) {
       refuseWith(response, 404, "no " + settings_.chartFile + "\n");
       return;
     }
     response.headers.erase("Cache-Control");
     response.set_header("Cache-Control", "max-age=3600");
-    response.status = 200;
-    response.set_content(content, "text/javascript; charset=utf-8");
+    giveShared(response, *content, content, "text/javascript; charset=utf-8");
+  }
+
+  // One for all who take it at the moment.
+  LiveState::Text chart() {
+    const Locked lock(chartLock_);
+    LiveState::Text content = chart_.lock();
+    if (content == nullptr) {
+      std::ifstream file(settings_.chartFile, std::ios::binary);
+      content = std::make_shared<const std::string>(std::istreambuf_iterator<char>(file),
+                                                    std::istreambuf_iterator<char>());
+      chart_ = content;
+    }
+    return content;
   }
 
   void serveEvents(const Request& request, Response& response) {
@@ -476,7 +576,7 @@ class PageServer::Impl final : public httplib::Server {
     }
     response.set_chunked_content_provider(
         "text/event-stream", [this, stream](std::size_t /*offset*/, httplib::DataSink& sink) {
-          return !state_.hasEnded() && stream->sendNext(sink);
+          return !pauses_ && !state_.hasEnded() && stream->sendNext(sink);
         });
   }
 
@@ -493,10 +593,13 @@ class PageServer::Impl final : public httplib::Server {
   std::atomic<int> port_{0};
   std::atomic<std::thread::id> acceptor_;
   std::deque<UniqueDescriptor> refused_;  // of the thread that accepts
+  Mutex chartLock_;
+  std::weak_ptr<const std::string> chart_ VALTOR_GUARDED_BY(chartLock_);
   Mutex lock_;
   std::condition_variable_any changed_;
   std::set<int> open_ VALTOR_GUARDED_BY(lock_);  // the sockets that are served
   bool ends_ VALTOR_GUARDED_BY(lock_) = false;
+  std::atomic<bool> pauses_{false};  // nobody is served until it listens again
   std::atomic<bool> hasEnded_{false};
   std::thread thread_;
 };

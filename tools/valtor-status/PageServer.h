@@ -23,7 +23,7 @@ class PageServer {
   struct Settings {
     std::string address = "127.0.0.1";
     int port = 15080;                    // 0: any that is free
-    std::vector<std::string> hostNames;  // that a request may name beside the address and localhost
+    std::vector<std::string> hostNames;  // beside the address and localhost; ports do not matter
     std::string version;
     std::chrono::milliseconds stall{10000};  // without taking anything, before a browser is left
     std::string chartFile = "/usr/share/javascript/chart.js/chart.min.js";
@@ -36,7 +36,8 @@ class PageServer {
   PageServer(const PageServer&) = delete;
   PageServer& operator=(const PageServer&) = delete;
 
-  // Begins to serve, on threads of its own; false when the address cannot be had, errno says why.
+  // Begins to serve, on threads of its own; false when the address cannot be had: errno says why,
+  // and is 0 when there is no such address.
   bool start();
   // Where it serves, once it was started.
   int port() const;

@@ -37,15 +37,23 @@ StatusWatch::~StatusWatch() {
 void StatusWatch::run() {
   for (;;) {
     const auto next = std::chrono::steady_clock::now() + kInterval;
+    lookAndTell();
+    const Locked lock(lock_);
+    if (changed_.wait_until(lock_, next, [this]() VALTOR_REQUIRES(lock_) { return ends_; })) {
+      return;
+    }
+  }
+}
+
+// Nothing is too little to go on with: the next look may find more memory.
+void StatusWatch::lookAndTell() {
+  try {
     try {
       look();
     } catch (const std::exception& error) {
       silent("the answer cannot be taken: " + std::string(error.what()));
     }
-    const Locked lock(lock_);
-    if (changed_.wait_until(lock_, next, [this]() VALTOR_REQUIRES(lock_) { return ends_; })) {
-      return;
-    }
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
   }
 }
 

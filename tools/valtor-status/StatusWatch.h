@@ -27,6 +27,7 @@ class StatusWatch {
 
  private:
   void run();
+  void lookAndTell();
   void look();
   void answered(std::string document);
   void silent(const std::string& problem);

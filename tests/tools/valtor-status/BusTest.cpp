@@ -120,6 +120,11 @@ TEST_F(StatusExecutableTest, ServesUntilItIsToldToEndAndSaysWhatIsWrong) {
   EXPECT_TRUE(browser.ends());
   EXPECT_EQ(first->wait(), 0);
   EXPECT_GT(run("--port 70000")->wait(), 1);
+  for (const char* address : {"''", "no.such.address.invalid"}) {
+    const auto nowhere = run(std::string("--port 1 --listen ") + address);
+    EXPECT_EQ(nowhere->wait(), 1);
+    EXPECT_NE(nowhere->err().find(":1: no such address\n"), std::string::npos) << nowhere->err();
+  }
 }
 
 TEST_F(StatusExecutableTest, TheManualPageNamesEveryOption) {

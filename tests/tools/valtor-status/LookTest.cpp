@@ -1,4 +1,5 @@
 #include <rapidjson/document.h>
+#include <regex>
 
 #include "tools/valtor-status/PageFixture.h"
 #include "valtor-status/Metrics.h"
@@ -63,12 +64,12 @@ TEST_F(LookTest, NamesPassAsTheTextThatTheyAre) {
 TEST_F(LookTest, AStreamBeginsWithEverythingAndGoesOnWithWhatIsNew) {
   StatusStandIn daemon(path);
   daemon.say(documentJSON(routerJSON("north", "up")));
-  ASSERT_TRUE(eventuallyAnswers("/api/status", "\"rates\":[{"));
+  ASSERT_TRUE(eventuallyAnswers("/api/status", "\"rates\":[["));
   Browser browser(port());
   browser.get("/api/events");
   EXPECT_TRUE(browser.shows("retry: 1000\n\nevent: state\nid: 1\ndata: {"));
   const std::string first = browser.readTo("\n\n");
-  EXPECT_NE(first.find("\"rates\":[{"), std::string::npos);
+  EXPECT_NE(first.find("\"rates\":[["), std::string::npos);
   EXPECT_NE(first.find("\"text\":\"The daemon answers"), std::string::npos);
   daemon.say(documentJSON(routerJSON("north", "down", R"(,"lastLoss":{"reason":"hung up"})")));
   EXPECT_TRUE(browser.shows("event: event\n"));
@@ -79,7 +80,23 @@ TEST_F(LookTest, AStreamBeginsWithEverythingAndGoesOnWithWhatIsNew) {
   const std::string next = browser.readTo("\n\n");
   EXPECT_NE(next.find("\"state\":\"down\""), std::string::npos);
   EXPECT_EQ(next.find("\"events\""), std::string::npos);
-  EXPECT_TRUE(browser.shows("\"rates\":[{"));
+  EXPECT_TRUE(browser.shows("\"rates\":[["));
+}
+
+TEST_F(LookTest, SecondsInWhichNothingCrossesAreShort) {
+  StatusStandIn daemon(path);
+  const auto count = [&](int messages) {
+    daemon.say(documentJSON(routerJSON(
+        "north", "up", ",\"toRouter\":{\"messages\":" + std::to_string(messages) + "}")));
+  };
+  const auto becomes = [&](const std::string& rates) {
+    const std::regex pattern("\"rates\":\\[" + rates + "\\]\\}");
+    return eventually([&] { return std::regex_search(get("/api/status"), pattern); });
+  };
+  count(100);
+  EXPECT_TRUE(becomes(R"(\[([\d.]+),(?!\1\])[\d.]+\])"));
+  count(200);
+  EXPECT_TRUE(becomes(R"(\[[\d.]+,[\d.]+\],\[[\d.]+,[\d.]+,0,0,0\],\[[\d.]+,[\d.]+\])"));
 }
 
 TEST_F(LookTest, ARoutersMessagesAreRelayedInBatchesUntilTheDaemonEndsThem) {
@@ -129,6 +146,22 @@ TEST(FollowRelayTest, KeepsTheNewestAndCountsTheRest) {
   EXPECT_EQ(batch.lines.back(), std::to_string(FollowRelay::kLines + 2));
   EXPECT_TRUE(batch.ended);
   EXPECT_EQ(batch.reason, "over");
+}
+
+TEST(FollowRelayTest, HoldsAMebibyteAtMostAndTellsItInParts) {
+  FollowRelay relay;
+  const std::string line(65536, 'x');
+  for (int i = 0; i < 100; ++i) {
+    relay.add(line);
+  }
+  std::size_t lines = 0;
+  for (bool more = true; more;) {
+    const FollowRelay::Batch batch = relay.take(FollowRelay::Clock::now());
+    lines += batch.lines.size();
+    EXPECT_LE(batch.lines.size(), FollowRelay::kBatchBytes / line.size() + 1);
+    more = batch.more;
+  }
+  EXPECT_EQ(lines, 1 + FollowRelay::kBytes / line.size());
 }
 
 // The texts of the events that each document adds to those before it, ten seconds apart.

@@ -113,11 +113,11 @@ class Browser {
     if (receiveBuffer > 0) {
       setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
     }
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(connect(socket_.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(connects(socket_, port));
+  }
+
+  static bool canConnect(uint16_t port) {
+    return connects(UniqueDescriptor(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)), port);
   }
 
   void send(const std::string& bytes) {
@@ -155,6 +155,14 @@ class Browser {
   }
 
  private:
+  static bool connects(const UniqueDescriptor& socket, uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return connect(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  }
+
   UniqueDescriptor socket_;
   std::string received_;
   std::size_t read_ = 0;
@@ -164,12 +172,12 @@ class Browser {
 // The server between a stand-in for the daemon and browsers.
 class PageFixture : public ::testing::Test {
  protected:
-  PageFixture() {
+  explicit PageFixture(std::chrono::milliseconds stall = std::chrono::milliseconds(1000)) {
     PageServer::Settings settings;
     settings.port = 0;
-    settings.hostNames = {"Controller.example"};
+    settings.hostNames = {"Controller.example:8080", "fe80::7"};
     settings.version = "9.9";
-    settings.stall = std::chrono::milliseconds(1000);
+    settings.stall = stall;
     server.emplace(settings, state, relays);
     EXPECT_TRUE(server->start());
     watch.emplace(

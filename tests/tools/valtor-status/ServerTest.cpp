@@ -1,3 +1,6 @@
+#include <fstream>
+#include <unistd.h>
+
 #include "tools/valtor-status/PageFixture.h"
 
 namespace valtor::test {
@@ -13,6 +16,11 @@ TEST_F(ServerTest, AnswersEveryRequestWithWhatItDeservesAndTheHeadersThatKeepBro
   ASSERT_TRUE(eventuallyAnswers("/healthz", "ok"));
   const std::string host = "Host: localhost\r\n";
   const std::string end = "Connection: close\r\n\r\n";
+  const std::string crossSite = "Sec-Fetch-Site: cross-site\r\n";
+  std::string ranges;
+  for (int i = 0; i < 2000; ++i) {
+    ranges += ",0-0";
+  }
   const struct {
     std::string request;
     std::string status;
@@ -31,6 +39,12 @@ TEST_F(ServerTest, AnswersEveryRequestWithWhatItDeservesAndTheHeadersThatKeepBro
       {"GET / HTTP/1.1\r\nHost: [::1].evil.example\r\n" + end, "421", "--host-name"},
       {"GET / HTTP/1.1\r\n" + host + host + end, "421", "--host-name"},
       {"GET / HTTP/1.1\r\n" + end, "421", "--host-name"},
+      {"GET / HTTP/1.1\r\nHost:\r\n" + end, "421", "--host-name"},
+      {"GET / HTTP/1.1\r\nHost: local%68ost\r\n" + end, "421", "--host-name"},
+      {"GET / HTTP/1.1\r\nHost: fe80\r\n" + end, "421", "--host-name"},
+      {"GET / HTTP/1.1\r\nHost:\t[FE80::7]:15080 \r\n" + end, "200", "text/html"},
+      {"GET / HTTP/1.1\r\n" + host + crossSite + end, "200", "text/html"},
+      {"GET /api/status HTTP/1.1\r\n" + host + crossSite + end, "403", "others"},
       {"GET /../../etc/passwd HTTP/1.1\r\n" + host + end, "404", "not found"},
       {"GET /%2e%2e/status HTTP/1.1\r\n" + host + end, "404", "not found"},
       {"GET /page.js%00 HTTP/1.1\r\n" + host + end, "404", "not found"},
@@ -47,6 +61,11 @@ TEST_F(ServerTest, AnswersEveryRequestWithWhatItDeservesAndTheHeadersThatKeepBro
       {"GET /page.js HTTP/1.1\r\n" + host + "Range: bytes=0-0,0-0," + std::string(4000, '0') +
            "\r\nAccept-Encoding: br, gzip\r\n" + end,
        "200", "Content-Length: "},
+      // What two read differently is no request.
+      {"GET / HTTP/1.1\r\nHost: localhost\nRange: bytes=0-0" + ranges + "\r\n" + end, "400", ""},
+      {"GET / HTTP/1.1\r\nHost: localhost\rRange: bytes=0-0" + ranges + "\r\n" + end, "400", ""},
+      {"GET / HTTP/1.1\nRange: bytes=0-0" + ranges + "\r\n" + host + end, "400", ""},
+      {"GET / HTTP/1.1\r\n" + host + std::string("X: \0\r\n", 6) + end, "400", ""},
       {"GET / HTTP/1.1\r\n" + host + "Expect: 100-continue\r\n" + end, "200", "text/html"},
   };
   for (const auto& [request, status, part] : cases) {
@@ -127,6 +146,54 @@ TEST_F(ServerTest, ABrowserThatReadsNothingIsLeftBehindAndLosesItsPlace) {
   EXPECT_TRUE(keen.shows("\"uniqueID\":\"id-late\""));
   EXPECT_TRUE(eventually([&] { return server->streams() == 0; }));
   EXPECT_TRUE(lazy.ends());
+}
+
+TEST_F(ServerTest, ListensAgainWhenTheSystemHasRefusedToAccept) {
+  daemon.say(documentJSON(""));
+  Browser stream(port());
+  stream.get("/api/events");
+  ASSERT_TRUE(stream.shows("event: state"));
+  for (int number = 0; number < 1024; ++number) {
+    int listens = 0;
+    socklen_t size = sizeof listens;
+    sockaddr_in address{};
+    socklen_t length = sizeof address;
+    if (getsockopt(number, SOL_SOCKET, SO_ACCEPTCONN, &listens, &size) == 0 && listens == 1 &&
+        getsockname(number, reinterpret_cast<sockaddr*>(&address), &length) == 0 &&
+        address.sin_family == AF_INET && ntohs(address.sin_port) == port()) {
+      shutdown(number, SHUT_RD);  // accept() fails from now on
+    }
+  }
+  EXPECT_TRUE(stream.ends());
+  ASSERT_TRUE(eventually([&] { return Browser::canConnect(port()); }));
+  EXPECT_NE(get("/healthz").find("ok\n"), std::string::npos);
+}
+
+class UnreadTest : public PageFixture {
+ protected:
+  UnreadTest() : PageFixture(std::chrono::minutes(1)) {}
+  static std::size_t residentBytes() {
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages >> pages;
+    return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+  }
+};
+
+TEST_F(UnreadTest, StreamsThatNobodyReadsHoldTheSameText) {
+  constexpr std::size_t kMost = 100'000'000;  // less than a text of its own for each
+  StatusStandIn daemon(path);
+  daemon.say(documentJSON("", R"(,"pad":")" + std::string(2'000'000, 'x') + "\""));
+  ASSERT_TRUE(eventuallyAnswers("/api/status", "\"pad\""));
+  const std::size_t before = residentBytes();
+  std::list<Browser> streams;
+  for (std::size_t i = 0; i < PageServer::kMostStreams; ++i) {
+    streams.emplace_back(port(), 4096).get("/api/events");
+  }
+  for (Browser& stream : streams) {
+    ASSERT_TRUE(stream.shows("event: state"));
+  }
+  EXPECT_EQ(server->streams(), PageServer::kMostStreams);
+  EXPECT_LT(residentBytes(), before + kMost);
 }
 
 }  // namespace

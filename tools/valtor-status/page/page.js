@@ -4,7 +4,7 @@
 // while somebody follows a router its messages. Names, paths and bodies come from a bus and may be
 // anything: they reach the page as textContent and through shown() only.
 
-const kUnanswered = 3;  // seconds without an answer on the bus; it is asked every two
+const kUnanswered = 5;  // seconds without an answer on the bus; it is asked every two
 const kWindow = 120;    // seconds that the lines show
 const kStaleAfter = 3;  // seconds after which data is old
 const kRecent = 10;     // seconds in which a message makes a link one that carries traffic
@@ -20,6 +20,9 @@ const kKept = 2000;      // messages that the filter can look back at
 const kRows = 500;       // messages on the screen
 const kDrawEvery = 200;  // ms
 const kSilence = 6;      // seconds without a word after which the stream is opened anew
+const kFirst = 60;       // the same for an open stream's first state, which may be megabytes
+const kJump = 5;         // seconds, beyond which a clock was set
+const kLossesKept = 16;  // by the daemon for each router
 
 const $ = (id) => document.getElementById(id);
 
@@ -64,6 +67,7 @@ const bytes = (n) => scaled(n, 'B', ['', 'k', 'M', 'G', 'T']);
 const rate = (n) => n >= 1000 ? count(n) : scaled(n, '', ['']);
 
 function span(seconds) {
+  if (!Number.isFinite(seconds)) return '–';
   const s = Math.max(0, Math.round(seconds));
   const two = (n) => String(n).padStart(2, '0');
   if (s < 60) return `${s} s`;
@@ -84,7 +88,7 @@ function at(seconds, fraction = 0) {
       (fraction ? (seconds % 1).toFixed(fraction).slice(1) : '');
 }
 // When, and while data is fresh also how long ago.
-const since = (s, now) => view.stale ? at(s) : `${at(s)} (${span(now - s)})`;
+const since = (s, now) => view.stale || !Number.isFinite(s) ? at(s) : `${at(s)} (${span(now - s)})`;
 
 const reasons = {
   __proto__: null,
@@ -141,12 +145,24 @@ function setRows(body, rows, classes) {
 // --- What is known ----------------------------------------------------------------------------
 
 // The server's time, from the best of what it said and this machine's steady clock, so that it goes
-// on when nothing comes.
+// on when nothing comes. The best of the last minute only, since two clocks drift apart.
 const clock = {
   offset: -Infinity,
+  best: [-Infinity, -Infinity],  // of this half minute and the one before
+  begun: -Infinity,
   hear(now) {
-    const offset = now - performance.now() / 1000;
-    this.offset = Math.abs(offset - this.offset) > 5 ? offset : Math.max(offset, this.offset);
+    const steady = performance.now() / 1000;
+    const offset = now - steady;
+    if (Math.abs(offset - this.offset) > kJump) {
+      this.best = [offset, offset];
+      this.begun = steady;
+    } else if (steady - this.begun > 30) {
+      this.best = [offset, this.best[0]];
+      this.begun = steady;
+    } else {
+      this.best[0] = Math.max(offset, this.best[0]);
+    }
+    this.offset = Math.max(...this.best);
   },
   now() {
     return performance.now() / 1000 +
@@ -157,13 +173,19 @@ const clock = {
 const view = {
   state: null,  // the last `state`
   stale: false,
-  heard: -Infinity,  // steady time of the last event of the stream, s
+  heard: -Infinity,  // steady time of the last sign of life of the stream, s
+  begins: false,     // whether the stream is open and its first state is still on its way
   tiles: new Map(),  // by unique ID
   turn: 0,
   events: [],
   crossing: new Map(),  // for the rates: what stood there at the last look
 };
 
+// Whether nothing has come for so many seconds.
+const isSilent = (seconds) =>
+    performance.now() / 1000 - Math.max(view.heard, 0) > (view.begins ? kFirst : seconds);
+
+const losses = (n) => n >= kLossesKept ? `${count(n)} or more` : count(n);
 const isPlain = (x) => x !== null && typeof x === 'object' && !Array.isArray(x);
 const objects = (x) => Array.isArray(x) ? x.filter(isPlain) : [];
 
@@ -204,7 +226,7 @@ function judge(router, tile, now) {
   }
   if (lost > kFlapping || (lost > 0 && back < kSettled)) {
     return verdict(
-        'unsteady', 1, 'Unsteady', `lost ${count(lost)} × in 10 minutes, back for ${span(back)}`);
+        'unsteady', 1, 'Unsteady', `lost ${losses(lost)} × in 10 minutes, back for ${span(back)}`);
   }
   const to = tile.movedAt.to > now - kRecent;
   const from = tile.movedAt.from > now - kRecent;
@@ -227,7 +249,7 @@ function overall(now) {
   const state = view.state;
   const old =
       state?.daemon.asOf ? `What stands below is ${span(now - state.daemon.asOf)} old.` : '';
-  if (view.heard < performance.now() / 1000 - kStaleAfter) {
+  if (isSilent(kStaleAfter)) {
     return ['down', 'No connection to valtor-status', `${old} It is tried again.`];
   }
   const {daemon, bus} = state;
@@ -388,6 +410,24 @@ const lines = {
 
 const kColumns = ['toRouter', 'fromRouter', 'toRouterBytes', 'fromRouterBytes'];
 
+// What the server says about a second, [time, ...columns], or about some of them in which nothing
+// crossed, [first, last].
+function samplesOf(entry) {
+  if (!Array.isArray(entry) || !entry.every(Number.isFinite)) {
+    return [];
+  }
+  const sample = (t, values) =>
+      Object.assign({t}, Object.fromEntries(kColumns.map((name, i) => [name, values[i] ?? 0])));
+  const [first, last, ...values] = entry;
+  if (entry.length > 2) {
+    return [sample(first, [last, ...values])];
+  }
+  const steps = Math.min(kWindow, Math.round(last - first));
+  return Array.from({length: steps + 1 || 0}, (_, i) => {
+    return sample(steps > 0 ? first + (last - first) * i / steps : last, []);
+  });
+}
+
 class Tile {
   constructor(id) {
     this.id = id;
@@ -424,13 +464,23 @@ class Tile {
     this.element.remove();
   }
 
+  // What was seen at times that the clock has not reached any more is worth nothing.
+  forget(now) {
+    this.rates = [];
+    this.movedAt = {to: 0, from: 0};
+    this.countedFrom = 0;
+    this.droppedAt = -Infinity;
+    this.lateSince = null;
+    this.calmSince = now;
+  }
+
   addRates(rates, fresh) {
     if (fresh) {
       this.rates = [];
     }
-    for (const one of rates) {
+    for (const one of rates.flatMap(samplesOf)) {
       const last = this.rates[this.rates.length - 1];
-      if (!Number.isFinite(one.t) || (last && one.t <= last.t)) {
+      if (!Number.isFinite(one.t) || one.t > clock.now() + kJump || (last && one.t <= last.t)) {
         continue;
       }
       if (last && one.t - last.t > 2.5) {  // nobody looked meanwhile: the line has a gap
@@ -524,7 +574,7 @@ class Tile {
     figures.waiting.classList.toggle('alarm', this.lateSince !== null || router.stalled === true);
     setText(figures.dropped, count(router.dropped));
     figures.dropped.classList.toggle('alarm', now - this.droppedAt < 600);
-    setText(figures.lost, `${count(this.lost)} of ${count(router.lost)}`);
+    setText(figures.lost, `${losses(this.lost)} of ${count(router.lost)}`);
     figures.lost.classList.toggle('alarm', this.lost > 0);
   }
 
@@ -600,6 +650,11 @@ function takeState(state) {
   }
   state.bus = isPlain(state.bus) ? state.bus : {};
   clock.hear(state.now);
+  if (state.now < view.state?.now - kJump) {
+    for (const tile of view.tiles.values()) {
+      tile.forget(state.now);
+    }
+  }
   view.state = state;
   const fresh = Array.isArray(state.events);  // the first one of a stream
   if (fresh) {
@@ -615,7 +670,7 @@ function takeState(state) {
     view.tiles.set(id, tile);
     tile.index = index;
     tile.lost = more.get(id)?.lostLastTenMinutes ?? 0;
-    tile.addRates(objects(more.get(id)?.rates), fresh);
+    tile.addRates(more.get(id)?.rates ?? [], fresh);
     tile.look(router, state.daemon.asOf ?? state.now);
   });
   for (const [id, tile] of view.tiles) {
@@ -646,7 +701,9 @@ function renderFacts(now) {
   const delay = now - bus.daemonAnsweredAt < kUnanswered ? bus.daemonDelayMs : NaN;
   factText(
       'daemon',
-      !daemon.answering ? 'does not answer' : `answers, up ${span(now - known.startTime)}`,
+      !daemon.answering ? 'does not answer' :
+                          'answers' +
+              (Number.isFinite(known.startTime) ? `, up ${span(now - known.startTime)}` : ''),
       !daemon.answering);
   const link = known.controller;
   factText(
@@ -686,9 +743,11 @@ function renderCrossing() {
     const key = `${one.direction} ${one.kind} ${one.path}`;
     let look = view.crossing.get(key);
     const apart = look ? known.now - look.now : 0;
-    if (!look || apart >= 2 || apart < 0) {
-      const perSecond = apart > 0 ? (one.messages - look.messages) / apart : NaN;
-      look = {now: known.now, messages: one.messages, rate: perSecond};
+    const goesOn =
+        look?.startTime === known.startTime && apart >= 0 && one.messages >= look.messages;
+    if (!goesOn || apart >= 2) {
+      const perSecond = goesOn ? (one.messages - look.messages) / apart : NaN;
+      look = {now: known.now, startTime: known.startTime, messages: one.messages, rate: perSecond};
     }
     looks.set(key, look);
     const towards = {toRouters: 'routers', toController: 'controller'}[one.direction] ?? 'both';
@@ -825,7 +884,7 @@ function render() {
   if (view.state === null) {
     setText(
         $('verdict-text'),
-        steady > kStaleAfter ? 'No connection to valtor-status' : 'Waiting for the first data');
+        isSilent(kStaleAfter) ? 'No connection to valtor-status' : 'Waiting for the first data');
     return;
   }
   renderVerdict(now);
@@ -899,14 +958,15 @@ function takeEvent(event) {
 // An event stream that comes back by itself, also when the server refuses it for a while, which the
 // browser takes as final. Handlers by event get the parsed data; what is no JSON is left out.
 class Stream {
-  constructor(url, handlers, opened) {
-    Object.assign(this, {url, handlers, opened});
+  constructor(url, handlers, opened, failed) {
+    Object.assign(this, {url, handlers, opened, failed});
     this.open();
   }
   open() {
     this.source = new EventSource(this.url);
     this.source.onopen = () => this.opened?.();
     this.source.onerror = () => {
+      this.failed?.();
       if (this.source.readyState === EventSource.CLOSED) {
         this.timer = setTimeout(() => this.reopen(), 2000);
       }
@@ -935,6 +995,7 @@ class Stream {
 
 // --- Live messages ----------------------------------------------------------------------------
 
+const narrow = matchMedia('(max-width: 48rem)');
 const follow = {
   id: null,
   stream: null,
@@ -993,7 +1054,7 @@ const follow = {
   reveal(open) {
     $('follow').hidden = !open;
     document.body.classList.toggle('following', open);
-    const covers = open && matchMedia('(max-width: 48rem)').matches;
+    const covers = open && narrow.matches;
     for (const part of document.querySelectorAll('header, main, footer')) {
       part.inert = covers;
     }
@@ -1124,6 +1185,7 @@ const follow = {
   },
 };
 
+narrow.addEventListener('change', () => follow.reveal(follow.id !== null));  // a turned phone
 $('follow-close').addEventListener('click', () => follow.close());
 $('pause').addEventListener('click', () => follow.setPaused(!follow.paused));
 $('filter').addEventListener('input', () => {
@@ -1166,20 +1228,32 @@ function drawLines() {
   }
 }
 
-const states = new Stream('/api/events', {
-  state(state) {
-    view.heard = performance.now() / 1000;
-    takeState(state);
-    follow.mark();
-    renderSoon();
-  },
-  event: takeEvent,
-});
+function hear(begins) {
+  view.heard = performance.now() / 1000;
+  view.begins = begins;
+}
+
+const states = new Stream(
+    '/api/events', {
+      state(state) {
+        hear(false);
+        takeState(state);
+        follow.mark();
+        renderSoon();
+      },
+      event(event) {
+        hear(false);
+        takeEvent(event);
+      },
+    },
+    () => hear(true), () => {
+      view.begins = false;
+    });
 
 // The page's own clock: ages go on, lines move, and a stream that has fallen silent is replaced.
 setInterval(() => {
   const steady = performance.now() / 1000;
-  if (steady - Math.max(view.heard, view.reopened ?? 0) > kSilence) {
+  if (isSilent(kSilence) && steady - (view.reopened ?? 0) > kSilence) {
     view.reopened = steady;
     states.reopen();
   }
