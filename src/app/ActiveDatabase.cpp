@@ -17,6 +17,8 @@ void loadActiveDatabase(ValtorInterfaceClient& client) {
   std::string name;
   try {
     name = readActiveDatabaseName(directory);
+  } catch (const ReadFault&) {
+    throw;  // there may be a name
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "Error loading active database: %s", error.what());
   }

@@ -56,14 +56,15 @@ AddressList resolve(const std::string& host, int32_t port) {
   return AddressList(list);
 }
 
-void setReceiveTimeout(int socket, std::chrono::milliseconds timeout) {
+// False, with errno, when it cannot be set: a node that hangs would never be noticed.
+bool setReceiveTimeout(int socket, std::chrono::milliseconds timeout) {
   if (timeout.count() == 0) {
-    return;
+    return true;
   }
   timeval value{};
   value.tv_sec = static_cast<time_t>(timeout.count() / 1000);
   value.tv_usec = static_cast<suseconds_t>(timeout.count() % 1000 * 1000);
-  setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value);
+  return setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value) == 0;
 }
 
 // The reasons of the hook, as the log and the figures name them.
@@ -288,12 +289,11 @@ int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
   syslog(LOG_DEBUG, "Trying to connect to %s\n", target.host.c_str());
   UniqueDescriptor socket(::socket(addresses->ai_family, addresses->ai_socktype | SOCK_CLOEXEC,
                                    addresses->ai_protocol));
-  if (!socket.valid()) {
+  if (!socket.valid() || !setReceiveTimeout(socket.get(), timing_.receiveTimeout)) {
     syslog(LOG_ERR, "PellInternalClient create socket ERROR: %s\n", errnoText(errno).c_str());
     return -1;
   }
   syslog(LOG_DEBUG, "create socket OK!\n");
-  setReceiveTimeout(socket.get(), timing_.receiveTimeout);
   const int error = connectWithin(socket.get(), addresses->ai_addr, addresses->ai_addrlen, longest,
                                   [this] { return isClosing(); });
   if (error != 0) {

@@ -256,6 +256,8 @@ AbstractConnectionPointManager::ConnectionPointList loadConnectionPointsFromFile
     }
   } catch (const std::bad_alloc&) {
     throw;  // the file may be good
+  } catch (const ReadFault&) {
+    throw;
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "Error loading DB connectionPoints: %s\n", error.what());
     loaded.clear();

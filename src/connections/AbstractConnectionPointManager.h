@@ -202,7 +202,8 @@ JSONPtr parseConnectionPointFile(const std::string& text, const std::string& pat
 
 // The connection points that a database file describes and the manager serves, in the order of the
 // file. A file that cannot be read, is not JSON, not an object or holds no array "connectionPoint"
-// is logged with the reason; the list is then empty. Throws nothing for a broken file.
+// is logged with the reason; the list is then empty. Throws nothing for a broken file, ReadFault or
+// std::bad_alloc for one that may be good.
 AbstractConnectionPointManager::ConnectionPointList loadConnectionPointsFromFile(
     AbstractConnectionPointManager& manager, const std::string& path);
 

@@ -44,6 +44,14 @@ void writeAll(int descriptor, const std::string& content, const std::string& pat
   }
 }
 
+// The error is that of the call that failed.
+[[noreturn]] void throwUnreadable(const std::string& text, int error) {
+  if (error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO) {
+    throw ReadFault(text);
+  }
+  throw std::runtime_error(text);
+}
+
 }  // namespace
 
 std::string readTextFile(const std::string& path, bool keepNewlines) {
@@ -51,11 +59,12 @@ std::string readTextFile(const std::string& path, bool keepNewlines) {
   // then cannot be read.
   struct stat status {};
   std::ifstream file;
+  errno = 0;
   if (stat(path.c_str(), &status) == 0 && (S_ISREG(status.st_mode) || S_ISDIR(status.st_mode))) {
     file.open(path);
   }
   if (!file.is_open()) {
-    throw std::runtime_error("error while opening file: " + path);
+    throwUnreadable("error while opening file: " + path, errno);
   }
   std::string content;
   std::string line;
@@ -66,7 +75,7 @@ std::string readTextFile(const std::string& path, bool keepNewlines) {
     }
   }
   if (file.bad()) {
-    throw std::runtime_error("error while reading file: " + path);
+    throwUnreadable("error while reading file: " + path, errno);
   }
   return content;
 }

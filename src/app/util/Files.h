@@ -1,8 +1,16 @@
 #pragma once
 
+#include <stdexcept>
 #include <string>
 
 namespace valtor {
+
+// A file that may be there and good, but could not be read now: descriptors or memory had run out,
+// or the disk failed.
+class ReadFault : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 // Whole-file input and output. Paths are joined by plain concatenation: a directory argument
 // carries its trailing "/". No operation keeps state or takes a lock; any thread may call any of
@@ -11,7 +19,8 @@ namespace valtor {
 // The content of a text file. With keepNewlines every line is followed by one "\n" (a last line
 // without a newline gains one), otherwise the lines stand back to back. Throws std::runtime_error
 // with "error while opening file: " or "error while reading file: " and the path. A folder counts
-// as not read, anything else that is no regular file as not opened.
+// as not read, anything else that is no regular file as not opened. It is a ReadFault where it is
+// worth trying again.
 std::string readTextFile(const std::string& path, bool keepNewlines);
 
 // Replaces the file's content in place (not atomically; a crash may leave it cut) and logs the size

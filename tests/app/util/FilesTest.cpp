@@ -1,5 +1,6 @@
 #include <cstring>
 #include <stdexcept>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include "app/util/Files.h"
@@ -13,6 +14,24 @@ TEST(Files, ReadJoinsOrKeepsLines) {
   const std::string path = folder.write("file", "a\n\nb");
   EXPECT_EQ(readTextFile(path, false), "ab");
   EXPECT_EQ(readTextFile(path, true), "a\n\nb\n");
+}
+
+TEST(Files, WithoutADescriptorAFileIsWorthAnotherTryAndAMissingOneIsNot) {
+  const test::TemporaryFolder folder;
+  const std::string path = folder.write("file", "there");
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const rlimit none{0, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  EXPECT_THROW(readTextFile(path, false), ReadFault);
+  try {
+    readTextFile(folder.at("missing"), false);
+  } catch (const ReadFault&) {
+    ADD_FAILURE() << "it will not come by waiting";
+  } catch (const std::runtime_error&) {
+  }
+  setrlimit(RLIMIT_NOFILE, &limit);
+  EXPECT_EQ(readTextFile(path, false), "there");
 }
 
 TEST(Files, SaveReplacesTheContentAndLogsItsSize) {

@@ -199,7 +199,7 @@ int CallsTorture::run() {
     faults.site = job.site;
     faults.armed = true;
     trial.subject().start();
-    trial.play(std::chrono::milliseconds(job.onwards ? 700 : 5000));
+    trial.play(std::chrono::milliseconds(job.onwards && job.fault != kHalf ? 700 : 5000));
     faults.armed = false;
     tally["faults met"] += faults.injected > 0 ? 1 : 0;
     note(tally, job.name(), trial.judge(usual_[&buildFor(job.call)]), settings_);

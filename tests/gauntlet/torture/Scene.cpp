@@ -19,6 +19,7 @@ using test::routerEntry;
 
 constexpr uint16_t kPort = 15000;
 constexpr int kServerMembers = 6;  // of one that is described in the state file
+constexpr int kRouters = 2;
 constexpr int kBurst = 40;
 constexpr const char* kGammaAddress = "127.0.0.4";
 
@@ -158,12 +159,12 @@ bool Scene::tellsStatus() const {
   });
 }
 
-bool Scene::recoversByItself() {
+bool Scene::recoversByItself(bool hasDatabase) {
   return eventually([&] {
     const JSONPtr body(cJSON_Parse(ask("GET", R"("objectName":["connectionPoint"]})").c_str()));
     const cJSON* const points =
         arrayMember(cJSON_GetObjectItem(body.get(), "param"), "connectionPoint");
-    bool connected = points != nullptr;
+    bool connected = points != nullptr && (!hasDatabase || cJSON_GetArraySize(points) >= kRouters);
     const cJSON* point = nullptr;
     cJSON_ArrayForEach(point, points) {
       connected = connected && cJSON_IsTrue(cJSON_GetObjectItem(point, "connected")) != 0;

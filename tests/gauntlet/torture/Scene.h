@@ -30,8 +30,9 @@ class Scene {
   bool goesToStandbyAndBack();
   bool followsAMove();
   bool tellsStatus() const;
-  // Every listed router that there is gets connected without being asked for.
-  bool recoversByItself();
+  // Every router is listed and gets connected without being asked for; with a database that could
+  // not be loaded, those that are listed.
+  bool recoversByItself(bool hasDatabase);
   // The role and the list are said again, as an operator does, and all works as at the beginning.
   bool isGoodAgain(bool tellsItsStatus);
   // What is wrong with the state file, or its previous copy where there is only that; "" for
