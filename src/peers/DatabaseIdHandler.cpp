@@ -1,11 +1,37 @@
 #include "peers/DatabaseIdHandler.h"
 
+#include <cstddef>
+#include <new>
 #include <string_view>
 
 namespace valtor {
 
+namespace {
+
+// RapidJSON writes to what its own allocator gives it, also when that is nothing.
+class ThrowingAllocator {
+ public:
+  static constexpr bool kNeedFree = true;
+
+  void* Malloc(std::size_t size) { return checked(rapidjson::CrtAllocator().Malloc(size), size); }
+  void* Realloc(void* block, std::size_t oldSize, std::size_t size) {
+    return checked(rapidjson::CrtAllocator().Realloc(block, oldSize, size), size);
+  }
+  static void Free(void* block) { rapidjson::CrtAllocator::Free(block); }
+
+ private:
+  static void* checked(void* block, std::size_t size) {
+    if (block == nullptr && size > 0) {
+      throw std::bad_alloc();
+    }
+    return block;
+  }
+};
+
+}  // namespace
+
 std::string DatabaseIdHandler::findId(const char* text) {
-  rapidjson::Reader reader;
+  rapidjson::GenericReader<rapidjson::UTF8<>, rapidjson::UTF8<>, ThrowingAllocator> reader;
   rapidjson::StringStream stream(text);
   DatabaseIdHandler handler;
   // The iterative parser keeps its state on the heap: the default one recurses without a limit.

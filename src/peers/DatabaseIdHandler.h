@@ -18,7 +18,8 @@ class DatabaseIdHandler
   static constexpr int32_t kDeepestNesting = 1000;
 
   // Reads the text up to its "id", or to its end when there is none. The captured id, "" when
-  // nothing was captured. A malformed text gives what was captured before the fault.
+  // nothing was captured. A malformed text gives what was captured before the fault. Throws
+  // std::bad_alloc.
   static std::string findId(const char* text);
 
   // Events of the reader. False ends the reading.

@@ -291,7 +291,7 @@ std::vector<Want> wants() {
 int tortureStarved(const Settings& settings) {
   std::vector<Want> drawn;
   for (Want& want : wants()) {
-    if (want.name.find(settings.only) != std::string::npos) {
+    if (isWanted(want.name, settings)) {
       drawn.push_back(std::move(want));
     }
   }

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "gauntlet/torture/Subject.h"
 
@@ -16,9 +17,11 @@ struct Settings {
   std::size_t workers = 1;  // of so many
   std::size_t most = 0;     // runs altogether, drawn by the seed; 0: all there are
   unsigned seed = 1;
-  std::string only;  // the runs whose names hold this
+  std::vector<std::string> only;  // the runs whose names hold one of these; all when empty
   bool verbose = false;
 };
+
+bool isWanted(const std::string& name, const Settings& settings);
 
 inline constexpr const char* kFindings = "findings";
 using Tally = std::map<std::string, std::size_t>;

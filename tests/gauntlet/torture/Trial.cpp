@@ -84,10 +84,11 @@ const Trial::Outcome& Trial::judge(const Troubles& usual) {
     outcome_.finding = "nothing tells it";
   }
   if (!outcome_.finding.empty()) {
-    std::printf("%s", subject_.story().c_str());
+    outcome_.story = subject_.story();
   } else if (outcome_.stopped) {
     subject_.start();
     outcome_.finding = recovery();
+    outcome_.story = subject_.story();
   }
   return outcome_;
 }
@@ -114,7 +115,7 @@ void note(Tally& tally, const std::string& name, const Trial::Outcome& outcome,
   tally["stopped as it says"] += outcome.stopped && outcome.finding.empty() ? 1 : 0;
   if (!outcome.finding.empty()) {
     ++tally[kFindings];
-    std::printf("FINDING %s: %s\n", name.c_str(), outcome.finding.c_str());
+    std::printf("%sFINDING %s: %s\n", outcome.story.c_str(), name.c_str(), outcome.finding.c_str());
   } else if (settings.verbose) {
     std::printf("%s:%s%s%s\n", name.c_str(), outcome.harmed ? " harmed" : "",
                 outcome.told ? " told" : "", outcome.stopped ? " stopped" : "");

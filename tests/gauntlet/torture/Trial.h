@@ -17,7 +17,8 @@ class Trial {
     bool harmed = false;   // not all of the scenario came about
     bool told = false;     // by a line that is not there otherwise
     bool stopped = false;  // it ended, as it may
-    std::string finding;   // what must not be
+    std::string finding;   // what must not be, and how it came to it
+    std::string story;
   };
   // Lines of warnings and worse, without numbers.
   using Troubles = std::set<std::string>;
@@ -28,8 +29,8 @@ class Trial {
   // hardly.
   void play(std::chrono::milliseconds patience);
   // When the lack or the fault is over: is it good again, did it tell what was harmed (by a line
-  // that is not among the usual ones), did it end as it may and does it start anew? Ends the daemon
-  // and prints its story when there is a finding.
+  // that is not among the usual ones), did it end as it may and does it start anew? Ends the
+  // daemon.
   const Outcome& judge(const Troubles& usual);
   // "" when it recovers and all works.
   std::string recovery();

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 
@@ -6,6 +7,12 @@
 #include "gauntlet/torture/Torture.h"
 
 namespace valtor::gauntlet {
+
+bool isWanted(const std::string& name, const Settings& settings) {
+  return settings.only.empty() ||
+         std::any_of(settings.only.begin(), settings.only.end(),
+                     [&](const std::string& part) { return name.find(part) != std::string::npos; });
+}
 
 int print(const Tally& tally) {
   for (const auto& [name, count] : tally) {
