@@ -19,7 +19,12 @@ namespace {
 // What threads get as the default. With the usual 8 MiB two threads for each of 200 routers fill
 // the address space of a 32-bit machine. The deepest use is 133 KiB: a body that is nested as deep
 // as bodies are read, 1000 levels, is printed.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+// A sanitizer keeps much of its own there.
+constexpr std::size_t kThreadStack = std::size_t{8} << 20;
+#else
 constexpr std::size_t kThreadStack = std::size_t{512} << 10;
+#endif
 
 // Where it fails the usual size stays.
 void limitThreadStacks() {
