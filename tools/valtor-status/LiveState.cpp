@@ -194,9 +194,9 @@ LiveState::Text LiveState::text(uint64_t sinceSample, bool whole) {
       return cached.text;
     }
   }
-  const Text text = std::make_shared<const std::string>(render(sinceSample, whole));
-  cache_.push_back({sinceSample, whole, text});
-  return text;
+  Text made = std::make_shared<const std::string>(render(sinceSample, whole));
+  cache_.push_back({sinceSample, whole, made});
+  return made;
 }
 
 std::string LiveState::render(uint64_t sinceSample, bool whole) const {
