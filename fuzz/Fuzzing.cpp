@@ -33,7 +33,7 @@ namespace {
 std::atomic<int64_t> liveBytes{0};
 std::atomic<int64_t> mostBytes{0};
 
-bool examining = false;
+thread_local bool examining = false;
 
 // Every line is formatted, and goes nowhere.
 void dropLine(int /*priority*/, const std::string& /*text*/) {}
@@ -131,8 +131,8 @@ PellInternalMessage received(std::string_view payload) {
 
 }  // namespace valtor::fuzz
 
-// No input reaches a network or starts a thread: both are refused, and what is examined has to do
-// without. So an input does the same each time.
+// No input reaches a network, and none starts a thread from the one that examines it: both are
+// refused, and what is examined has to do without. So an input does the same each time.
 extern "C" {
 int __interceptor_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                                  void* (*entry)(void*), void* argument) __attribute__((weak));
@@ -176,6 +176,9 @@ int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
 #ifdef VALTOR_HEAP_HOOKS
   __sanitizer_install_malloc_and_free_hooks(hookAllocation, hookFree);
 #endif
+  if (valtor::fuzz::prepare != nullptr) {
+    valtor::fuzz::prepare();
+  }
   return 0;
 }
 

@@ -38,8 +38,9 @@ struct MemoryLimit {
   std::size_t constant = 0;  // bytes
 };
 
-// Of the program.
+// Of the program. prepare() runs once, before the first input; most programs have none.
 extern const MemoryLimit kMemoryLimit;
+void prepare() __attribute__((weak));
 void examine(Input input);
 
 // The bytes of the heap that the last input held at once at most.
