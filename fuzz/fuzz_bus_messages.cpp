@@ -98,7 +98,7 @@ void sendOn(const PellInternalMessage& message) {
 }  // namespace
 
 // A length of a few digits makes the parser take the longest payload's room.
-const MemoryLimit kMemoryLimit{400, PellInternalStreamParser::kMaxPayload + 300'000};
+const MemoryLimit kMemoryLimit{100, PellInternalStreamParser::kMaxPayload + 300'000};
 
 void examine(Input input) {
   const bool isStream = input.choose(2) != 0;

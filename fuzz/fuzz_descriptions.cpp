@@ -302,7 +302,7 @@ constexpr std::array<void (*)(const Parts&), 22> kKinds = {
 
 }  // namespace
 
-const MemoryLimit kMemoryLimit{400, 400'000};
+const MemoryLimit kMemoryLimit{150, 400'000};
 
 void examine(Input input) {
   const unsigned kind = input.choose(kKinds.size() + 1);

@@ -154,7 +154,7 @@ void schedule(const std::string& text) {
 
 }  // namespace
 
-const MemoryLimit kMemoryLimit{300, 400'000};
+const MemoryLimit kMemoryLimit{100, 400'000};
 
 void examine(Input input) {
   switch (input.choose(3)) {

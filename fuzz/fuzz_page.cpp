@@ -92,10 +92,10 @@ std::string answerTo(const std::string& bytes) {
 }
 
 void request(const Parts& parts) {
-  std::string text = parts[0];
-  // Lines that a text editor can write.
-  for (std::size_t at = 0; (at = text.find('\n', at)) != std::string::npos; at += 2) {
-    text.replace(at, 1, "\r\n");
+  std::string text;
+  for (const char byte : parts[0]) {
+    // So that a text editor can write a request.
+    text += byte == '\n' ? "\r\n" : std::string(1, byte);
   }
   const std::string answer = answerTo(text);
   if (answer.empty()) {
@@ -178,7 +178,7 @@ constexpr std::array<void (*)(const Parts&), 3> kReaders = {request, show, skim}
 }  // namespace
 
 // A request has buffers of the connection and of its answer, the page itself among them.
-const MemoryLimit kMemoryLimit{300, 3'000'000};
+const MemoryLimit kMemoryLimit{150, 3'000'000};
 
 void prepare() { site(); }
 

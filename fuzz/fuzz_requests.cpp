@@ -154,6 +154,8 @@ void checkStateFiles() {
 
 }  // namespace
 
+// A name of a few bytes asks for an answer with everything that is stored; how many of them, and
+// how much in all, is limited as such (AnswerRoom).
 const MemoryLimit kMemoryLimit{4000, 2'000'000};
 
 void examine(Input input) {

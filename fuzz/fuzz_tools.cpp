@@ -221,7 +221,7 @@ constexpr std::array<void (*)(const Parts&), 11> kReaders = {
 }  // namespace
 
 // Ranges of a few digits stand for up to kMostNumbers numbers.
-const MemoryLimit kMemoryLimit{300, 400'000 + 6 * kMostNumbers * sizeof(int32_t)};
+const MemoryLimit kMemoryLimit{100, 400'000 + 6 * kMostNumbers * sizeof(int32_t)};
 
 void examine(Input input) {
   const auto reader = kReaders[input.choose(kReaders.size())];

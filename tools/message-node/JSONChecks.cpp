@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <set>
 #include <stdexcept>
+#include <strings.h>
 
 namespace valtor {
 
@@ -14,6 +16,11 @@ constexpr double kLongestTime = 1'000'000;  // seconds
 std::string subject(const cJSON* item, const char* verb) {
   return item->string != nullptr ? quoted(item->string) + " " + verb + " " : "";
 }
+
+// As names of members are looked up.
+struct LessInEitherCase {
+  bool operator()(const char* one, const char* other) const { return strcasecmp(one, other) < 0; }
+};
 
 }  // namespace
 
@@ -34,9 +41,10 @@ void expectObject(const cJSON* item) {
   if (!cJSON_IsObject(item)) {
     refuse(subject(item, "is") + "not an object");
   }
+  std::set<const char*, LessInEitherCase> names;
   const cJSON* inner = nullptr;
   cJSON_ArrayForEach(inner, item) {
-    if (cJSON_GetObjectItem(item, inner->string) != inner) {
+    if (!names.insert(inner->string).second) {
       refuse(subject(item, "has") + quoted(inner->string) + " twice");
     }
   }
