@@ -298,5 +298,44 @@ TEST_F(PageTest, OldDataIsGreyAndSaysHowOldItIsUntilAllIsBack) {
   shows("#messages li", "{\"back\":1}");
 }
 
+TEST_F(PageTest, ClocksAndCountersThatBeginAgainLeaveNothingFalse) {
+  // States as the server would send them, a minute of which the page's clock does not have.
+  browser.valueOf(
+      "states.close(), setInterval(() => hear(false), 100), window.base = view.state,"
+      "view.tiles.get('alpha').rates = [],"
+      "window.feed = (now, start, sent, rates, losses) => {"
+      "  const state = structuredClone(base), known = state.daemon.document;"
+      "  state.now = state.daemon.asOf = known.now = now;"
+      "  known.startTime = start;"
+      "  known.crossing = [{direction: 'toRouters', kind: 'CMD', path: 'p', messages: sent}];"
+      "  state.routers = [{uniqueID: 'alpha', lostLastTenMinutes: losses, rates}];"
+      "  takeState(state); render(); }");
+  const auto feed = [&](const std::string& arguments) {
+    browser.valueOf("feed(" + arguments + ")");
+  };
+  const auto crossing = [&] {
+    return browser.valueOf("document.querySelector('#crossing tr').cells[3].innerText");
+  };
+  feed("base.now, 1, 100, [[base.now - 9, base.now - 4], [base.now - 1, 7, 0, 70, 0]], 16");
+  EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').rates.filter((one) => !one.gap).length"), "7");
+  tileShows("alpha", "16 or more of");
+  feed("base.now + 2, 1, 120, [], 0");
+  EXPECT_EQ(crossing(), "10");
+  feed("base.now + 4, 2, 8, [], 0");
+  EXPECT_EQ(crossing(), "–");
+  // The server's clock is set back an hour.
+  feed("base.now - 3600, 2, 8, [[base.now - 3600, base.now - 3600]], 0");
+  EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').rates.length"), "1");
+  EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').verdict.state"), "quiet");
+  // It runs slower than the page's.
+  browser.valueOf(
+      "window.steady = performance.now(), performance.now = () => steady,"
+      "Array.from({length: 600}, (_, i) => { steady += 1000; clock.hear(5000 + i * 0.995); })");
+  EXPECT_EQ(browser.valueOf("clock.now() - (5000 + 599 * 0.995) < 1"), "true");
+  EXPECT_EQ(browser.valueOf("takeState({daemon: {answering: true, document: {}}, now: 1}), "
+                            "renderFacts(1), document.getElementById('daemon').innerText"),
+            "answers");
+}
+
 }  // namespace
 }  // namespace valtor::test
