@@ -202,88 +202,60 @@ int mainUnderTorture(int argc, char** argv, char** environment) {
 #define VALTOR_REAL(name) \
   static auto* const real = reinterpret_cast<decltype(&failing_##name)>(dlsym(RTLD_NEXT, #name))
 
+// Most calls: up to five arguments, each a word in a register, so that more of them than there are
+// do no harm.
+using Word = unsigned long;
+
 // A call that fails with errno and this result.
-#define VALTOR_FAILS(counted, type, name, parameters, arguments, failure) \
-  VALTOR_IN_PLACE_OF(name, type, parameters) {                            \
-    VALTOR_REAL(name);                                                    \
-    if (const int fault = faultOf(Call::counted); fault != 0) {           \
-      errno = fault;                                                      \
-      return failure;                                                     \
-    }                                                                     \
-    return real arguments;                                                \
+#define VALTOR_FAILS_AS(name, type, counted, failure)                        \
+  VALTOR_IN_PLACE_OF(name, type, (Word a, Word b, Word c, Word d, Word e)) { \
+    VALTOR_REAL(name);                                                       \
+    if (const int fault = faultOf(Call::counted); fault != 0) {              \
+      errno = fault;                                                         \
+      return failure;                                                        \
+    }                                                                        \
+    return real(a, b, c, d, e);                                              \
   }
+#define VALTOR_FAILS(name) VALTOR_FAILS_AS(name, int, name, -1)
+// It has done its work all the same.
+#define VALTOR_FAILS_LATE(name) \
+  VALTOR_FAILS_AS(name, int, name, (real(a, b, c, d, e), errno = fault, -1))
 
 // The same for one that moves bytes, and may move fewer.
-#define VALTOR_MOVES(name, parameters, arguments)                      \
-  VALTOR_IN_PLACE_OF(name, ssize_t, parameters) {                      \
-    VALTOR_REAL(name);                                                 \
-    const int fault = faultOf(Call::name);                             \
-    if (fault > 0) {                                                   \
-      errno = fault;                                                   \
-      return -1;                                                       \
-    }                                                                  \
-    if (fault == FaultControl::kNone) {                                \
-      return 0;                                                        \
-    }                                                                  \
-    size = fault == FaultControl::kHalf && size > 1 ? size / 2 : size; \
-    return real arguments;                                             \
+#define VALTOR_MOVES(name)                                                            \
+  VALTOR_IN_PLACE_OF(name, ssize_t, (Word file, Word bytes, Word size, Word flags)) { \
+    VALTOR_REAL(name);                                                                \
+    const int fault = faultOf(Call::name);                                            \
+    if (fault > 0) {                                                                  \
+      errno = fault;                                                                  \
+      return -1;                                                                      \
+    }                                                                                 \
+    if (fault == FaultControl::kNone) {                                               \
+      return 0;                                                                       \
+    }                                                                                 \
+    size = fault == FaultControl::kHalf && size > 1 ? size / 2 : size;                \
+    return real(file, bytes, size, flags);                                            \
   }
 
-VALTOR_FAILS(socket, int, socket, (int family, int type, int protocol), (family, type, protocol),
-             -1)
-VALTOR_FAILS(connect, int, connect, (int file, const void* address, unsigned size),
-             (file, address, size), -1)
-VALTOR_FAILS(accept4, int, accept4, (int file, void* address, unsigned* size, int flags),
-             (file, address, size, flags), -1)
-VALTOR_FAILS(bind, int, bind, (int file, const void* address, unsigned size), (file, address, size),
-             -1)
-VALTOR_FAILS(listen, int, listen, (int file, int backlog), (file, backlog), -1)
-VALTOR_FAILS(poll, int, poll, (void* entries, unsigned long count, int time),
-             (entries, count, time), -1)
-VALTOR_FAILS(ppoll, int, ppoll,
-             (void* entries, unsigned long count, const void* time, const void* mask),
-             (entries, count, time, mask), -1)
-VALTOR_FAILS(setsockopt, int, setsockopt,
-             (int file, int level, int option, const void* value, unsigned size),
-             (file, level, option, value, size), -1)
-VALTOR_FAILS(getsockopt, int, getsockopt,
-             (int file, int level, int option, void* value, unsigned* size),
-             (file, level, option, value, size), -1)
-VALTOR_FAILS(getsockname, int, getsockname, (int file, void* address, unsigned* size),
-             (file, address, size), -1)
-VALTOR_FAILS(getpeername, int, getpeername, (int file, void* address, unsigned* size),
-             (file, address, size), -1)
-// Their last argument, where there is one, fits into a register.
-VALTOR_FAILS(fcntl, int, fcntl, (int file, int command, long argument), (file, command, argument),
-             -1)
-VALTOR_FAILS(ioctl, int, ioctl, (int file, unsigned long command, void* argument),
-             (file, command, argument), -1)
-VALTOR_FAILS(open, int, open, (const char* path, int flags, unsigned mode), (path, flags, mode), -1)
-VALTOR_FAILS(fopen, void*, fopen, (const char* path, const char* mode), (path, mode), nullptr)
-VALTOR_FAILS(fopen, void*, fopen64, (const char* path, const char* mode), (path, mode), nullptr)
-VALTOR_FAILS(fflush, int, fflush, (void* stream), (stream), -1)
-VALTOR_FAILS(fsync, int, fsync, (int file), (file), -1)
-VALTOR_FAILS(rename, int, rename, (const char* from, const char* to), (from, to), -1)
-VALTOR_FAILS(unlink, int, unlink, (const char* path), (path), -1)
-VALTOR_FAILS(mkdir, int, mkdir, (const char* path, unsigned mode), (path, mode), -1)
-VALTOR_FAILS(stat, int, stat, (const char* path, void* status), (path, status), -1)
-VALTOR_FAILS(lstat, int, lstat, (const char* path, void* status), (path, status), -1)
-VALTOR_FAILS(fstat, int, fstat, (int file, void* status), (file, status), -1)
-VALTOR_FAILS(fstat, int, fstat64, (int file, void* status), (file, status), -1)
-VALTOR_FAILS(chmod, int, chmod, (const char* path, unsigned mode), (path, mode), -1)
-VALTOR_FAILS(chown, int, chown, (const char* path, unsigned user, unsigned group),
-             (path, user, group), -1)
-VALTOR_FAILS(ftruncate, int, ftruncate, (int file, long size), (file, size), -1)
-VALTOR_FAILS(system, int, system, (const char* command), (command), -1)
-VALTOR_FAILS(eventfd, int, eventfd, (unsigned value, int flags), (value, flags), -1)
-VALTOR_FAILS(pipe2, int, pipe2, (int* ends, int flags), (ends, flags), -1)
-VALTOR_FAILS(getgrnam, void*, getgrnam, (const char* name), (name), nullptr)
-// This one and the next return what is wrong.
-VALTOR_FAILS(pthread_create, int, pthread_create,
-             (unsigned long* thread, const void* settings, void* (*entry)(void*), void* argument),
-             (thread, settings, entry, argument), fault)
-VALTOR_IN_PLACE_OF(getaddrinfo, int,
-                   (const char* host, const char* service, const void* hints, void** list)) {
+// clang-format off
+VALTOR_FAILS(socket) VALTOR_FAILS(connect) VALTOR_FAILS(accept4) VALTOR_FAILS(bind)
+VALTOR_FAILS(listen) VALTOR_FAILS(poll) VALTOR_FAILS(ppoll) VALTOR_FAILS(setsockopt)
+VALTOR_FAILS(getsockopt) VALTOR_FAILS(getsockname) VALTOR_FAILS(getpeername) VALTOR_FAILS(fcntl)
+VALTOR_FAILS(ioctl) VALTOR_FAILS(open) VALTOR_FAILS(fflush) VALTOR_FAILS(fsync)
+VALTOR_FAILS(rename) VALTOR_FAILS(unlink) VALTOR_FAILS(mkdir) VALTOR_FAILS(stat)
+VALTOR_FAILS(lstat) VALTOR_FAILS(fstat) VALTOR_FAILS(chmod) VALTOR_FAILS(chown)
+VALTOR_FAILS(ftruncate) VALTOR_FAILS(system) VALTOR_FAILS(eventfd) VALTOR_FAILS(pipe2)
+VALTOR_FAILS_AS(fstat64, int, fstat, -1)
+VALTOR_FAILS_AS(fopen, void*, fopen, nullptr) VALTOR_FAILS_AS(fopen64, void*, fopen, nullptr)
+VALTOR_FAILS_AS(getgrnam, void*, getgrnam, nullptr)
+VALTOR_FAILS_AS(pthread_create, int, pthread_create, fault)
+VALTOR_MOVES(send) VALTOR_MOVES(recv) VALTOR_MOVES(read) VALTOR_MOVES(write)
+VALTOR_FAILS_LATE(shutdown) VALTOR_FAILS_LATE(close) VALTOR_FAILS_LATE(fclose)
+    // clang-format on
+
+    // It returns what is wrong.
+    VALTOR_IN_PLACE_OF(getaddrinfo, int,
+                       (const char* host, const char* service, const void* hints, void** list)) {
   VALTOR_REAL(getaddrinfo);
   if (const int fault = faultOf(Call::getaddrinfo); fault != 0) {
     return fault;
@@ -296,17 +268,6 @@ VALTOR_IN_PLACE_OF(getaddrinfo, int,
   --control->resolving;
   return result;
 }
-// These have done their work all the same.
-VALTOR_FAILS(shutdown, int, shutdown, (int file, int how), (file, how),
-             (real(file, how), errno = fault, -1))
-VALTOR_FAILS(close, int, close, (int file), (file), (real(file), errno = fault, -1))
-VALTOR_FAILS(fclose, int, fclose, (void* stream), (stream), (real(stream), errno = fault, -1))
-
-VALTOR_MOVES(send, (int file, const void* bytes, std::size_t size, int flags),
-             (file, bytes, size, flags))
-VALTOR_MOVES(recv, (int file, void* bytes, std::size_t size, int flags), (file, bytes, size, flags))
-VALTOR_MOVES(read, (int file, void* bytes, std::size_t size), (file, bytes, size))
-VALTOR_MOVES(write, (int file, const void* bytes, std::size_t size), (file, bytes, size))
 
 // A count and no error.
 VALTOR_IN_PLACE_OF(fwrite, std::size_t,

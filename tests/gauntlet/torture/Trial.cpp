@@ -80,7 +80,9 @@ const Trial::Outcome& Trial::judge(const Troubles& usual) {
   outcome_.told = !subject_.errors().empty() ||
                   !std::includes(usual.begin(), usual.end(), now.begin(), now.end());
   judgeEnd();
-  if (outcome_.harmed && !outcome_.told && outcome_.finding.empty()) {
+  // What fell within getaddrinfo could not say so.
+  const bool mute = outcome_.stopped && subject_.faults().resolving > 0;
+  if (outcome_.harmed && !outcome_.told && !mute && outcome_.finding.empty()) {
     outcome_.finding = "nothing tells it";
   }
   if (!outcome_.finding.empty()) {
