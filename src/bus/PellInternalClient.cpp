@@ -460,11 +460,13 @@ void PellInternalClient::stopForDestruction() {
              link_->shownDescriptor());
     }
   });
-  const Locked lock(lifecycle_);
-  if (rxThread_) {
-    syslog(LOG_DEBUG, "~PellInternalClient() close:%d\n", link_->shownDescriptor());
-  }
-  insist("a link", [this]() VALTOR_REQUIRES(lifecycle_) { stopThreads("destroyed"); });
+  insist("a link", [this] {
+    const Locked lock(lifecycle_);
+    if (rxThread_) {
+      syslog(LOG_DEBUG, "~PellInternalClient() close:%d\n", link_->shownDescriptor());
+    }
+    stopThreads("destroyed");
+  });
 }
 
 // Whoever waits, on whatever thread, goes on: the signal wakes them, and the end of the socket

@@ -11,8 +11,6 @@ namespace {
 // RapidJSON writes to what its own allocator gives it, also when that is nothing.
 class ThrowingAllocator {
  public:
-  static constexpr bool kNeedFree = true;
-
   void* Malloc(std::size_t size) { return checked(rapidjson::CrtAllocator().Malloc(size), size); }
   void* Realloc(void* block, std::size_t oldSize, std::size_t size) {
     return checked(rapidjson::CrtAllocator().Realloc(block, oldSize, size), size);

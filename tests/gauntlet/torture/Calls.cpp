@@ -160,7 +160,9 @@ std::vector<Job> CallsTorture::jobs() const {
         add(row, 0, site);
       }
     }
-    for (uint32_t nth = 1; row.call != Call::malloc && nth <= counts_[int(row.call)]; ++nth) {
+    const uint32_t count =
+        row.call == Call::malloc ? 0 : counts_[static_cast<std::size_t>(row.call)];
+    for (uint32_t nth = 1; nth <= count; ++nth) {
       add(row, nth, 0);
     }
   }
