@@ -149,6 +149,7 @@ void say(const std::string& name, const LinkStage::Loss& loss) {
 }
 
 void record(const Run& run, LinkStage& stage, const std::string& name) {
+  run.record(name + "/messages", static_cast<double>(stage.carried()), "");
   run.record(name + "/peak", stage.bridge.daemon->peakBytes(), "bytes");
   run.record(name + "/descriptors", static_cast<double>(stage.bridge.daemon->descriptors()), "");
   run.record(name + "/threads", static_cast<double>(stage.bridge.daemon->threads()), "");

@@ -162,6 +162,7 @@ void LinkStage::judge(const std::string& name, const NumberedCheck* more) {
   for (int i = 0; i < routers(); ++i) {
     for (const NumberedCheck* check : checksOf(i)) {
       const std::string who = name + ", router " + std::to_string(i);
+      carried_ += check->received();
       expectInOrder(run_, *check, who);
       if (breaksOf(i) == 0) {
         unexplained += check->skipped();

@@ -45,6 +45,8 @@ class LinkStage {
     uint64_t breaks;
   };
   Loss lossOf(int router);
+  // Messages that have arrived of all streams that were judged.
+  uint64_t carried() const { return carried_; }
   // Of a router, as the daemon's status names it; of its "dropped", "lost" and the like.
   static double figure(int router, const char* member);
   static std::string stateOf(int router);
@@ -69,6 +71,7 @@ class LinkStage {
   std::vector<std::unique_ptr<Flow>> up_;
   std::vector<int> linksBefore_;
   uint64_t countedBefore_ = 0;
+  uint64_t carried_ = 0;
 };
 
 }  // namespace valtor::bench

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <malloc.h>
 #include <memory>
 #include <unistd.h>
 #include <utility>
@@ -215,6 +216,8 @@ std::string statusDocument(const ValtorInterfaceClient& client) {
   addMember(document.get(), "warnings", std::move(warnings));
   JSONPtr memory(cJSON_CreateObject());
   cJSON_AddNumberToObject(memory.get(), "residentBytes", residentBytes());
+  const struct mallinfo2 heap = mallinfo2();
+  addCount(memory.get(), "allocatedBytes", heap.uordblks + heap.hblkhd);
   addMember(document.get(), "memory", std::move(memory));
   std::string text = printJSON(document.get(), false) + '\n';
   requireWholeJSON();
