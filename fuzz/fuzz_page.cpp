@@ -68,7 +68,7 @@ UniqueDescriptor connectTo(int port) {
   name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   // connect() is refused to all that is examined.
   require(syscall(SYS_connect, socket.get(), &name, sizeof name) == 0, "the server accepts");
-  const timeval longest{10, 0};
+  const timeval longest{120, 0};
   setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
   return socket;
 }
