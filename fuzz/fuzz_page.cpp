@@ -113,7 +113,9 @@ void request(const Parts& parts) {
 
 // --- Documents -----------------------------------------------------------------------------------
 
-void show(const Parts& parts) {
+void show(Parts parts) {
+  constexpr std::size_t kMostLooks = 8;  // each renders everything
+  parts.resize(std::min(parts.size(), kMostLooks));
   LiveState state("1.0.0");
   LiveState::Mark mark;
   state.whole(mark);
@@ -173,7 +175,8 @@ void skim(const Parts& parts) {
   require(skimmed(raw, 3) == skimmed(raw, raw.size() + 1), "chunks do not matter");
 }
 
-constexpr std::array<void (*)(const Parts&), 3> kReaders = {request, show, skim};
+constexpr std::array<void (*)(const Parts&), 3> kReaders = {
+    request, [](const Parts& parts) { show(parts); }, skim};
 
 }  // namespace
 
