@@ -11,7 +11,6 @@ namespace valtor {
 namespace {
 
 using Clock = BusConnection::Clock;
-using Routers = std::vector<DaemonStatus::Router>;
 
 // Between two questions.
 constexpr std::chrono::milliseconds kPause{50};
@@ -20,27 +19,26 @@ constexpr std::chrono::milliseconds kOneLook{100};
 
 // What the daemon of this machine says, or the bus; throws CommandFailure when nobody does until
 // the end.
-Routers listRouters(BusConnection& connection, const WaitSettings& settings,
-                    Clock::time_point end) {
+DaemonStatus look(BusConnection& connection, const WaitSettings& settings, Clock::time_point end) {
   StatusSettings quiet;
   quiet.watch = true;
   quiet.socket = settings.socket;
   quiet.timeout = std::chrono::duration<double>(end - Clock::now()).count();
   if (const DaemonStatus status = localStatus(connection.settings(), quiet); status.isThere()) {
-    return status.routers;
+    return status;
   }
   ConnectionPointListing listing(settings.timeout, connection.settings().times.others);
   listing.run(connection, end);
-  return DaemonStatus(listing.table.json()).routers;
+  return DaemonStatus(listing.table.json());
 }
 
-// Whose link is not as it should be; "" when all are.
-std::string awaited(const Routers& routers, const WaitSettings& settings) {
+// Which link is not as it should be; "" when all are.
+std::string awaited(const DaemonStatus& status, const WaitSettings& settings) {
   std::string texts;
   const auto add = [&](const std::string& text) { texts += (texts.empty() ? "" : ", ") + text; };
   std::vector<std::string> missing = settings.routers;
   bool any = false;
-  for (const DaemonStatus::Router& router : routers) {
+  for (const DaemonStatus::Router& router : status.routers) {
     const auto isNamed = [&](const std::string& name) {
       return name == router.uniqueID || name == router.name;
     };
@@ -57,6 +55,9 @@ std::string awaited(const Routers& routers, const WaitSettings& settings) {
   for (const std::string& name : missing) {
     add("\"" + excerpt(name) + "\" is not listed");
   }
+  if (status.controllerDown && !settings.down) {
+    add("the controller's link is down");
+  }
   return any || !missing.empty() ? texts : "no enabled router is listed";
 }
 
@@ -67,7 +68,7 @@ void wait(BusConnection& connection, const WaitSettings& settings, Output& /*out
       Clock::now() + std::max<Clock::duration>(toDuration(settings.timeout), kOneLook);
   std::string open;
   do {
-    open = awaited(listRouters(connection, settings, end), settings);
+    open = awaited(look(connection, settings, end), settings);
     if (open.empty()) {
       return;
     }
