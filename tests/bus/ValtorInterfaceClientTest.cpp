@@ -167,20 +167,15 @@ TEST_F(InterfaceClientTest, FeedsTheWatchdogIdleAndAtTheGateButNotBehindAHandler
   client_.connect();
   auto peer = acceptLink();
   EXPECT_TRUE(manager.isFed(3));
-  const auto handles = [&](bool something) {
-    return test::eventually([&] {
-      const auto queue = client_.figures().queue;
-      return queue.chunks == 0 && (queue.delay.count() > 0) == something;
-    });
-  };
+  const auto isBusy = [&] { return client_.figures().queue.delay.count() > 0; };
   peer->sendPayload("[\"NOT\", \"device\", 490, 0, 0]\n{}");
-  ASSERT_TRUE(handles(true));
+  ASSERT_TRUE(test::eventually([&] { return isBusy() && client_.figures().queue.chunks == 0; }));
   EXPECT_TRUE(manager.isFed(3));
   client_.startGate().open();
-  ASSERT_TRUE(handles(false));
+  ASSERT_TRUE(test::eventually([&] { return !isBusy(); }));
   client_.forEachHandler([&](IPellaInternalProtocolHandler&) {  // which holds the handlers
     peer->sendPayload("[\"NOT\", \"device\", 490, 0, 0]\n{}");
-    ASSERT_TRUE(handles(true));
+    ASSERT_TRUE(test::eventually(isBusy));
     EXPECT_TRUE(
         test::eventually([&] { return manager.next(std::chrono::milliseconds(400)).empty(); }));
   });
