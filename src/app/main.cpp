@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <exception>
 #include <fcntl.h>
+#include <malloc.h>
 #include <memory>
 #include <pthread.h>
 #include <syslog.h>
@@ -36,11 +37,17 @@ void limitThreadStacks() {
   }
 }
 
+// One arena for all threads. With several a processor, as by default, what one thread frees is of no
+// use to another, and a daemon of many threads that runs for years collects holes in each. It costs
+// no time that could be measured, with 64 routers at their pace either.
+void shareMemory() { mallopt(M_ARENA_MAX, 1); }
+
 int run(int argc, char** argv) {
   valtor::occupyStandardDescriptors(O_RDWR);  // inherited on purpose
   std::signal(SIGPIPE, SIG_IGN);  // a console pipe without a reader must not end the daemon
   valtor::initConsole();
   limitThreadStacks();
+  shareMemory();
 
   setlogmask(LOG_UPTO(LOG_INFO));
   const bool skipDatabase = valtor::followCommandLine(argc, argv);

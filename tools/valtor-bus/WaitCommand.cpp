@@ -24,7 +24,7 @@ DaemonStatus look(BusConnection& connection, const WaitSettings& settings, Clock
   quiet.watch = true;
   quiet.socket = settings.socket;
   quiet.timeout = std::chrono::duration<double>(end - Clock::now()).count();
-  if (const DaemonStatus status = localStatus(connection.settings(), quiet); status.isThere()) {
+  if (DaemonStatus status = localStatus(connection.settings(), quiet); status.isThere()) {
     return status;
   }
   ConnectionPointListing listing(settings.timeout, connection.settings().times.others);
