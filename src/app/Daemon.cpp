@@ -85,8 +85,10 @@ void Daemon::start() {
   auto timing = client_->timing();
   timing.reconnectDelay = reconnectDelay_;
   client_->setTiming(timing);
-  client_->connect();
   auto peers = std::make_shared<ValtorRouterPeerManager>(kPeerManagerName, client_.get());
+  // What a slow node took a part of has to go on although nobody sends anything more.
+  client_->setFrameSender(peers->frameSender());
+  client_->connect();
   auto peerTiming = peers->peerTiming();
   peerTiming.reconnectDelay = reconnectDelay_;
   peers->setPeerTiming(peerTiming);

@@ -152,8 +152,8 @@ BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, const Outgoing
     if (count >= 0) {
       if (head != nullptr) {
         headIsOut(*head, result.sent, static_cast<std::size_t>(count));
-        patience.left = budget_;  // who takes a long frame slowly is not given up for its length
       }
+      patience.left = budget_;  // who takes a long frame slowly is not given up for its length
       result.sent += static_cast<std::size_t>(count);
     } else if (errno != EAGAIN) {
       result.error = errno;
@@ -372,7 +372,9 @@ std::optional<BusLink::SendResult> BusLink::drainHead(Wait& wait) {
   if (stalled_) {
     wait = {Wait::For::Time, nextTry_, 0};
   }
-  if (!headFullSince_) {
+  if (!head->forwarded && queue_.size().frames == 1) {
+    // The rest of what a send() gave up, which has been told, holds up nothing.
+  } else if (!headFullSince_) {
     headFullSince_ = now;
   } else if (now - *headFullSince_ >= budget_) {
     headFullSince_ = now;  // the frame stays

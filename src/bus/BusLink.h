@@ -25,7 +25,8 @@ class FrameSender;
 // The sending half of one TCP link after another: it owns the socket, numbers the links from 1, and
 // writes whole frames under its send lock, at least a pace apart, so that frames of several threads
 // never mix. When a full socket stops a frame midway, the rest goes out before anything else of the
-// same link: a slow reader never breaks the framing. A new link starts clean.
+// same link, by the FrameSender if nobody else sends: a slow reader never breaks the framing. A new
+// link starts clean.
 //
 // There are two ways out. send() waits for its turn, the pace and room, and says what became of the
 // frame. forward() never waits for a router that takes nothing: what cannot leave now waits in the

@@ -70,6 +70,9 @@ void PellInternalClientMsgQThread::handleBatch() {
   // Never so large as things are: a batch ends at 100 chunks of at most 15,360 bytes.
   if (batch_.size() <= kBatchBytes) {
     batch_.clear();
+    if (batch_.capacity() > kKeptBytes && parts_.queue.figures().chunks == 0) {
+      batch_ = std::vector<char>();
+    }
   } else {
     syslog(LOG_WARNING, "Client message queue buffer size is %zu. Reclaiming memory.",
            batch_.size());

@@ -35,6 +35,9 @@ class PellInternalClientMsgQThread : public MyThreadClass {
 
   // Chunks are taken while the batch holds at most this many bytes.
   static constexpr std::size_t kBatchBytes = 10485760;
+  // The storage of a larger batch is given back when nothing waits behind it. With hundreds of
+  // clients the largest batches that they ever had would add up.
+  static constexpr std::size_t kKeptBytes = std::size_t{64} << 10;
   // A batch ends, with a warning, when this many chunks were taken since it last happened; the
   // count goes on from batch to batch, so it happens at any load.
   static constexpr uint32_t kDrainedLimit = 100;

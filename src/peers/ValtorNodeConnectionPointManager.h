@@ -54,6 +54,10 @@ class ValtorNodeConnectionPointManager : public AbstractJSONTopLevelContainer,
   // A JSON null: the manager announces no interface.
   JSONPtr getInterfaceJSON() override;
 
+  // Sends what waits to leave for the peers, and for whoever else is given it, while this manager
+  // lives.
+  std::weak_ptr<FrameSender> frameSender() const { return sender_; }
+
   // Gives every peer that is not connected the forwarder and has it connect. Always true.
   virtual bool connectPeers();
   // Whether a master message may go to the peer.

@@ -207,6 +207,19 @@ TEST_F(ForwardingTest, ABurstReachesAReaderThatDrainsWholeAndInOrder) {
   EXPECT_TRUE(eventually([&] { return !link_->hasWaiting() && sender_->budget().used() == 0; }));
 }
 
+TEST_F(ForwardingTest, TheRestOfWhatSomebodyGaveUpGoesOutThoughNobodySendsAnyMore) {
+  const auto link = makeLink(1ms);
+  link->setSender(sender_);
+  const UniqueDescriptor far = openLink(*link);
+  const std::string big(4'000'000, 'x');
+  EXPECT_EQ(link->send(frame(big), 1).outcome, BusLink::Send::BudgetExhausted);
+  // It stands still for longer than the budget, of which whoever gave up has told.
+  EXPECT_TRUE(eventually([&] { return link->isStalled(); }));
+  EXPECT_TRUE(readBytes(far, big.size()) == big);
+  EXPECT_EQ(log_.countContaining("FAILED after 100 retries"), 0);
+  link->closeSocket();
+}
+
 TEST_F(ForwardingTest, WhoSendsPastAQueueThatCannotMoveGivesUpAfterItsBudget) {
   const auto link = makeLink(1ms);
   link->setSender(sender_);
