@@ -37,9 +37,9 @@ void limitThreadStacks() {
   }
 }
 
-// One arena for all threads. With several a processor, as by default, what one thread frees is of no
-// use to another, and a daemon of many threads that runs for years collects holes in each. It costs
-// no time that could be measured, with 64 routers at their pace either.
+// One arena for all threads. With several a processor, as by default, what one thread frees is of
+// no use to another, and a daemon of many threads that runs for years collects holes in each. It
+// costs no time that could be measured, with 64 routers at their pace either.
 void shareMemory() { mallopt(M_ARENA_MAX, 1); }
 
 int run(int argc, char** argv) {
