@@ -52,9 +52,9 @@ SingleInstance::Answer SingleInstance::tryOnce() {
   const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name_.size());
   const auto* const address = reinterpret_cast<const sockaddr*>(&name);
   UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  if (socket.valid() && bind(socket.get(), address, size) == 0) {
-    // Nobody accepts: who has asked stays in the line, which must not fill up.
-    ::listen(socket.get(), SOMAXCONN);
+  // Nobody accepts: who has asked stays in the line, which must not fill up.
+  if (socket.valid() && bind(socket.get(), address, size) == 0 &&
+      ::listen(socket.get(), SOMAXCONN) == 0) {
     socket_ = std::move(socket);
     return Answer::Acquired;
   }

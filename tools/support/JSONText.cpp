@@ -17,12 +17,29 @@ namespace {
 
 using Utf8 = rapidjson::UTF8<>;
 
-// The library's own writer puts numbers that it gets as text between quotes.
+// The library's own writer puts numbers that it gets as text between quotes, and its reader takes
+// the second half of a surrogate pair without the first, for which there is no valid UTF-8.
 class NumberKeepingWriter : public rapidjson::Writer<rapidjson::StringBuffer> {
  public:
   using Writer::Writer;
   bool RawNumber(const char* text, rapidjson::SizeType length, bool /*copy*/) {
     return RawValue(text, length, rapidjson::kNumberType);
+  }
+  bool String(const char* bytes, rapidjson::SizeType length, bool copy) {
+    return !holdsSurrogate({bytes, length}) && Writer::String(bytes, length, copy);
+  }
+  bool Key(const char* bytes, rapidjson::SizeType length, bool copy) {
+    return !holdsSurrogate({bytes, length}) && Writer::Key(bytes, length, copy);
+  }
+
+ private:
+  static bool holdsSurrogate(std::string_view text) {
+    for (std::size_t at = 0; (at = text.find('\xed', at)) != std::string_view::npos; ++at) {
+      if (at + 1 < text.size() && static_cast<unsigned char>(text[at + 1]) >= 0xa0) {
+        return true;
+      }
+    }
+    return false;
   }
 };
 
@@ -110,7 +127,7 @@ std::string faultInJSON(const std::string& text) {
                       std::make_reverse_iterator(place);
   return "line " + std::to_string(line + 1) + ", column " + std::to_string(column + 1) + ": " +
          (result.Code() == rapidjson::kParseErrorTermination
-              ? "A NUL byte."
+              ? (text.find('\0') != std::string::npos ? "A NUL byte." : "Half of a character.")
               : rapidjson::GetParseError_En(result.Code()));
 }
 

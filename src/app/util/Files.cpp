@@ -44,6 +44,10 @@ void writeAll(int descriptor, const std::string& content, const std::string& pat
   }
 }
 
+// Of a text file that is read, in bytes. Ten thousand routers, which are all that there may be,
+// take a tenth; something longer was never meant, and would take the machine's memory.
+constexpr off_t kLongestFile = off_t{64} << 20;
+
 // The error is that of the call that failed.
 [[noreturn]] void throwUnreadable(const std::string& text, int error) {
   if (error == EMFILE || error == ENFILE || error == ENOMEM || error == EIO) {
@@ -65,6 +69,11 @@ std::string readTextFile(const std::string& path, bool keepNewlines) {
   }
   if (!file.is_open()) {
     throwUnreadable("error while opening file: " + path, errno);
+  }
+  if (status.st_size > kLongestFile && S_ISREG(status.st_mode)) {
+    syslog(LOG_ERR, "A file of %lld bytes is too long to be read: %.1024s\n",
+           static_cast<long long>(status.st_size), path.c_str());
+    throw std::runtime_error("error while reading file: " + path);
   }
   std::string content;
   std::string line;

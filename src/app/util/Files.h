@@ -19,8 +19,8 @@ class ReadFault : public std::runtime_error {
 // The content of a text file. With keepNewlines every line is followed by one "\n" (a last line
 // without a newline gains one), otherwise the lines stand back to back. Throws std::runtime_error
 // with "error while opening file: " or "error while reading file: " and the path. A folder counts
-// as not read, anything else that is no regular file as not opened. It is a ReadFault where it is
-// worth trying again.
+// as not read, and so does, with a log line, a file of more than 64 MiB; anything else that is no
+// regular file counts as not opened. It is a ReadFault where it is worth trying again.
 std::string readTextFile(const std::string& path, bool keepNewlines);
 
 // Replaces the file's content in place (not atomically; a crash may leave it cut) and logs the size

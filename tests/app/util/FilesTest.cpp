@@ -63,8 +63,12 @@ TEST(Files, WhatIsNoRegularFileIsNeitherReadNorWritten) {
     EXPECT_EQ(test::thrownBy([&] { readTextFile(path, false); }),
               "error while opening file: " + path);
   }
-  EXPECT_EQ(test::thrownBy([&] { readTextFile(folder.path(), false); }),
-            "error while reading file: " + folder.path());
+  const std::string huge = folder.write("huge", "");
+  ASSERT_EQ(truncate(huge.c_str(), (off_t{64} << 20) + 1), 0);
+  for (const std::string& path : {folder.path(), huge}) {
+    EXPECT_EQ(test::thrownBy([&] { readTextFile(path, false); }),
+              "error while reading file: " + path);
+  }
   EXPECT_EQ(test::fileContent(target), "precious");
 }
 

@@ -27,9 +27,11 @@ TEST(JSONTextTest, NumbersKeepTheirSpellingAndWhatIsBrokenIsSeen) {
             "{\"a\":[12345678901234567890123,1.0e2,-0]}");
   for (const std::string& broken :
        {std::string(100000, '['), std::string(), std::string("{}x"), std::string("[01]"),
-        std::string("[\"\xff\"]"), std::string("[\"\xf0")}) {
+        std::string("[\"\xff\"]"), std::string("[\"\xf0"), std::string(R"(["\udc00"])"),
+        std::string(R"({"\udfff":1})"), std::string("[\"\xed\xa0\x80\"]")}) {
     EXPECT_FALSE(compactJSON(broken)) << broken;
   }
+  EXPECT_EQ(compactJSON(R"(["\ud83d\ude00\ud7ff"])"), "[\"\xf0\x9f\x98\x80\xed\x9f\xbf\"]");
   EXPECT_EQ(printable("a\x1b[31m\nb\xc2\x9b\x7f\xffz"), "a [31m b\xc2\xa0 \xEF\xBF\xBDz");
   EXPECT_EQ(printable("\xee\"A"), "\xEF\xBF\xBD\"A") << "what follows a broken character stays";
 }
