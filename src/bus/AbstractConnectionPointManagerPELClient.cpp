@@ -98,18 +98,37 @@ void AbstractConnectionPointManagerPELClient::onConnectionStateChanged(int state
   askForRole();
 }
 
+void AbstractConnectionPointManagerPELClient::doubtRole() {
+  roleInDoubt_ = true;
+  wakeMessageThread();
+}
+
 void AbstractConnectionPointManagerPELClient::askForRole() {
-  sendMessage(GETMessage("system", std::vector<std::string>{"mdxMasterState"}));
+  if (sendMessage(GETMessage("system", std::vector<std::string>{"mdxMasterState"})) != 0) {
+    doubtRole();
+  }
 }
 
 bool AbstractConnectionPointManagerPELClient::isBehind() {
-  const Locked lock(handlerLock_);
-  return roleInDoubt_ || std::any_of(handlers_.begin(), handlers_.end(),
-                                     [](const auto& handler) { return handler->isBehind(); });
+  return PellInternalClient::isBehind() || roleInDoubt_ || handlersBehind_;
+}
+
+// After every call of a handler that may leave it behind.
+void AbstractConnectionPointManagerPELClient::noteHandlers() {
+  handlersBehind_ = std::any_of(handlers_.begin(), handlers_.end(),
+                                [](const auto& handler) { return handler->isBehind(); });
+  if (handlersBehind_) {
+    wakeMessageThread();
+  }
 }
 
 // What fails again is tried again; the log has said it.
 void AbstractConnectionPointManagerPELClient::catchUp() {
+  gate_.wait(closingToken());
+  if (isClosing()) {
+    return;
+  }
+  PellInternalClient::catchUp();
   const Locked lock(handlerLock_);
   for (const auto& handler : handlers_) {
     try {
@@ -117,6 +136,7 @@ void AbstractConnectionPointManagerPELClient::catchUp() {
     } catch (const std::exception&) {
     }
   }
+  noteHandlers();
   try {
     if (roleInDoubt_.exchange(false) && isConnected()) {  // every link begins with that question
       askForRole();
@@ -149,6 +169,7 @@ void AbstractConnectionPointManagerPELClient::addHandler(
     std::unique_ptr<IPellaInternalProtocolHandler> handler) {
   const Locked lock(handlerLock_);
   handlers_.push_back(std::move(handler));
+  noteHandlers();
 }
 
 void AbstractConnectionPointManagerPELClient::removeAllHandlers() {
@@ -156,6 +177,7 @@ void AbstractConnectionPointManagerPELClient::removeAllHandlers() {
   {
     const Locked lock(handlerLock_);
     removed.swap(handlers_);
+    noteHandlers();
   }
   // Their destructors join threads that may report a link state, which takes the handler lock.
 }
@@ -171,6 +193,7 @@ void AbstractConnectionPointManagerPELClient::forEachHandler(
   for (const auto& handler : handlers_) {
     function(*handler);
   }
+  noteHandlers();
 }
 
 bool AbstractConnectionPointManagerPELClient::dispatchToHandlers(const PellInternalMessage& message,
@@ -182,9 +205,15 @@ bool AbstractConnectionPointManagerPELClient::dispatchToHandlers(const PellInter
 bool AbstractConnectionPointManagerPELClient::offerLocked(const PellInternalMessage& message,
                                                           ResponseList& responses) {
   bool taken = false;
-  for (const auto& handler : handlers_) {
-    taken = handler->handleMessage(message, responses) || taken;
+  try {
+    for (const auto& handler : handlers_) {
+      taken = handler->handleMessage(message, responses) || taken;
+    }
+  } catch (...) {
+    noteHandlers();
+    throw;
   }
+  noteHandlers();
   return taken;
 }
 

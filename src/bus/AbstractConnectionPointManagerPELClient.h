@@ -57,13 +57,14 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
 
   // The role may have been missed, or not been followed: the bus is asked for it a while later. Any
   // thread.
-  void doubtRole() { roleInDoubt_ = true; }
+  void doubtRole();
 
   // Holds back every received message until opened; shut by start-up before connect().
   StartGate& startGate() { return gate_; }
 
  private:
   void messagesLost() override { doubtRole(); }
+  // Nothing is caught up with while the start-up gate is shut.
   bool isBehind() override;
   void catchUp() override;
   void askForRole();
@@ -71,11 +72,13 @@ class AbstractConnectionPointManagerPELClient : public PellInternalClient {
   bool handleMasterState(const PellInternalMessage& message);
   bool offerLocked(const PellInternalMessage& message, ResponseList& responses)
       VALTOR_REQUIRES(handlerLock_);
+  void noteHandlers() VALTOR_REQUIRES(handlerLock_);
 
   const std::string databaseDirectory_;
   StartGate gate_;
   std::atomic<bool> roleInDoubt_{false};
-  mutable Mutex roleLock_;  // a leaf
+  std::atomic<bool> handlersBehind_{false};  // written under handlerLock_
+  mutable Mutex roleLock_;                   // a leaf
   Role role_ VALTOR_GUARDED_BY(roleLock_);
   FairMutex handlerLock_;  // the receive thread has its turn behind any backlog of messages
   std::vector<std::unique_ptr<IPellaInternalProtocolHandler>> handlers_

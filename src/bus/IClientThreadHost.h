@@ -11,20 +11,22 @@ class IClientThreadHost {
   virtual void threadRuns() = 0;
   virtual void threadEnds() = 0;
 
-  // For the receive thread. One attempt to connect, log in and subscribe, which waits at most this
+  // For the receive thread. Blocks while the owner makes its own attempt.
+  virtual void waitForOwner() = 0;
+  // One attempt to connect, log in and subscribe, which waits at most this
   // long for the connection: 0 or -1.
   virtual int attemptConnection(std::chrono::milliseconds longest) = 0;
   // Stores the state and tells the client's hook.
   virtual void linkChanged(int state, const char* reason) = 0;
   // False when it could not be sent.
   virtual bool sendKeepAlive() = 0;
-  // Tells the hook a state that it could not take, and sends subscriptions that met a full socket.
+  // Tells the hook a state that it could not take.
   virtual void repeatWhatFailed() = 0;
 
   // For the message-queue thread. Received messages were lost: memory ran out.
   virtual void messagesLost() = 0;
-  // Whether the work that messages make is behind, since memory or threads were lacking; if so it
-  // is asked to catch up a while later, and again as long as that lasts.
+  // Whether work is behind, since memory, threads or room in a socket were lacking; if so it is
+  // asked to catch up a while later, and again as long as that lasts. Takes no lock.
   virtual bool isBehind() = 0;
   virtual void catchUp() = 0;
 

@@ -33,7 +33,8 @@ class LinkHistory {
   LinkHistory();
 
   // Takes a state in; whether it differs from the one before. An end is lost unless it is wanted.
-  bool note(bool up, const std::string& reason, bool wanted);
+  // Throws std::bad_alloc; the state is taken in then, and what is told of its end may be missing.
+  bool note(bool up, const char* reason, bool wanted);
   Figures figures() const;
 
  private:

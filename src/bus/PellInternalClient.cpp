@@ -68,7 +68,7 @@ bool setReceiveTimeout(int socket, std::chrono::milliseconds timeout) {
 }
 
 // The reasons of the hook, as the log and the figures name them.
-std::string plainReason(const std::string& reason) {
+const char* plainReason(const std::string& reason) {
   constexpr std::array<std::pair<std::string_view, const char*>, 4> kPlain = {
       {{"Socket hung up", "hung up"},
        {"no resp timeout", "no response"},
@@ -79,7 +79,7 @@ std::string plainReason(const std::string& reason) {
       return plain;
     }
   }
-  return reason;
+  return reason.c_str();
 }
 
 bool isUsable(const std::string& host, int32_t port) {
@@ -139,9 +139,21 @@ int PellInternalClient::forwardFrame(const SharedFrame& frame) {
 }
 
 void PellInternalClient::subscribe(const std::string& path) {
-  if (addSubscription(path) && !sendSubscriptions({path})) {
-    // The path is listed, so nobody would send it again on this link.
+  if (!addSubscription(path)) {
+    return;
+  }
+  // The path is listed, so nobody else would send it again on this link.
+  const auto remember = [this] {
     subscriptionsUnsent_ = true;
+    wakeMessageThread();
+  };
+  try {
+    if (!sendSubscriptions({path})) {
+      remember();
+    }
+  } catch (...) {
+    remember();
+    throw;
   }
 }
 
@@ -150,7 +162,16 @@ void PellInternalClient::repeatWhatFailed() {
     onConnectionStateChanged(state, "report repeated");
     reportedState_ = state;
   }
-  if (subscriptionsUnsent_.exchange(false) && !sendSubscriptions(subscriptions())) {
+}
+
+// What fails again is tried again. A new link begins with the whole list.
+void PellInternalClient::catchUp() {
+  if (!subscriptionsUnsent_.exchange(false) || !isConnected()) {
+    return;
+  }
+  try {
+    subscriptionsUnsent_ = !sendSubscriptions(subscriptions());
+  } catch (const std::exception&) {
     subscriptionsUnsent_ = true;
   }
 }
@@ -207,14 +228,14 @@ void PellInternalClient::noteLink(int state, const std::string& reason) {
 
 void PellInternalClient::sayLink(int state, const std::string& reason) {
   const char* const wanted = state == 1 ? nullptr : endReason_.exchange(nullptr);
-  const std::string why = wanted != nullptr ? wanted : plainReason(reason);
+  const char* const why = wanted != nullptr ? wanted : plainReason(reason);
   if (!history_.note(state == 1, why, wanted != nullptr || isClosing())) {
     return;
   }
   if (state == 1) {
     syslog(LOG_NOTICE, "%s is connected.\n", linkName().c_str());
   } else {
-    syslog(LOG_NOTICE, "%s is disconnected: %s.\n", linkName().c_str(), why.c_str());
+    syslog(LOG_NOTICE, "%s is disconnected: %s.\n", linkName().c_str(), why);
   }
 }
 
@@ -251,11 +272,36 @@ int PellInternalClient::connect() {
   endReason_ = nullptr;
   closing_->reset();
   try {
-    const int result = attemptConnection(timing_.ownerAttempt);
-    return startThreads() ? result : -1;
+    return attemptAsOwner();
   } catch (...) {
-    stopThreads("connect failed");  // a link that stands has nobody who reads it
+    stopThreads("connect failed");
     throw;
+  }
+}
+
+// The threads first: a link that nobody can read is none, and must not begin only to end at once.
+int PellInternalClient::attemptAsOwner() {
+  struct Turn {
+    explicit Turn(PellInternalClient& owned) : client(owned) { client.setOwnerTries(true); }
+    ~Turn() { client.setOwnerTries(false); }
+    Turn(const Turn&) = delete;
+    Turn& operator=(const Turn&) = delete;
+    PellInternalClient& client;
+  };
+  const Turn turn(*this);
+  return startThreads() ? attemptConnection(timing_.ownerAttempt) : -1;
+}
+
+void PellInternalClient::setOwnerTries(bool tries) {
+  const Locked lock(threadsLock_);
+  ownerTries_ = tries;
+  threadsChanged_.notify_all();
+}
+
+void PellInternalClient::waitForOwner() {
+  const Locked lock(threadsLock_);
+  while (ownerTries_) {
+    threadsChanged_.wait(threadsLock_);
   }
 }
 
@@ -353,23 +399,40 @@ bool PellInternalClient::startThreads() {
   auto messages =
       std::make_unique<PellInternalClientMsgQThread>(PellInternalClientMsgQThread::Parts{
           *this, queue_, parser_, *closing_, timing_, name_, watchdog_});
-  // Counted before each can end, kept as members only once they run.
-  threadBegins();
-  if (receive->start()) {
-    rxThread_ = std::move(receive);
-    threadBegins();
-    if (messages->start()) {
-      msgQThread_ = std::move(messages);
+  // Kept as members only once they run. The one that waits for the owner's attempt last, so that
+  // it need not be ended meanwhile.
+  if (startCounted(*messages)) {
+    msgQThread_ = std::move(messages);
+    if (startCounted(*receive)) {
+      rxThread_ = std::move(receive);
       return true;
     }
   }
-  {
-    const Locked lock(threadsLock_);
-    --threadsWorking_;
-  }
-  threadEnded();
   stopThreads("thread not started");
   return false;
+}
+
+// Counted before it can end.
+bool PellInternalClient::startCounted(MyThreadClass& thread) {
+  {
+    const Locked lock(threadsLock_);
+    ++threadsAlive_;
+    ++threadsWorking_;
+  }
+  bool started = false;
+  try {
+    started = thread.start();
+  } catch (const std::bad_alloc&) {
+    // Refused, with no memory to say why.
+  }
+  if (!started) {
+    {
+      const Locked lock(threadsLock_);
+      --threadsWorking_;
+    }
+    threadEnded();
+  }
+  return started;
 }
 
 void PellInternalClient::waitTillComplete() {
@@ -385,12 +448,6 @@ void PellInternalClient::waitTillComplete() {
 bool PellInternalClient::isRunning() {
   const Locked lock(threadsLock_);
   return threadsAlive_ > 0;
-}
-
-void PellInternalClient::threadBegins() {
-  const Locked lock(threadsLock_);
-  ++threadsAlive_;
-  ++threadsWorking_;
 }
 
 void PellInternalClient::threadEnded() {

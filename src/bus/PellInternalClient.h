@@ -28,6 +28,7 @@ namespace valtor {
 
 class ConnectionPointPhy;
 class FrameSender;
+class MyThreadClass;
 class PellInternalClientMsgQThread;
 class PellInternalClientRxThread;
 class Watchdog;
@@ -90,9 +91,11 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   virtual void setConnectionState(int state, const std::string& reason);
 
   // For the owner. 0 when the link stands, else -1; the receive thread keeps trying in both cases.
-  // An idle client makes one short attempt and then starts its threads; a running one only reports.
-  // Without a usable endpoint (no host, or a port outside 1 to 65535) nothing is started and the
-  // answer is -1, with one warning. A host that cannot be resolved stops the process.
+  // An idle client starts its threads and makes one short attempt, whose end the receive thread
+  // waits for; where a thread cannot be started there is no attempt, and it stays idle. A running
+  // one only reports. Without a usable endpoint (no host, or a port outside 1 to 65535) nothing is
+  // started and the answer is -1, with one warning. A host that cannot be resolved stops the
+  // process.
   int connect();
   // Sends the message as it is. 0 when sent or dropped because the link is down, -1 on failure.
   int sendConstMessage(const PellInternalMessage& message);
@@ -162,6 +165,11 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   void setReceiveAll(bool receiveAll) { receiveAll_ = receiveAll; }
 
  protected:
+  bool isBehind() override { return subscriptionsUnsent_; }
+  void catchUp() override;
+  // The message-queue thread asks isBehind() soon, also where nothing arrives. Any thread.
+  void wakeMessageThread() { queue_.wake(); }
+
   // Ends the link and both threads like close(), with the destructor's log lines. A second call
   // does nothing.
   void stopForDestruction();
@@ -180,19 +188,21 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
 
   void threadRuns() override;
   void threadEnds() override;
+  void waitForOwner() override;
   int attemptConnection(std::chrono::milliseconds longest) override;
   void linkChanged(int state, const char* reason) override;
   bool sendKeepAlive() override;
   void repeatWhatFailed() override;
   void messagesLost() override {}
-  bool isBehind() override { return false; }
-  void catchUp() override {}
 
   bool openLink(UniqueDescriptor socket);
   JSONPtr subscribeObject(const std::vector<std::string>& paths) const;
   JSONPtr moduleReadyObject();
   int sendAs(const PellInternalMessage& message, int32_t sourceConnID);
+  int attemptAsOwner() VALTOR_REQUIRES(lifecycle_);
+  void setOwnerTries(bool tries);
   bool startThreads() VALTOR_REQUIRES(lifecycle_);
+  bool startCounted(MyThreadClass& thread);
   void stopThreads(const char* reason) VALTOR_REQUIRES(lifecycle_);
   void beginClosing();
   void closeAs(const char* reason);
@@ -202,7 +212,6 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   void noteLink(int state, const std::string& reason);
   void sayLink(int state, const std::string& reason);
   static std::stop_token callersToken();
-  void threadBegins();
   void threadEnded();
 
   Timing timing_;
@@ -238,6 +247,7 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   int threadsAlive_ VALTOR_GUARDED_BY(threadsLock_) = 0;    // until their last step
   int threadsWorking_ VALTOR_GUARDED_BY(threadsLock_) = 0;  // until they have only that left
   const char* ownClose_ VALTOR_GUARDED_BY(threadsLock_) = nullptr;  // why an own thread closed
+  bool ownerTries_ VALTOR_GUARDED_BY(threadsLock_) = false;         // its attempt is under way
 };
 
 }  // namespace valtor

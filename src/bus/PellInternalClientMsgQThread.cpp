@@ -82,6 +82,9 @@ void PellInternalClientMsgQThread::handleBatch() {
 }
 
 void PellInternalClientMsgQThread::catchUp() {
+  if (parts_.closing.begun()) {
+    return;  // what is behind ends, too
+  }
   if (catchUpDue_ && Clock::now() >= *catchUpDue_) {
     catchUpDue_.reset();
     parts_.host.catchUp();

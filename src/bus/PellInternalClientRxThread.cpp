@@ -28,6 +28,7 @@ PellInternalClientRxThread::PellInternalClientRxThread(const Parts& parts, uint3
 
 void PellInternalClientRxThread::InternalThreadEntry() {
   const ClientThreadScope scope(parts_.host);
+  parts_.host.waitForOwner();
   lastKeepAlive_ = Clock::now();
   while (goesOn()) {
     try {

@@ -26,8 +26,20 @@ bool ReceiveQueue::hasRoom(Limits limits) const {
 bool ReceiveQueue::waitForChunk(const std::stop_token& stop,
                                 std::optional<std::chrono::steady_clock::time_point> until) {
   const Locked lock(lock_);
-  const auto waits = [this]() VALTOR_REQUIRES(lock_) { return !chunks_.empty(); };
-  return until ? filled_.wait_until(lock_, stop, *until, waits) : filled_.wait(lock_, stop, waits);
+  const auto ends = [this]() VALTOR_REQUIRES(lock_) { return !chunks_.empty() || woken_; };
+  if (until) {
+    filled_.wait_until(lock_, stop, *until, ends);
+  } else {
+    filled_.wait(lock_, stop, ends);
+  }
+  woken_ = false;
+  return !chunks_.empty();
+}
+
+void ReceiveQueue::wake() {
+  const Locked lock(lock_);
+  woken_ = true;
+  filled_.notify_one();
 }
 
 ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t byteBound,

@@ -41,9 +41,12 @@ class ReceiveQueue {
   void push(ReceivedChunk chunk);
   // Whether neither limit is reached.
   bool hasRoom(Limits limits) const;
-  // Blocks until a chunk waits, the token is stopped, or it is that late. Whether a chunk waits.
+  // Blocks until a chunk waits, wake() was called, the token is stopped, or it is that late.
+  // Whether a chunk waits.
   bool waitForChunk(const std::stop_token& stop,
                     std::optional<std::chrono::steady_clock::time_point> until);
+  // Ends the wait of this moment, or the next one.
+  void wake();
 
   // Appends the front chunks' bytes to the buffer while it holds at most byteBound bytes. Ends
   // early before the first chunk of another link, and when the drained count, which goes on from
@@ -70,6 +73,7 @@ class ReceiveQueue {
   std::condition_variable_any filled_;
   std::deque<ReceivedChunk> chunks_ VALTOR_GUARDED_BY(lock_);
   std::size_t bytes_ VALTOR_GUARDED_BY(lock_) = 0;  // those of all chunks
+  bool woken_ VALTOR_GUARDED_BY(lock_) = false;
   // When the first chunk of those that are being handled came.
   std::optional<std::chrono::steady_clock::time_point> handled_ VALTOR_GUARDED_BY(lock_);
 };

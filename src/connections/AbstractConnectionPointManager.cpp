@@ -289,10 +289,16 @@ void AbstractConnectionPointManager::markClientsForDeletion(bool marked) {
 void AbstractConnectionPointManager::catchUp() {
   behind_ = false;
   try {
-    for (const auto& connectionPoint : set_.all()) {
+    const ConnectionPointSet::List all = set_.all();
+    if (!all.empty()) {
       ensureCleanupThread();
+    }
+    for (const auto& connectionPoint : all) {
       if (connectionPoint->isEnabled() && !connectionPoint->isConnected()) {
         connectionPoint->connect();
+      }
+      if (behind_) {
+        return;  // what this one lacks, the others would lack, too
       }
     }
   } catch (...) {

@@ -88,10 +88,11 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   bool handleMessage(const PellInternalMessage& message, ResponseList& responses) override;
 
   // A connection point that should be connected may not even be trying, since memory or threads
-  // were lacking. Any thread.
+  // were lacking. For whoever connects: a client looks after it has called a handler.
   void noteBehind() { behind_ = true; }
   bool isBehind() const override { return behind_; }
-  // Connects every enabled connection point that is not; one that is trying goes on.
+  // Connects every enabled connection point that is not, up to the first that cannot even try; one
+  // that is trying goes on.
   void catchUp() override;
 
   // The number of clients of the system's servers that are connected.
@@ -191,8 +192,8 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   IncomingClientFile incomingClientFile_;
   AnswerRoom answerRoom_;  // of the request that is being handled
   std::chrono::milliseconds cleanupInterval_ = ConnectionPointCleanupThread::kPollTimeout;
-  // Touched only by whoever adds connection points and by the destructors.
   std::atomic<bool> behind_{false};
+  // Touched only by whoever adds connection points and by the destructors.
   std::unique_ptr<ConnectionPointCleanupThread> cleanupThread_;
 };
 

@@ -262,18 +262,24 @@ bool ConnectionPoint::isMarkedForDeletion() const { return deletable_ && markedF
 void ConnectionPoint::setConnected(bool connected) {
   syslog(LOG_DEBUG, "%s, %s = %d\n", "virtual void ConnectionPoint::setConnected(bool)",
          nameForLog(getUniqueID()).c_str(), connected ? 1 : 0);
-  if (connected_.exchange(connected) == connected) {
+  const bool repeats = unannounced_.exchange(false);
+  if (connected_.exchange(connected) == connected && !repeats) {
     return;
   }
   {
     const Locked lock(descriptionLock_);
     recount();
   }
-  {
-    const Locked lock(notificationLock_);
-    applyOnline(connected_);
+  try {
+    {
+      const Locked lock(notificationLock_);
+      applyOnline(connected_);
+    }
+    notifyParam(connected && connected_);
+  } catch (...) {
+    unannounced_ = true;
+    throw;
   }
-  notifyParam(connected && connected_);
 }
 
 bool ConnectionPoint::isConnected() const { return connected_; }

@@ -57,7 +57,8 @@ class ConnectionPoint : public AbstractJSONBackedData {
 
   // Takes the new state. On a change, every device connection follows and both are announced, with
   // the state that holds when the announcement is made, so that the last word on the bus is true
-  // even when two threads report at once.
+  // even when two threads report at once. When that fails and throws, the next call announces
+  // again, also without a change.
   virtual void setConnected(bool connected);
   virtual bool isConnected() const;
 
@@ -144,6 +145,8 @@ class ConnectionPoint : public AbstractJSONBackedData {
   AbstractConnectionPointManager& manager() const { return manager_; }
   // Why disconnect() was called last.
   const char* endReason() const { return endReason_; }
+  // Whether an announcement of the state failed.
+  bool isUnannounced() const { return unannounced_; }
   // Set by a subclass while it is built.
   void setDeletable(bool deletable) { deletable_ = deletable; }
 
@@ -186,6 +189,7 @@ class ConnectionPoint : public AbstractJSONBackedData {
   std::atomic<std::chrono::system_clock::time_point> enabledSince_{
       std::chrono::system_clock::now()};
   std::atomic<bool> connected_{false};
+  std::atomic<bool> unannounced_{false};
   std::atomic<const char*> endReason_{"disabled"};
   std::atomic<bool> markedForDeletion_{false};
   std::atomic<bool> deletable_{false};

@@ -48,11 +48,17 @@ bool ConnectionPointSet::store(const Pointer& connectionPoint, Pointer& replaced
   if (!hasRoom(uniqueID)) {
     return false;
   }
-  {
+  const auto [place, isNew] = stored_.try_emplace(uniqueID);
+  try {
     const Locked list(listLock_);
-    replaced = std::exchange(listed_[uniqueID], connectionPoint);
+    listed_[uniqueID] = connectionPoint;
+  } catch (...) {
+    if (isNew) {
+      stored_.erase(place);
+    }
+    throw;
   }
-  stored_[uniqueID] = connectionPoint;
+  replaced = std::exchange(place->second, connectionPoint);
   if (replaced) {
     replaced->countIn(nullptr);
   }

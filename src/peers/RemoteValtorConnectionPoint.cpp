@@ -1,6 +1,7 @@
 #include "peers/RemoteValtorConnectionPoint.h"
 
 #include <chrono>
+#include <new>
 #include <string>
 #include <syslog.h>
 #include <utility>
@@ -123,7 +124,11 @@ void RemoteValtorConnectionPoint::connect(ValtorRouterPeerConnection& peer) cons
 void RemoteValtorConnectionPoint::disconnect() {
   // Whoever asks for the end hears of it even when no link stands; the peer's own report, which
   // comes last, then finds nothing changed.
-  setConnected(false);
+  try {
+    setConnected(false);
+  } catch (const std::bad_alloc&) {
+    // The link has to end all the same, and its end is announced again.
+  }
   if (const auto peers = routerPeerManager()) {
     if (const auto peer = ownPeer(*peers)) {
       peers->letFramesOut();
@@ -151,7 +156,7 @@ void RemoteValtorConnectionPoint::giveUpPeer() {
     }
   }
   insist(kWhat, [this] {
-    if (isConnected()) {
+    if (isConnected() || isUnannounced()) {
       setConnected(false);
     }
   });

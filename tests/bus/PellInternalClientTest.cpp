@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <stdexcept>
 #include <syslog.h>
 #include <thread>
@@ -130,6 +131,35 @@ TEST_F(PellInternalClientTest, ASilentPeerGetsFiveKeepAlivesAndIsThenGivenUp) {
   EXPECT_THROW(peer->readFrame(), std::runtime_error);
   acceptLogin();
   EXPECT_EQ(client_.states.lines()[1], "0 no resp timeout");
+}
+
+// While it lives no thread gets its stack.
+class NoThreads {
+ public:
+  NoThreads() {
+    pthread_getattr_default_np(&before_);
+    pthread_attr_t huge = before_;
+    pthread_attr_setstacksize(&huge, SIZE_MAX / 4 & ~std::size_t{0xFFFF});
+    EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
+  }
+  ~NoThreads() { pthread_setattr_default_np(&before_); }
+  NoThreads(const NoThreads&) = delete;
+  NoThreads& operator=(const NoThreads&) = delete;
+
+ private:
+  pthread_attr_t before_{};
+};
+
+TEST_F(PellInternalClientTest, WithoutThreadsNothingIsTriedOrReported) {
+  {
+    const NoThreads none;
+    EXPECT_EQ(client_.connect(), -1);
+  }
+  EXPECT_EQ(log_.countContaining("could not be started"), 1);
+  EXPECT_FALSE(client_.isRunning());
+  EXPECT_FALSE(node_.hasConnectionWithin(0ms));
+  EXPECT_EQ(client_.states.lines(), Lines());
+  connect();
 }
 
 TEST_F(PellInternalClientTest, AHookThatFailsInConnectLeavesNoLinkBehind) {

@@ -57,7 +57,12 @@ class FakeConnectionPoint : public ConnectionPoint {
     setDeletable(true);
   }
   using ConnectionPoint::setDeletable;
-  int connect() override { return ++connects; }
+  int connect() override {
+    if (lacksThreads) {
+      manager().noteBehind();
+    }
+    return ++connects;
+  }
   void disconnect() override {
     ++disconnects;
     onDisconnect();
@@ -82,6 +87,7 @@ class FakeConnectionPoint : public ConnectionPoint {
     return device;
   }
 
+  bool lacksThreads = false;
   int connects = 0;
   int deviceSearches = 0;
   std::atomic<int> disconnects{0};

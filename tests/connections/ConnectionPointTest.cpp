@@ -86,6 +86,16 @@ TEST_F(ConnectionPointTest, AnnouncesEachChangeOfItsStateOnce) {
   EXPECT_EQ(log.count(LOG_DEBUG, "virtual void ConnectionPoint::setConnected(bool), A = 1\n"), 2);
 }
 
+TEST_F(ConnectionPointTest, AnnouncesAgainWhatCouldNotBeAnnounced) {
+  cp->onRender = [] { throw std::bad_alloc(); };
+  EXPECT_THROW(cp->setConnected(true), std::bad_alloc);
+  EXPECT_THROW(cp->setConnected(true), std::bad_alloc);
+  cp->onRender = [] {};
+  cp->setConnected(true);
+  cp->setConnected(true);
+  EXPECT_EQ(bus.payloads().size(), 1U);
+}
+
 TEST_F(ConnectionPointTest, AnUpdateWithOtherPhysDisconnectsWithoutTheDescriptionLock) {
   cp->setConnected(true);
   // What a disconnect waits for may itself ask for the description.

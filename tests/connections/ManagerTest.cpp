@@ -66,8 +66,16 @@ TEST_F(ManagerTest, WhatARequestThatWasCutShortLeftUnconnectedIsCaughtUpWith) {
   const std::string moved = R"({"param":{"connectionPoint":[)" + clientDescription("A", 7) + "]}}";
   EXPECT_THROW(manager.handle("UPDATE", moved), std::bad_alloc);
   EXPECT_TRUE(manager.isBehind());
+  const auto other = manager.add(clientDescription("B"));
+  cp->lacksThreads = true;
   manager.catchUp();
   EXPECT_EQ(cp->connects, 2);
+  EXPECT_EQ(other->connects, 1);  // not tried
+  EXPECT_TRUE(manager.isBehind());
+  cp->lacksThreads = false;
+  manager.catchUp();
+  EXPECT_EQ(cp->connects, 3);
+  EXPECT_EQ(other->connects, 2);
   EXPECT_FALSE(manager.isBehind());
 }
 
