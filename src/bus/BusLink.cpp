@@ -172,6 +172,7 @@ BusLink::SendResult BusLink::writeBytes(const SharedFrame& frame, const Outgoing
   } else if (result.sent > 0 && head == nullptr) {
     try {
       queue_.pushFront(frame, result.sent);
+      result.kept = true;
       headFullSince_.reset();
     } catch (const std::bad_alloc&) {
       shutdownSocket();  // without the rest no further frame can follow
@@ -377,7 +378,8 @@ std::optional<BusLink::SendResult> BusLink::drainHead(Wait& wait) {
   } else if (!headFullSince_) {
     headFullSince_ = now;
   } else if (now - *headFullSince_ >= budget_) {
-    headFullSince_ = now;  // the frame stays
+    headFullSince_ = now;
+    result.kept = true;
     result.outcome = Send::BudgetExhausted;
     return result;
   }
@@ -411,7 +413,8 @@ void BusLink::noteDropped() {
          nameForLog(name_).c_str());
 }
 
-// Ends the episode of a router that was stalled.
+// Ends the episode of a router that was stalled. Without an allocation: there may be no memory, and
+// a change of the link's state must go through.
 void BusLink::sayWhatChanged() {
   std::size_t count = 0;
   {
@@ -421,8 +424,8 @@ void BusLink::sayWhatChanged() {
     }
     std::swap(count, droppedFrames_);
   }
-  syslog(LOG_WARNING, "%s: %zu messages were dropped while it took none.\n",
-         nameForLog(name_).c_str(), count);
+  syslog(LOG_WARNING, "%.1024s: %zu messages were dropped while it took none.\n", name_.c_str(),
+         count);
 }
 
 void BusLink::report(const SendResult& result) const {
@@ -432,7 +435,9 @@ void BusLink::report(const SendResult& result) const {
            "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
            shownDescriptor(), nameForLog(name_).c_str(), errnoText(result.error).c_str());
   } else if (result.outcome == Send::BudgetExhausted) {
-    countWarning(Warning::SendGaveUp);
+    if (!result.kept) {
+      countWarning(Warning::SendGaveUp);
+    }
     syslog(LOG_ERR,
            "const PellInternalClient::sendMessage FAILED after 100 retries (sent %d/%zd)\n",
            static_cast<int>(result.sent), static_cast<ssize_t>(result.size));
@@ -485,8 +490,8 @@ void BusLink::sayLost(std::size_t count) {
   sayWhatChanged();
   if (count > 0) {
     countWarning(Warning::LostWithLink);
-    syslog(LOG_WARNING, "%s: %zu messages that waited to leave are lost with the link.\n",
-           nameForLog(name_).c_str(), count);
+    syslog(LOG_WARNING, "%.1024s: %zu messages that waited to leave are lost with the link.\n",
+           name_.c_str(), count);
   }
 }
 

@@ -51,6 +51,7 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
     int error = 0;         // errno of a failed send
     std::size_t sent = 0;  // bytes of this frame that went out
     std::size_t size = 0;  // bytes of this frame; 0 when none was tried
+    bool kept = false;     // given up, but what is left of it leaves later: nothing is lost
   };
 
   // What the sender has to do about a link that it has looked at.

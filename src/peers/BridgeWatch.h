@@ -3,6 +3,7 @@
 #include <new>
 #include <syslog.h>
 
+#include "app/util/OwnedJSON.h"
 #include "peers/Crossings.h"
 #include "peers/LoopWatch.h"
 #include "peers/TrafficTap.h"
@@ -17,9 +18,10 @@ struct BridgeWatch {
   TrafficTap tap;
 };
 
-// Runs what only watches a message: that must not cost the message itself.
+// Runs what only watches a message: that must not cost the message itself, nor its answer.
 template <typename Watcher>
 void justWatch(const Watcher& watcher) {
+  const JSONFailureScope scope;
   try {
     watcher();
   } catch (const std::bad_alloc&) {

@@ -1,9 +1,13 @@
 #include "peers/Crossings.h"
 
+#include "app/util/ErrnoText.h"
+
 namespace valtor {
 
+std::string_view shownPath(std::string_view path) { return cutText(path, HeaderLine::kLongest); }
+
 Crossings::Pair* Crossings::find(std::size_t known, Direction direction, MessageKind kind,
-                                 const std::string& path) {
+                                 std::string_view path) {
   for (std::size_t i = 0; i < known; ++i) {
     Pair& pair = pairs_[i];
     if (pair.kind == kind && pair.direction == direction && pair.path == path) {
@@ -15,7 +19,7 @@ Crossings::Pair* Crossings::find(std::size_t known, Direction direction, Message
 
 // Null when all places are taken.
 Crossings::Pair* Crossings::findOrAdd(Direction direction, MessageKind kind,
-                                      const std::string& path) {
+                                      std::string_view path) {
   const Locked lock(addLock_);
   const std::size_t known = known_;
   if (Pair* const pair = find(known, direction, kind, path); pair != nullptr || known == kPairs) {
@@ -29,8 +33,9 @@ Crossings::Pair* Crossings::findOrAdd(Direction direction, MessageKind kind,
   return &added;
 }
 
-void Crossings::add(Direction direction, MessageKind kind, const std::string& path,
+void Crossings::add(Direction direction, MessageKind kind, std::string_view path,
                     std::size_t bytes) {
+  path = shownPath(path);
   const std::size_t known = known_.load(std::memory_order_acquire);
   Pair* pair = find(known, direction, kind, path);
   if (pair == nullptr && known < kPairs) {

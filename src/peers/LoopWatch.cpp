@@ -40,8 +40,9 @@ void LoopWatch::note(const PellInternalMessage& message, const void* router,
     return;
   }
   const bool outwards = router == nullptr;
-  Circle circle{message.getKind(), message.header.path, outwards ? "the controller" : names(),
-                outwards ? names() : "the controller", std::chrono::system_clock::now()};
+  Circle circle{message.getKind(), std::string(shownPath(message.header.path)),
+                outwards ? "the controller" : names(), outwards ? names() : "the controller",
+                std::chrono::system_clock::now()};
   countWarning(Warning::MessageCircles);
   syslog(
       LOG_WARNING,

@@ -3,35 +3,28 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
+#include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
 
 namespace valtor {
 
 namespace {
 
-// At most so many bytes of a text, and no half character at the end (UTF-8, RFC 3629).
-std::string cutText(const char* text, std::size_t most) {
-  std::size_t length = strnlen(text, most + 1);
-  if (length > most) {
-    length = most;
-    while (length > 0 && (static_cast<unsigned char>(text[length]) & 0xC0U) == 0x80U) {
-      --length;
-    }
-  }
-  return std::string(text, length);
-}
-
+// "" without the memory for all of it.
 std::string lineOf(Direction direction, const PellInternalMessage& message,
                    const FilterResult& result) {
+  takeJSONFailure();
   const JSONPtr object(cJSON_CreateObject());
   const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
   cJSON_AddNumberToObject(object.get(), "time", now.count());
   cJSON_AddStringToObject(object.get(), "direction",
                           direction == Direction::ToRouters ? "toRouter" : "fromRouter");
   cJSON_AddStringToObject(object.get(), "kind", kindName(message.getKind()));
-  cJSON_AddStringToObject(object.get(), "path", message.header.path.c_str());
+  cJSON_AddStringToObject(object.get(), "path",
+                          std::string(shownPath(message.header.path)).c_str());
   cJSON_AddNumberToObject(object.get(), "source", message.header.sourceConnID);
   cJSON_AddNumberToObject(object.get(), "destination", message.header.destConnID);
   cJSON_AddBoolToObject(object.get(), "passed", result.pass ? 1 : 0);
@@ -39,10 +32,12 @@ std::string lineOf(Direction direction, const PellInternalMessage& message,
     cJSON_AddStringToObject(object.get(), "rule", result.rule != nullptr ? result.rule : "??");
   }
   cJSON_AddNumberToObject(object.get(), "bytes", static_cast<double>(message.receivedBytes()));
-  const char* const body = message.bodyText();
+  const char* const body = message.bodyText() != nullptr ? message.bodyText() : "";
+  const std::string_view seen(body, strnlen(body, TrafficTap::kShownBody + 1));
   cJSON_AddStringToObject(object.get(), "body",
-                          cutText(body != nullptr ? body : "", TrafficTap::kShownBody).c_str());
-  return printJSON(object.get(), false) + '\n';
+                          std::string(cutText(seen, TrafficTap::kShownBody)).c_str());
+  std::string line = printJSON(object.get(), false) + '\n';
+  return takeJSONFailure() ? std::string() : line;
 }
 
 }  // namespace
@@ -86,6 +81,10 @@ void TrafficTap::offer(const std::string& uniqueID, Direction direction,
     }
     if (line.empty()) {
       line = lineOf(direction, message, result);
+      if (line.empty()) {
+        ++follower->missed;
+        continue;
+      }
     }
     const bool wasEmpty = follower->lines.empty();
     follower->lines.push_back(line);

@@ -12,10 +12,12 @@
 #include "app/StatusServer.h"
 #include "app/util/OwnedJSON.h"
 #include "bus/BusSupport.h"
+#include "peers/BridgeWatch.h"
 #include "peers/Crossings.h"
 #include "peers/LoopWatch.h"
 #include "support/BridgeSite.h"
 #include "support/LogCapture.h"
+#include "support/Sanitized.h"
 #include "support/TemporaryFolder.h"
 #include "support/Vocabulary.h"
 
@@ -242,6 +244,31 @@ TEST(LoopWatch, WarnsOnceAnEpisodeOfTheSameMessageAndOfNoOther) {
   cross(received(202, 490), 11, nullptr);
   EXPECT_EQ(loops.figures().episodes, 2U);
   EXPECT_EQ(loops.figures().last->from, "the controller");
+}
+
+TEST_F(StatusTest, ALongPathIsShownByItsBeginning) {
+  ASSERT_TRUE(BridgeSite::becomesLinked(*site.alpha));
+  const std::size_t before = ask(path).size();
+  const std::string begin = "long" + std::string(250, 'p');
+  for (const char* const rest : {"\u00e9", "xy"}) {  // half a character would be no JSON
+    const std::string payload =
+        "[\"NOT\", \"" + begin + rest + std::string(60'000, 'q') + "\", 490, 0, 0]\n{}";
+    (*site.controller)
+        ->writeRaw(Daemon::kClientName, std::to_string(payload.size()) + ":" + payload + ";");
+  }
+  ASSERT_TRUE(eventually([&] { return ask(path).find(begin + "x\"") != std::string::npos; }));
+  EXPECT_NE(ask(path).find(begin + "\""), std::string::npos);
+  EXPECT_LT(ask(path).size(), before + 2000);
+}
+
+TEST(JustWatch, AFailureOfItsOwnCostsNoAnswer) {
+  if (!kSanitized) {  // they end the process
+    justWatch([] { cJSON_malloc(SIZE_MAX / 2); });
+    EXPECT_FALSE(takeJSONFailure());
+    cJSON_malloc(SIZE_MAX / 2);
+    justWatch([] {});
+    EXPECT_TRUE(takeJSONFailure());
+  }
 }
 
 TEST(Crossings, PairsBeyondTheLimitCountTogether) {

@@ -6,6 +6,7 @@
 
 #include "app/util/Watchdog.h"
 #include "bus/BusLink.h"
+#include "bus/BusSupport.h"
 #include "bus/FrameSender.h"
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
@@ -229,8 +230,16 @@ TEST_F(ForwardingTest, WhoSendsPastAQueueThatCannotMoveGivesUpAfterItsBudget) {
   }
   EXPECT_EQ(link->forward(frame(std::string(10'000, 'y')), {}), BusLink::Send::Sent);
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(link->send(frame("past"), 1).outcome, BusLink::Send::BudgetExhausted);
+    const auto result = link->send(frame("past"), 1);
+    EXPECT_EQ(result.outcome, BusLink::Send::BudgetExhausted);
+    EXPECT_FALSE(result.kept);
   }
+  // That the queue's head goes on waiting is logged, and no loss.
+  const auto gaveUp = [] { return test::countOf(Warning::SendGaveUp); };
+  const uint64_t before = gaveUp();
+  const auto lines = log_.countContaining("after 100 retries");
+  EXPECT_TRUE(eventually([&] { return log_.countContaining("after 100 retries") > lines + 1; }));
+  EXPECT_EQ(gaveUp(), before);
   link->closeSocket();
 }
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/util/Warnings.h"
 #include "bus/message/PellInternalMessage.h"
 
 namespace valtor::test {
@@ -14,6 +15,11 @@ inline PellInternalMessage received(const std::string& payload) {
   auto buffer = std::make_unique<char[]>(payload.size() + 1);
   payload.copy(buffer.get(), payload.size());
   return PellInternalMessage(std::move(buffer));
+}
+
+// How often that was warned of in this process.
+inline uint64_t countOf(Warning kind) {
+  return warningCounts()[static_cast<std::size_t>(kind)].count;
 }
 
 // What happened, in order. Any thread may add.

@@ -18,6 +18,7 @@ using Lines = std::vector<std::string>;
 // What a test sees of the handlers that the client owns.
 struct HandlerRecord : test::Record {
   std::atomic<int> alive{0};
+  std::atomic<bool> behind{false};
 };
 
 class RecordingHandler : public IPellaInternalProtocolHandler {
@@ -42,6 +43,8 @@ class RecordingHandler : public IPellaInternalProtocolHandler {
     return JSONPtr(takes_ == "tally" ? nullptr : cJSON_Parse(("[\"" + takes_ + "\",1]").c_str()));
   }
   void onBusConnectionChanged(bool connected) override { record_.add(connected ? "up" : "down"); }
+  bool isBehind() const override { return record_.behind; }
+  void catchUp() override { record_.behind = false; }
 
  private:
   HandlerRecord& record_;
@@ -156,6 +159,45 @@ TEST_F(InterfaceClientTest, StandbyDropsTheHandlersAndAnyOtherRoleLoadsTheDataba
   peer->sendPayload("[\"SET\", \"system\", 2, 0, 0]\n{\"param\":{\"mdxMasterState\":1}}");
   peer->sendPayload("[\"RSP\", \"system\", 2, 0, 0]\nno json");
   EXPECT_TRUE(test::eventually([&] { return record_.lines().size() == 2; }));
+}
+
+TEST_F(InterfaceClientTest, AnIdleClientCatchesUpOnceTheGateIsOpenUnlessItIsClosed) {
+  client_.connect();
+  auto peer = acceptLink();
+  client_.startGate().shut();
+  record_.behind = true;
+  addHandler("device");
+  client_.doubtRole();
+  EXPECT_FALSE(test::eventually([&] { return !record_.behind; }, std::chrono::milliseconds(60)));
+  client_.startGate().open();
+  EXPECT_NE(peer->readFrame().find("mdxMasterState"), std::string::npos);
+  EXPECT_FALSE(record_.behind);
+  client_.startGate().shut();
+  record_.behind = true;
+  addHandler("tally");
+  client_.close();
+  EXPECT_TRUE(record_.behind);
+}
+
+TEST_F(InterfaceClientTest, WhatAFullSocketDidNotTakeIsAskedAgainWhileNothingArrives) {
+  client_.connect();
+  auto peer = acceptLink();
+  const std::string note = "[\"NOT\", \"route\", 100, 7, 0]\n" + std::string(100'000, ' ');
+  const PellInternalMessage filler = test::received(note);
+  for (int refused = 0; refused < 3;) {
+    refused = client_.forwardMessage(filler) == 0 ? 0 : refused + 1;
+  }
+  const auto gaveUp = [] { return test::countOf(Warning::SendGaveUp); };
+  const uint64_t before = gaveUp();
+  client_.subscribe("extra");
+  client_.doubtRole();
+  ASSERT_TRUE(test::eventually([&] { return gaveUp() >= before + 3; }));  // both once more
+  std::string got;
+  while (got.find("extra") == std::string::npos ||
+         got.find("mdxMasterState") == std::string::npos) {
+    const std::string frame = peer->readFrame();
+    got += frame != note ? frame : "";
+  }
 }
 
 TEST_F(InterfaceClientTest, FeedsTheWatchdogIdleAndAtTheGateButNotBehindAHandlerThatHangs) {

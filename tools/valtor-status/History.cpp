@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kWarningInterval{10};       // for each kind
 constexpr std::array<std::pair<const char*, const char*>, 6> kWarnings = {{
     {"notConnected", "messages dropped since a link is down"},
     {"sendFailed", "links broken while a message was sent"},
-    {"sendGaveUp", "times that the far end of a link did not read"},
+    {"sendGaveUp", "messages dropped since the far end did not read"},
     {"lostWithLink", "links lost with messages that waited to leave"},
     {"readingPaused", "pauses of reading, since more came than could be handled"},
     {"messageFailed", "messages that could not be handled"},

@@ -56,8 +56,9 @@ void ConsoleWriter::drop(std::string_view text) {
 
 bool ConsoleWriter::sayHowMuch() {
   char note[96] = "";
-  const int length = std::snprintf(
-      note, sizeof note, "\n%zu bytes of the trace are missing: nobody read them.\n", dropped_);
+  const int length =
+      std::snprintf(note, sizeof note, "\n%llu bytes of the trace are missing: nobody read them.\n",
+                    static_cast<unsigned long long>(dropped_));
   if (writePiece({note, static_cast<std::size_t>(length)}) == 0) {
     return false;
   }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string_view>
 
 #include "app/util/UniqueDescriptor.h"
@@ -30,7 +31,7 @@ class ConsoleWriter {
   // description: set on the given one it would reach every process that shares it, a shell for one.
   // Not valid where there is none.
   UniqueDescriptor own_;
-  std::size_t dropped_ = 0;  // bytes left out since the last line about it
+  uint64_t dropped_ = 0;     // bytes left out since the last line about it
   bool atLineStart_ = true;  // whether what was left out last ended a line
 };
 

@@ -17,4 +17,14 @@ std::string quotedForLog(const char* text) {
 
 std::string nameForLog(const std::string& name) { return name.substr(0, 1024); }
 
+std::string_view cutText(std::string_view text, std::size_t most) {
+  if (text.size() <= most) {
+    return text;
+  }
+  while (most > 0 && (static_cast<unsigned char>(text[most]) & 0xC0U) == 0x80U) {
+    --most;
+  }
+  return text.substr(0, most);
+}
+
 }  // namespace valtor

@@ -32,6 +32,10 @@ void requireWholeJSON() {
   }
 }
 
+JSONFailureScope::JSONFailureScope() : outer_(takeJSONFailure()) {}
+
+JSONFailureScope::~JSONFailureScope() { jsonFailed = outer_; }
+
 OwnedJSON::OwnedJSON(cJSON* item) : OwnedJSON(JSONPtr(item)) {}
 
 OwnedJSON::OwnedJSON(JSONPtr item)

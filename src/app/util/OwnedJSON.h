@@ -61,6 +61,19 @@ bool takeJSONFailure();
 // about what comes now forgets what was before.
 void requireWholeJSON();
 
+// For what is built beside the matter at hand: begins without a failure, and leaves what
+// takeJSONFailure() answers afterwards as it was.
+class JSONFailureScope {
+ public:
+  JSONFailureScope();
+  ~JSONFailureScope();
+  JSONFailureScope(const JSONFailureScope&) = delete;
+  JSONFailureScope& operator=(const JSONFailureScope&) = delete;
+
+ private:
+  const bool outer_;
+};
+
 // Adds an item to an object under a name and gives up its ownership. When memory runs out the item
 // is destroyed and the object stays as it was. Null items are ignored.
 void addMember(cJSON* object, const char* name, JSONPtr item);

@@ -6,11 +6,12 @@
 namespace valtor {
 
 // What went wrong how often since the process began, for whoever asks how it is. Each kind is
-// counted where its log line is written. Any thread may call these; they take no lock.
+// counted where its log line is written, what costs nothing left out. Any thread may call these;
+// they take no lock.
 enum class Warning {
   NotConnected,    // a message dropped since its link is down
   SendFailed,      // a link that broke while a message was sent
-  SendGaveUp,      // a full socket that was waited for in vain
+  SendGaveUp,      // a message dropped since its socket stayed full
   RouterStalled,   // a router that took nothing while too much waited for it
   LostWithLink,    // a link that ended with messages waiting for it
   ReadingPaused,   // more arrived than could be handled

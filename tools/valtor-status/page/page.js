@@ -765,7 +765,7 @@ const kWarnings = {
   __proto__: null,
   notConnected: 'dropped: a link is down',
   sendFailed: 'link broke while sending',
-  sendGaveUp: 'far end not reading for a second',
+  sendGaveUp: 'dropped: far end not reading',
   routerStalled: 'router takes no messages',
   lostWithLink: 'waiting messages lost with a link',
   readingPaused: 'reading pauses',
