@@ -83,6 +83,9 @@ std::string answerTo(const std::string& bytes) {
   std::array<char, 65536> part{};
   for (;;) {
     const ssize_t count = recv(socket.get(), part.data(), part.size(), 0);
+    if (count < 0 && errno == EINTR) {
+      continue;  // libFuzzer's alarm; a recv with a time-out does not go on by itself
+    }
     if (count <= 0) {
       require(count == 0 || errno == ECONNRESET, "the server ends a connection that has ended");
       return text;
