@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +22,7 @@
 
 using valtor::gauntlet::Call;
 using valtor::gauntlet::FaultControl;
+using valtor::gauntlet::movesBytes;
 
 extern "C" {
 void* __libc_malloc(std::size_t size);
@@ -101,6 +103,9 @@ void keepWay() {
 int inject() {
   if (++control->injected == 1) {
     keepWay();
+  }
+  if (control->fault == FaultControl::kDies) {
+    syscall(SYS_kill, syscall(SYS_getpid), SIGKILL);
   }
   return control->fault;
 }
@@ -208,6 +213,7 @@ using Word = unsigned long;
 
 // A call that fails with errno and this result.
 #define VALTOR_FAILS_AS(name, type, counted, failure)                        \
+  static_assert(!movesBytes(Call::counted));                                 \
   VALTOR_IN_PLACE_OF(name, type, (Word a, Word b, Word c, Word d, Word e)) { \
     VALTOR_REAL(name);                                                       \
     if (const int fault = faultOf(Call::counted); fault != 0) {              \
@@ -223,6 +229,7 @@ using Word = unsigned long;
 
 // The same for one that moves bytes, and may move fewer.
 #define VALTOR_MOVES(name)                                                            \
+  static_assert(movesBytes(Call::name));                                              \
   VALTOR_IN_PLACE_OF(name, ssize_t, (Word file, Word bytes, Word size, Word flags)) { \
     VALTOR_REAL(name);                                                                \
     const int fault = faultOf(Call::name);                                            \
@@ -253,9 +260,31 @@ VALTOR_MOVES(send) VALTOR_MOVES(recv) VALTOR_MOVES(read) VALTOR_MOVES(write)
 VALTOR_FAILS_LATE(shutdown) VALTOR_FAILS_LATE(close) VALTOR_FAILS_LATE(fclose)
     // clang-format on
 
-    // It returns what is wrong.
-    VALTOR_IN_PLACE_OF(getaddrinfo, int,
-                       (const char* host, const char* service, const void* hints, void** list)) {
+    // One argument more.
+    VALTOR_IN_PLACE_OF(sendto, ssize_t,
+                       (Word file, Word bytes, Word size, Word flags, Word to, Word toSize)) {
+  VALTOR_REAL(sendto);
+  if (const int fault = faultOf(Call::sendto); fault != 0) {
+    errno = fault;
+    return -1;
+  }
+  return real(file, bytes, size, flags, to, toSize);
+}
+
+// A structure as argument.
+VALTOR_IN_PLACE_OF(fopencookie, FILE*,
+                   (void* cookie, const char* mode, cookie_io_functions_t functions)) {
+  VALTOR_REAL(fopencookie);
+  if (const int fault = faultOf(Call::fopencookie); fault != 0) {
+    errno = fault;
+    return nullptr;
+  }
+  return real(cookie, mode, functions);
+}
+
+// It returns what is wrong.
+VALTOR_IN_PLACE_OF(getaddrinfo, int,
+                   (const char* host, const char* service, const void* hints, void** list)) {
   VALTOR_REAL(getaddrinfo);
   if (const int fault = faultOf(Call::getaddrinfo); fault != 0) {
     return fault;

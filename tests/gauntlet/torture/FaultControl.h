@@ -10,11 +10,12 @@ namespace valtor::gauntlet {
 // The calls that can be made to fail, under the names of the C library.
 // clang-format off
 #define VALTOR_CALLS(X)                                                                     \
-  X(socket) X(connect) X(accept4) X(bind) X(listen) X(send) X(recv) X(poll) X(ppoll)       \
-  X(setsockopt) X(getsockopt) X(getsockname) X(getpeername) X(shutdown) X(fcntl) X(ioctl)  \
+  X(socket) X(connect) X(accept4) X(bind) X(listen) X(send) X(sendto) X(recv) X(poll)      \
+  X(ppoll) X(setsockopt) X(getsockopt) X(getsockname) X(getpeername) X(shutdown) X(fcntl) X(ioctl)  \
   X(open) X(fopen) X(read) X(write) X(fwrite) X(fflush) X(fsync) X(fclose) X(close)        \
   X(rename) X(unlink) X(mkdir) X(stat) X(lstat) X(fstat) X(chmod) X(chown) X(ftruncate)    \
-  X(system) X(eventfd) X(pipe2) X(pthread_create) X(getaddrinfo) X(getgrnam) X(malloc)
+  X(fopencookie) X(system) X(eventfd) X(pipe2) X(pthread_create) X(getaddrinfo)            \
+  X(getgrnam) X(malloc)
 // clang-format on
 
 enum class Call {
@@ -25,13 +26,21 @@ enum class Call {
 };
 inline constexpr std::size_t kCalls = static_cast<std::size_t>(Call::count);
 
+// Those that may move fewer bytes than they were asked to.
+constexpr bool movesBytes(Call call) {
+  return call == Call::send || call == Call::recv || call == Call::read || call == Call::write ||
+         call == Call::fwrite;
+}
+
 // What the daemon under torture, with FailingCalls loaded before the C library, and the one who
 // tortures it share: a file mapped into both that begins as zeros. The order is given while it is
 // not armed.
 struct FaultControl {
-  // What happens instead of the call, besides the values of errno (or what else it returns).
-  static constexpr int kHalf = -1;  // at most half of the bytes, one at least
-  static constexpr int kNone = -2;  // 0 bytes
+  // What happens instead of a call that moves bytes, besides the values of errno (or what else a
+  // call returns: getaddrinfo has small negative ones).
+  static constexpr int kHalf = -1001;  // at most half of the bytes, one at least
+  static constexpr int kNone = -1002;  // 0 bytes
+  static constexpr int kDies = -1003;  // any call: SIGKILL
 
   // Counting begins with main, and in that process only: what it starts is left alone.
   std::atomic<int32_t> process;

@@ -22,6 +22,7 @@ constexpr int kServerMembers = 6;  // of one that is described in the state file
 constexpr int kRouters = 2;
 constexpr int kBurst = 40;
 constexpr const char* kGammaAddress = "127.0.0.4";
+const std::string kSave = "{\"id\":\"save";
 
 std::string incomingPath() {
   return paths().incomingClientDirectory + "valtorIncomingClientConnections.json";
@@ -106,13 +107,28 @@ std::string Scene::list(const std::string& entries) {
 bool Scene::saves() {
   const std::string body = list(site_.alphaEntry() + "," + site_.betaEntry());
   const std::string number = std::to_string(number_);
-  return !ask("SET", body).empty() && becomesHeld(statePath(), "\"port\":\t" + number + ",") &&
-         becomesHeld(incomingPath(), "\"panel" + number + "\"");
+  if (ask("SET", body).empty() || !becomesHeld(statePath(), "\"port\":\t" + number + ",")) {
+    return false;
+  }
+  saved_ = std::stoi(number);
+  return becomesHeld(incomingPath(), "\"panel" + number + "\"");
 }
 
 void Scene::asksToSave() {
   const std::string body = list(site_.alphaEntry() + "," + site_.betaEntry());
-  (*site_.controller)->inject(490, "SET", "device", 0, "{\"id\":\"save\"," + body);
+  (*site_.controller)
+      ->inject(490, "SET", "device", 0, kSave + std::to_string(number_) + "\"," + body);
+}
+
+int Scene::savedState() const {
+  int state = saved_;
+  for (const PassedMessage& one : site_.controller->passed()) {
+    const std::string body(one.body());
+    if (one.source == 101 && body.rfind(kSave, 0) == 0) {
+      state = std::max(state, std::stoi(body.substr(kSave.size())));
+    }
+  }
+  return state;
 }
 
 void Scene::forget() {
@@ -188,20 +204,24 @@ bool Scene::isStateHalfWay() {
   return !exists(statePath()) || exists(statePath() + ".new") || exists(statePath() + ".old");
 }
 
-std::string Scene::stateFault() {
+std::string Scene::stateFault(int leastState) {
   for (const std::string& path : {statePath(), statePath() + ".old"}) {
     if (std::filesystem::exists(path)) {
       const std::string content = fileContent(path);
       const JSONPtr document(cJSON_Parse(content.c_str()));
-      const cJSON* const state = cJSON_GetObjectItem(document.get(), "connectionPointManager");
-      const cJSON* const servers = arrayMember(state, "tcpServer");
-      const bool whole = stringMember(state, "type") != nullptr &&
-                         arrayMember(state, "phy") != nullptr && servers != nullptr &&
+      const cJSON* const manager = cJSON_GetObjectItem(document.get(), "connectionPointManager");
+      const cJSON* const servers = arrayMember(manager, "tcpServer");
+      const bool whole = stringMember(manager, "type") != nullptr &&
+                         arrayMember(manager, "phy") != nullptr && servers != nullptr &&
                          cJSON_GetArraySize(servers->child) == kServerMembers;
-      return whole ? "" : path + " is not whole: " + content;
+      if (!whole) {
+        return path + " is not whole: " + content;
+      }
+      const double state = cJSON_GetNumberValue(cJSON_GetObjectItem(servers->child, "port"));
+      return state >= leastState ? "" : path + " is of an earlier state";
     }
   }
-  return "";
+  return leastState > 0 ? "no state file is left" : "";
 }
 
 }  // namespace valtor::gauntlet

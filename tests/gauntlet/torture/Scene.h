@@ -36,14 +36,16 @@ class Scene {
   // The role and the list are said again, as an operator does, and all works as at the beginning.
   bool isGoodAgain(bool tellsItsStatus);
   // What is wrong with the state file, or its previous copy where there is only that; "" for
-  // nothing. It need not be there.
-  static std::string stateFault();
+  // nothing. It has to be there, and to hold that state or a later one, unless that is 0.
+  static std::string stateFault(int leastState = 0);
   static std::string statePath();
 
   // Whether there is more or less than one state file.
   static bool isStateHalfWay();
   // Like saves(), without waiting for anything.
   void asksToSave();
+  // The last state that was saved, or whose request was answered; 0 before the first.
+  int savedState() const;
   // What the nodes remember goes.
   void forget();
 
@@ -58,6 +60,7 @@ class Scene {
   std::unique_ptr<RunningNode> gamma_;
   std::vector<Step> steps_;
   int number_ = 0;
+  int saved_ = 0;
 };
 
 }  // namespace valtor::gauntlet

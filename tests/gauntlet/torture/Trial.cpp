@@ -77,13 +77,17 @@ const Trial::Outcome& Trial::judge(const Troubles& usual) {
     outcome_.finding = recovery();
   }
   const Troubles now = troubles();
-  outcome_.told = !subject_.errors().empty() ||
-                  !std::includes(usual.begin(), usual.end(), now.begin(), now.end());
+  outcome_.told = subject_.errors();
+  for (const std::string& text : now) {
+    if (outcome_.told.empty() && usual.count(text) == 0) {
+      outcome_.told = text;
+    }
+  }
   judgeEnd();
   // What fell within getaddrinfo could not say so.
   const bool mute = outcome_.stopped && subject_.faults().resolving > 0;
-  if (outcome_.harmed && !outcome_.told && !mute && outcome_.finding.empty()) {
-    outcome_.finding = "nothing tells it";
+  if (outcome_.harmed && outcome_.told.empty() && !mute && outcome_.finding.empty()) {
+    outcome_.finding = kNotTold;
   }
   if (!outcome_.finding.empty()) {
     outcome_.story = subject_.story();
@@ -113,14 +117,14 @@ void note(Tally& tally, const std::string& name, const Trial::Outcome& outcome,
           const Settings& settings) {
   ++tally["runs"];
   tally["not all came about"] += outcome.harmed ? 1 : 0;
-  tally["told"] += outcome.told ? 1 : 0;
+  tally["told"] += outcome.told.empty() ? 0 : 1;
   tally["stopped as it says"] += outcome.stopped && outcome.finding.empty() ? 1 : 0;
   if (!outcome.finding.empty()) {
     ++tally[kFindings];
     std::printf("%sFINDING %s: %s\n", outcome.story.c_str(), name.c_str(), outcome.finding.c_str());
   } else if (settings.verbose) {
-    std::printf("%s:%s%s%s\n", name.c_str(), outcome.harmed ? " harmed" : "",
-                outcome.told ? " told" : "", outcome.stopped ? " stopped" : "");
+    std::printf("%s:%s%s %s\n", name.c_str(), outcome.harmed ? " harmed" : "",
+                outcome.stopped ? " stopped" : "", outcome.told.c_str());
   }
   std::fflush(stdout);
 }

@@ -13,9 +13,12 @@ namespace valtor::gauntlet {
 // One daemon in a scene of its own that is done something to, and the judgement about it.
 class Trial {
  public:
+  static constexpr const char* kNotTold = "nothing tells it";
+
   struct Outcome {
+    bool met = false;      // the fault struck
     bool harmed = false;   // not all of the scenario came about
-    bool told = false;     // by a line that is not there otherwise
+    std::string told;      // the line that is not there otherwise, without numbers
     bool stopped = false;  // it ended, as it may
     std::string finding;   // what must not be, and how it came to it
     std::string story;
