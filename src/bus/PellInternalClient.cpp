@@ -169,9 +169,12 @@ void PellInternalClient::catchUp() {
   if (!subscriptionsUnsent_.exchange(false) || !isConnected()) {
     return;
   }
+  bool sent = false;
   try {
-    subscriptionsUnsent_ = !sendSubscriptions(subscriptions());
+    sent = sendSubscriptions(subscriptions());
   } catch (const std::exception&) {
+  }
+  if (!sent) {  // what failed meanwhile stays noted otherwise
     subscriptionsUnsent_ = true;
   }
 }

@@ -35,7 +35,7 @@ JSONPtr parseText(const char* begin) {
            text.size(), PellInternalMessage::kMostValues);
     return makeNull();
   }
-  takeJSONFailure();
+  const JSONFailureScope scope;
   JSONPtr tree(cJSON_ParseWithLength(begin, text.size() + 1));
   if (!tree) {
     requireWholeJSON();  // not the text's fault
