@@ -190,6 +190,9 @@ ssize_t BusLink::sendOnce(const SharedFrame& frame, std::size_t offset) {
                    MSG_DONTWAIT | MSG_NOSIGNAL);
   } while (count < 0 && errno == EINTR);
   if (count >= 0) {
+    if (fullSeen_ && watchdog_ != nullptr) {
+      watchdog_->progress();
+    }
     nextSend_ = Clock::now() + kPace;
     noteTaken();
   } else if (errno == EAGAIN) {

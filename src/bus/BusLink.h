@@ -21,6 +21,7 @@
 namespace valtor {
 
 class FrameSender;
+class Watchdog;
 
 // The sending half of one TCP link after another: it owns the socket, numbers the links from 1, and
 // writes whole frames under its send lock, at least a pace apart, so that frames of several threads
@@ -84,6 +85,9 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
 
   // Before the first link. Without one, or where it does not run, forward() is send().
   void setSender(std::weak_ptr<FrameSender> sender) { sender_ = std::move(sender); }
+
+  // Before the first link. Goes on being fed while locks are held that this link keeps waiting.
+  void setWatchdog(Watchdog* watchdog) { watchdog_ = watchdog; }
 
   // Takes the socket as the next link: number, state 1, an empty queue, and then, still under the
   // send lock, the frames that firstFrames returns, before anybody else's. What became of each of
@@ -178,6 +182,7 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   const std::chrono::milliseconds budget_;
   const std::shared_ptr<ClosingSignal> closing_;
   std::weak_ptr<FrameSender> sender_;
+  Watchdog* watchdog_ = nullptr;
 
   FairMutex sendLock_;
   OutgoingQueue queue_;

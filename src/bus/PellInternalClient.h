@@ -159,8 +159,12 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   // Set before connect().
   void setFrameSender(std::weak_ptr<FrameSender> sender) { link_->setSender(std::move(sender)); }
   void setTiming(const Timing& timing) { timing_ = timing; }
-  // Fed by the message-queue thread; kept longer than the client.
-  void setWatchdog(Watchdog* watchdog) { watchdog_ = watchdog; }
+  // Fed by the message-queue thread, and while that waits for a lock by whoever sends to a node
+  // that takes its messages slowly; kept longer than the client.
+  void setWatchdog(Watchdog* watchdog) {
+    watchdog_ = watchdog;
+    link_->setWatchdog(watchdog);
+  }
   const Timing& timing() const { return timing_; }
   void setReceiveAll(bool receiveAll) { receiveAll_ = receiveAll; }
 

@@ -165,6 +165,43 @@ TEST(BusLink, WaitsForRoomFeedTheWatchdog) {
   feedsIn([&] { queue.waitForChange(0, {}, {}); }, [&] { queue.wake(); });
 }
 
+// What waits behind others that send to a slow node.
+TEST(BusLink, WhoTakesFeedsTheWatchdogForAThreadThatWaitsForALock) {
+  const test::NotifySocket manager("@valtor-watchdog-lock");
+  Watchdog watchdog;
+  Mutex held;
+  for (const bool inLine : {true, false}) {
+    const auto link = makeLink(1h);
+    link->setWatchdog(&watchdog);
+    const UniqueDescriptor far = openLink(*link);
+    std::thread slow([&] {
+      const Locked lock(held);
+      link->send(frame(std::string(40'000'000, 'x')), 1);
+    });
+    char bytes[4096];
+    recv(far.get(), bytes, 1, MSG_WAITALL);
+    std::thread fed([&] {
+      const Watchdog::Feeder feeder(&watchdog);
+      if (inLine) {
+        link->send(frame("answer"), 1);
+      } else {
+        const Locked lock(held);
+      }
+    });
+    // While nothing is taken, it may be the hang that the watchdog is for.
+    EXPECT_TRUE(eventually([&] { return manager.next(400ms).empty(); }));
+    int times = 0;
+    EXPECT_TRUE(eventually([&] {
+      recv(far.get(), bytes, sizeof bytes, MSG_DONTWAIT);
+      times += manager.next(5ms).empty() ? 0 : 1;
+      return times == 3;
+    }));
+    link->shutdownSocket();
+    slow.join();
+    fed.join();
+  }
+}
+
 // A link whose far end takes what the test takes, with a frame sender behind it.
 class ForwardingTest : public testing::Test {
  protected:

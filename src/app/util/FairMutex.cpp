@@ -1,11 +1,14 @@
 #include "app/util/FairMutex.h"
 
+#include "app/util/Watchdog.h"
+
 namespace valtor {
 
 void FairMutex::lock() {
   {
     std::unique_lock<std::mutex> guard(guard_);
     if (held_) {
+      const Watchdog::LockWait wait;
       Waiter self;
       append(self);
       self.granted.wait(guard, [&self] { return self.hasLock; });
@@ -29,6 +32,7 @@ bool FairMutex::lock(const std::stop_token& stop) {
   {
     std::unique_lock<std::mutex> guard(guard_);
     if (held_) {
+      const Watchdog::LockWait wait;
       append(self);
       self.granted.wait(guard, [&] { return self.hasLock || stop.stop_requested(); });
       if (!self.hasLock) {

@@ -4,6 +4,7 @@
 #include <pthread.h>
 
 #include "app/util/ThreadAnnotations.h"
+#include "app/util/Watchdog.h"
 
 namespace valtor {
 
@@ -19,7 +20,10 @@ class VALTOR_CAPABILITY("mutex") Mutex {
   Mutex(const Mutex&) = delete;
   Mutex& operator=(const Mutex&) = delete;
 
-  void lock() VALTOR_ACQUIRE() { mutex_.lock(); }
+  void lock() VALTOR_ACQUIRE() {
+    const Watchdog::LockWait wait;
+    mutex_.lock();
+  }
   void unlock() VALTOR_RELEASE() { mutex_.unlock(); }
 
  private:
@@ -34,7 +38,10 @@ class VALTOR_CAPABILITY("mutex") PosixMutex {
   PosixMutex(const PosixMutex&) = delete;
   PosixMutex& operator=(const PosixMutex&) = delete;
 
-  void lock() VALTOR_ACQUIRE() { pthread_mutex_lock(&mutex_); }
+  void lock() VALTOR_ACQUIRE() {
+    const Watchdog::LockWait wait;
+    pthread_mutex_lock(&mutex_);
+  }
   void unlock() VALTOR_RELEASE() { pthread_mutex_unlock(&mutex_); }
   // Takes the lock when it is free. 0, or the status of pthread_mutex_trylock (EBUSY).
   int tryLock() VALTOR_TRY_ACQUIRE(0) { return pthread_mutex_trylock(&mutex_); }

@@ -79,20 +79,41 @@ Watchdog::Feeder::Feeder(Watchdog* watchdog) {
 
 Watchdog::Feeder::~Feeder() { fedHere = nullptr; }
 
+Watchdog::LockWait::LockWait() {
+  if (fedHere != nullptr) {
+    fedHere->waitsForLock_ = true;
+  }
+}
+
+Watchdog::LockWait::~LockWait() {
+  if (fedHere != nullptr) {
+    fedHere->waitsForLock_ = false;
+  }
+}
+
 std::optional<Watchdog::Clock::time_point> Watchdog::due() {
-  return fedHere != nullptr ? std::optional(fedHere->due_) : std::nullopt;
+  return fedHere != nullptr ? std::optional(fedHere->due_.load()) : std::nullopt;
 }
 
 void Watchdog::feed() {
-  if (fedHere == nullptr || Clock::now() < fedHere->due_) {
-    return;
+  if (fedHere != nullptr && Clock::now() >= fedHere->due_.load()) {
+    fedHere->tell();
   }
+}
+
+void Watchdog::progress() {
+  if (waitsForLock_ && Clock::now() >= due_.load()) {
+    tell();
+  }
+}
+
+void Watchdog::tell() {
   constexpr std::string_view kAlive = "WATCHDOG=1";
   const ssize_t sent =
-      sendto(fedHere->socket_.get(), kAlive.data(), kAlive.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
-             reinterpret_cast<const sockaddr*>(&fedHere->address_), fedHere->addressSize_);
+      sendto(socket_.get(), kAlive.data(), kAlive.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+             reinterpret_cast<const sockaddr*>(&address_), addressSize_);
   // A service manager that is behind is told again soon.
-  fedHere->due_ = Clock::now() + (sent >= 0 ? fedHere->interval_ : fedHere->interval_ / 4);
+  due_ = Clock::now() + (sent >= 0 ? interval_ : interval_ / 4);
 }
 
 }  // namespace valtor

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <optional>
@@ -13,8 +14,10 @@ namespace valtor {
 // The watchdog of a service manager, which ends and restarts a process that stops to feed it
 // (sd_watchdog_enabled(3), sd_notify(3)). One thread feeds it, the one whose standing still is what
 // a restart mends; calls of the static operations by any other thread do nothing. It feeds where it
-// goes on, and in waits that may rightfully take long. A wait for a lock is none of these: nobody
-// holds one for long, and what does is the hang that the watchdog is for.
+// goes on, and in waits that may rightfully take long. A wait for a lock is none of these: who
+// holds one for long is the hang that the watchdog is for, with one exception. Others hold locks
+// while they send to the controller's node, which may take its messages slowly. As long as it takes
+// some, they feed for the one who waits (progress()), so that a hang shows when it has caught up.
 //
 // Feeding never blocks, takes no lock and writes no log line. The owner keeps the watchdog longer
 // than its feeder.
@@ -38,8 +41,20 @@ class Watchdog {
     Feeder& operator=(const Feeder&) = delete;
   };
 
+  // Stands around every wait for a lock.
+  class LockWait {
+   public:
+    LockWait();
+    ~LockWait();
+    LockWait(const LockWait&) = delete;
+    LockWait& operator=(const LockWait&) = delete;
+  };
+
   // Feeds, unless half of the watchdog's time has not passed since it was fed last.
   static void feed();
+  // Something that locks are held for went on. Feeds while the feeding thread waits for a lock,
+  // with the same restraint. Any thread.
+  void progress();
   // When feed() will feed again: who waits is awake by then. Nothing where the calling thread feeds
   // no watchdog, so that nobody wakes for it.
   static std::optional<Clock::time_point> due();
@@ -59,11 +74,14 @@ class Watchdog {
   }
 
  private:
+  void tell();
+
   UniqueDescriptor socket_;  // none: off
   sockaddr_un address_{};
   socklen_t addressSize_ = 0;
   std::chrono::microseconds interval_{};  // half of what the service manager allows
-  Clock::time_point due_{};               // of the feeding thread
+  std::atomic<Clock::time_point> due_{Clock::time_point{}};
+  std::atomic<bool> waitsForLock_{false};  // the feeding thread
 };
 
 }  // namespace valtor
