@@ -654,10 +654,10 @@ void PellInternalClient::deliver(const std::vector<PellInternalMessage>& message
     try {
       onMessage(message);
     } catch (const std::exception& error) {
+      // Without an allocation: there may be no memory still, and the others are to be delivered.
       countWarning(Warning::MessageFailed);
-      syslog(LOG_ERR, "PellInternalClient %s: message %s on \"%s\" failed: %s\n",
-             nameForLog(name_).c_str(), kindName(message.getKind()),
-             quotedForLog(message.header.path.c_str()).c_str(), error.what());
+      syslog(LOG_ERR, "PellInternalClient %.1024s: message %s on \"%.1024s\" failed: %s\n",
+             name_.c_str(), kindName(message.getKind()), message.header.path.c_str(), error.what());
       messagesLost();
     }
   }

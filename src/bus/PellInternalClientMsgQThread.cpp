@@ -5,6 +5,7 @@
 #include <malloc.h>
 #include <syslog.h>
 #include <thread>
+#include <utility>
 
 #include "app/util/ErrnoText.h"
 
@@ -16,7 +17,7 @@ PellInternalClientMsgQThread::PellInternalClientMsgQThread(const Parts& parts)
 void PellInternalClientMsgQThread::InternalThreadEntry() {
   const ClientThreadScope scope(parts_.host);
   const Watchdog::Feeder feeder(parts_.watchdog);
-  while (isRunning() && !parts_.closing.begun()) {
+  for (bool told = false; isRunning() && !parts_.closing.begun();) {
     try {
       Watchdog::feed();
       if (parts_.queue.waitForChunk(parts_.closing.token(), wakeUp())) {
@@ -24,14 +25,16 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
       }
       trimMemory();
       catchUp();
+      told = false;
     } catch (const std::exception& error) {
-      // Without an allocation: there may be no memory still.
-      syslog(LOG_ERR, "PellInternalMsgQThread: received bytes of %.1024s are lost: %s\n",
-             parts_.name.c_str(), error.what());
-      batch_ = std::vector<char>();
-      parts_.parser.reset();
+      // No chunk could be taken, or what is behind not be caught up with: nothing is lost, and the
+      // parser stays where it is in the stream. Nothing here may allocate: there may be no memory
+      // still.
+      if (!std::exchange(told, true)) {
+        syslog(LOG_ERR, "PellInternalMsgQThread: %.1024s: %s\n", parts_.name.c_str(), error.what());
+      }
+      batch_.clear();
       parts_.queue.finish();
-      parts_.host.messagesLost();
       parts_.closing.sleep(kAfterFault);
     }
   }

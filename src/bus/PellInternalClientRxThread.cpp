@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <new>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <syslog.h>
@@ -38,8 +39,9 @@ void PellInternalClientRxThread::InternalThreadEntry() {
         readOnce();
       }
     } catch (const std::exception& error) {
-      // A hook or an allocation failed. Received bytes may be lost, so a link that stands is given
-      // up; the next one starts clean. Nothing here may allocate: there may be no memory still.
+      // A hook or an allocation failed, the login perhaps did not go out: a link that stands is
+      // given up. What its socket holds is read still, all that was read before is in the queue.
+      // Nothing here may allocate: there may be no memory still.
       parts_.link.shutdownSocket();
       syslog(LOG_ERR, "PellInternalRxThread: %.1024s: %s\n", parts_.name.c_str(), error.what());
       parts_.closing.sleep(parts_.timing.reconnectDelay);
@@ -95,7 +97,7 @@ void PellInternalClientRxThread::readOnce() {
 void PellInternalClientRxThread::handleData(std::size_t length) {
   timeoutCount_ = 0;
   if (queueLimit_ == 0 || parts_.queue.hasRoom({queueLimit_})) {
-    parts_.queue.push({parts_.link.number(), std::string(buffer_.data(), length)});
+    keep(length);
   } else {
     syslog(LOG_WARNING,
            "PellInternalRxThread: WARNING! Received messages exceed RX max queue size %d!\n",
@@ -105,6 +107,26 @@ void PellInternalClientRxThread::handleData(std::size_t length) {
   if (now - lastKeepAlive_ > parts_.timing.keepAlive) {
     lastKeepAlive_ = now;
     sendKeepAlive();
+  }
+}
+
+// Without these bytes the parser would go on in the middle of a frame, so nothing is read before
+// there is memory for them. TCP slows whoever sends meanwhile.
+void PellInternalClientRxThread::keep(std::size_t length) {
+  constexpr std::chrono::milliseconds kPause{20};
+  for (bool told = false; goesOn(); told = true) {
+    try {
+      parts_.queue.push({parts_.link.number(), std::string(buffer_.data(), length)});
+      return;
+    } catch (const std::bad_alloc&) {
+      // Without an allocation: there may be no memory still.
+      if (!told) {
+        syslog(LOG_ERR,
+               "PellInternalRxThread: %.1024s: no memory for what was read, reading waits.\n",
+               parts_.name.c_str());
+      }
+      parts_.closing.sleep(kPause);
+    }
   }
 }
 

@@ -53,6 +53,7 @@ class PellInternalClientRxThread : public MyThreadClass {
   void keepConnected();
   void readOnce();
   void handleData(std::size_t length);
+  void keep(std::size_t length);
   void handleEnd(int descriptor);
   void handleTimeout(int descriptor);
   void handleError(int error);

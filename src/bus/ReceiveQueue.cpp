@@ -1,5 +1,6 @@
 #include "bus/ReceiveQueue.h"
 
+#include <new>
 #include <utility>
 
 namespace valtor {
@@ -51,11 +52,18 @@ ReceiveQueue::Batch ReceiveQueue::take(std::vector<char>& buffer, std::size_t by
     if (batch.chunks > 0 && chunk.link != batch.link) {
       break;
     }
+    try {
+      buffer.insert(buffer.end(), chunk.bytes.begin(), chunk.bytes.end());
+    } catch (const std::bad_alloc&) {
+      if (batch.chunks == 0) {
+        throw;
+      }
+      break;
+    }
     batch.link = chunk.link;
     if (batch.chunks == 0) {
       handled_ = chunk.received;
     }
-    buffer.insert(buffer.end(), chunk.bytes.begin(), chunk.bytes.end());
     bytes_ -= chunk.bytes.size();
     chunks_.pop_front();
     ++batch.chunks;

@@ -37,7 +37,7 @@ class ReceiveQueue {
     std::size_t bytes = SIZE_MAX;
   };
 
-  // Appends the chunk, whatever waits already.
+  // Appends the chunk, whatever waits already. When memory runs out nothing has changed.
   void push(ReceivedChunk chunk);
   // Whether neither limit is reached.
   bool hasRoom(Limits limits) const;
@@ -49,8 +49,9 @@ class ReceiveQueue {
   void wake();
 
   // Appends the front chunks' bytes to the buffer while it holds at most byteBound bytes. Ends
-  // early before the first chunk of another link, and when the drained count, which goes on from
-  // call to call, reaches drainedLimit and starts again from 0.
+  // early before the first chunk of another link, before one that the buffer finds no memory for,
+  // and when the drained count, which goes on from call to call, reaches drainedLimit and starts
+  // again from 0. Throws, and takes nothing, when there is no memory for the first chunk.
   Batch take(std::vector<char>& buffer, std::size_t byteBound, uint32_t& drained,
              uint32_t drainedLimit);
 

@@ -16,6 +16,7 @@
 #include "support/Eventually.h"
 #include "support/LogCapture.h"
 #include "support/Repeat.h"
+#include "support/ScarceMemory.h"
 #include "support/ScriptedNode.h"
 #include "support/TemporaryFolder.h"
 
@@ -50,7 +51,8 @@ class TestBusClient : public PellInternalClient {
       close();
     } else if (message.getPath() == "wait") {
       handlingGoesOn.wait(false);
-    } else if (message.getPath() == "fail") {
+    } else if (message.getPath().starts_with("fail")) {
+      scarce.emplace(message.getPath().size(), message.getPath().size() + 1);  // for a copy of it
       throw std::runtime_error("cannot");
     }
     return 0;
@@ -66,6 +68,7 @@ class TestBusClient : public PellInternalClient {
   enum Gate { kOpen, kArmed, kShut };
   std::atomic<int> sendGate{kOpen};  // armed, the next send shuts it and waits until it opens
   std::atomic<bool> handlingGoesOn{false};  // what a message on "wait" waits for
+  std::optional<test::ScarceMemory> scarce;
   test::Record paths;
   test::Record states;
 };
@@ -235,10 +238,42 @@ TEST(SocketConnect, ASocketThatMeetsItselfIsRefused) {
 
 TEST_F(PellInternalClientTest, AHandlerThatFailsCostsNoOtherMessage) {
   auto peer = connect();
-  peer->sendPayload(note("fail"));
-  peer->sendPayload(note("next"));
-  EXPECT_TRUE(eventually([&] { return client_.paths.lines() == Lines{"fail", "next"}; }));
-  EXPECT_EQ(log_.countContaining("tester: message NOT on \"fail\" failed: cannot\n"), 1);
+  const std::string failing = "fail" + std::string(900, '.');  // that the log line cannot copy
+  peer->send(frame(note(failing)) + frame(note("next")));
+  EXPECT_TRUE(eventually([&] { return log_.countContaining("\" failed: cannot\n") == 1; }));
+  client_.scarce.reset();
+  EXPECT_EQ(log_.countContaining("tester: message NOT on \"" + failing), 1);
+  EXPECT_TRUE(eventually([&] { return client_.paths.lines() == Lines{failing, "next"}; }));
+}
+
+TEST_F(PellInternalClientTest, WhatFindsNoMemoryIsReadAndHandledLaterWithoutAGap) {
+  auto peer = connect();
+  std::string halves[2];
+  Lines expected{"wait"};
+  for (int i = 0; i < 200; ++i) {
+    expected.push_back(std::to_string(i));
+    halves[i / 100] += frame(note(expected.back()) + std::string(500, ' '));
+  }
+  // Cut within a frame. The parser has some of the first one.
+  peer->send(frame(note("wait")) + halves[0].substr(0, 100));
+  ASSERT_TRUE(eventually([&] { return client_.paths.lines() == Lines{"wait"}; }));
+  halves[1] = halves[0].substr(40'000) + halves[1];
+  halves[0] = halves[0].substr(100, 39'900);
+  peer->send(halves[0]);
+  ASSERT_TRUE(eventually([&] { return client_.figures().queue.bytes == halves[0].size(); }));
+  client_.scarce.emplace(10'000);
+  peer->send(halves[1]);
+  client_.handlingGoesOn = true;
+  client_.handlingGoesOn.notify_all();
+  const auto says = [&](const char* text) {
+    return eventually([&] { return log_.countContaining(text) == 1; });
+  };
+  EXPECT_TRUE(says("PellInternalRxThread: tester: no memory for what was read, reading waits."));
+  EXPECT_TRUE(says("PellInternalMsgQThread: tester: "));
+  client_.scarce.reset();
+  EXPECT_TRUE(eventually([&] { return client_.paths.lines().size() == expected.size(); }));
+  EXPECT_EQ(client_.paths.lines(), expected);
+  EXPECT_EQ(client_.states.lines(), Lines{"1 connect OK"});
 }
 
 TEST_F(PellInternalClientTest, ModuleReadyQueryIsAnsweredWithTheFlag) {

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "bus/ReceiveQueue.h"
+#include "support/ScarceMemory.h"
 
 namespace valtor {
 namespace {
@@ -21,6 +22,31 @@ TEST(ReceiveQueue, BatchesEndAtTheirLimits) {
     sizes.push_back(queue.take(buffer, byteBound, drained, 100).chunks);
   }
   EXPECT_EQ(sizes, (std::vector<std::size_t>{100, 100, 50, 50, 16}));
+}
+
+TEST(ReceiveQueue, AChunkThatTheBufferFindsNoMemoryForStays) {
+  ReceiveQueue queue;
+  for (const char* const text : {"a", "b", "c"}) {
+    queue.push({1, text + std::string(999, '.')});
+  }
+  uint32_t drained = 0;
+  std::string got;
+  for (const std::size_t least : {1500U, 1000U, 10'000U}) {
+    std::vector<char> buffer;
+    {
+      const test::ScarceMemory scarce(least);
+      if (least == 1000) {
+        EXPECT_THROW(queue.take(buffer, 5000, drained, 100), std::bad_alloc);
+      } else {
+        queue.take(buffer, 5000, drained, 100);
+      }
+    }
+    for (std::size_t i = 0; i < buffer.size(); i += 1000) {
+      got += buffer[i];
+    }
+    got += ' ';
+  }
+  EXPECT_EQ(got, "a  bc ");
 }
 
 TEST(ReceiveQueue, AWaitingReaderIsWokenByAChunkOrTheEnd) {

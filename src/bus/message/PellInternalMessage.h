@@ -31,7 +31,8 @@ class PellInternalMessage {
   // body, one is made.
   PellInternalMessage(MessageKind kind, std::string path, JSONPtr body);
   // Decodes a received payload: a buffer with a NUL behind the text; the text ends at the first
-  // NUL. Never throws: what cannot be decoded is logged and leaves isDecoded() false.
+  // NUL. What cannot be decoded is logged and leaves isDecoded() false. Throws only when memory
+  // runs out.
   explicit PellInternalMessage(std::unique_ptr<char[]> payload);
   // Decodes a payload held in a vector whose last byte should be NUL; when it is not, that is said
   // on standard error and one is appended. Throws std::runtime_error with

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <syslog.h>
 #include <utility>
@@ -49,10 +50,14 @@ int PellInternalStreamParser::parse(const char* data, std::size_t length) {
     done += state_ == State::Length ? readLength(data + done, length - done)
                                     : readPayload(data + done, length - done);
   }
+  handOver();
+  return 0;
+}
+
+void PellInternalStreamParser::handOver() {
   if (!finished_.empty() && callback_) {
     callback_(std::exchange(finished_, {}));
   }
-  return 0;
 }
 
 void PellInternalStreamParser::reset() {
@@ -99,11 +104,12 @@ void PellInternalStreamParser::handleSeparator() {
     return;
   }
   if (length <= 0) {
-    const std::string shown(headerBytes_.data(), static_cast<std::size_t>(headerCount_));
+    std::array<char, kHeaderCapacity + 1> shown{};
+    std::copy_n(headerBytes_.data(), headerCount_, shown.data());
     syslog(LOG_CRIT, "PellInternalStreamParser invalid header length received=%d.(%.10s)\n", length,
-           shown.c_str());
+           shown.data());
     std::printf("PellInternalStreamParser invalid header length received=%d. (%.10s)\n", length,
-                shown.c_str());
+                shown.data());
     restart();
     storeHeaderByte(kSeparator);
     return;
@@ -153,14 +159,31 @@ std::size_t PellInternalStreamParser::readPayload(const char* data, std::size_t 
 
 void PellInternalStreamParser::handleCompleteMessage(std::unique_ptr<char[]> payload,
                                                      std::size_t size) {
-  PellInternalMessage message(std::move(payload));
-  // A header may fail after its kind was read, so the kind alone does not tell.
-  if (message.isDecoded() && message.getKind() != MessageKind::Unknown &&
-      message.header.sourceConnID >= 0 && message.header.destConnID >= 0) {
-    message.setReceivedBytes(size);
+  try {
+    PellInternalMessage message(std::move(payload));
+    // A header may fail after its kind was read, so the kind alone does not tell.
+    if (message.isDecoded() && message.getKind() != MessageKind::Unknown &&
+        message.header.sourceConnID >= 0 && message.header.destConnID >= 0) {
+      message.setReceivedBytes(size);
+      keep(std::move(message));
+    } else {
+      syslog(LOG_ERR, "PellInternalStreamParser::handleCompleteMessage() Bad Header\n");
+    }
+  } catch (const std::exception& error) {
+    // Of the stream only this message is lost. Nothing here may allocate.
+    lost_ = true;
+    syslog(LOG_CRIT, "PellInternalStreamParser: a message of %zu bytes is lost: %s\n", size,
+           error.what());
+  }
+}
+
+// What there is no memory to gather is handed over in parts.
+void PellInternalStreamParser::keep(PellInternalMessage message) {
+  try {
+    finished_.push_back(std::move(message));  // left as it is by a vector that cannot grow
+  } catch (const std::bad_alloc&) {
+    handOver();
     finished_.push_back(std::move(message));
-  } else {
-    syslog(LOG_ERR, "PellInternalStreamParser::handleCompleteMessage() Bad Header\n");
   }
 }
 

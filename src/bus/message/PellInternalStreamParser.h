@@ -30,8 +30,10 @@ class PellInternalStreamParser {
 
   virtual ~PellInternalStreamParser() = default;
 
-  // Consumes the bytes; returns 0. Then calls the callback once with every message that was
-  // finished, in order, if there is any and a callback is set.
+  // Consumes the bytes, all of them whatever happens; returns 0. Then calls the callback once with
+  // every message that was finished, in order, if there is any and a callback is set; more often
+  // when memory is short. Throws only what that last call throws. A message that there is no memory
+  // for is lost, which is logged, and no other.
   int parse(const char* data, std::size_t length);
 
   void setMessageCallback(MessageCallback callback) { callback_ = std::move(callback); }
@@ -41,7 +43,7 @@ class PellInternalStreamParser {
   // Whether a message was lost since the last call, since there was no memory for it.
   bool takeLost() { return std::exchange(lost_, false); }
 
-  // Forgets the frame being read and whatever an exception kept from being delivered.
+  // Forgets the frame being read and what nobody took.
   void reset();
 
  private:
@@ -52,6 +54,8 @@ class PellInternalStreamParser {
   void storeHeaderByte(char byte);
   void handleSeparator();
   void handleCompleteMessage(std::unique_ptr<char[]> payload, std::size_t size);
+  void keep(PellInternalMessage message);
+  void handOver();
 
   static constexpr int kHeaderCapacity = 64;
 

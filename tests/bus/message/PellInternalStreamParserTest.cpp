@@ -1,4 +1,5 @@
 #include "bus/message/PellInternalStreamParser.h"
+#include "support/ScarceMemory.h"
 #include "support/Vocabulary.h"
 
 namespace valtor {
@@ -82,6 +83,36 @@ TEST(PellInternalStreamParser, ReadsOnAfterEveryBrokenFrame) {
     reader.feed(kGoodFrame + bytes + kGoodFrame);
     EXPECT_EQ(reader.payloads, (std::vector<std::string>{kGood, kGood})) << bytes;
     EXPECT_EQ(log.lines(), lines) << bytes;
+  }
+}
+
+TEST(PellInternalStreamParser, WhatFindsNoMemoryCostsNoOtherMessage) {
+  const std::string path(3000, 'p');
+  const std::string greedy = "[\"GET\", \"" + path + "\", 1, 2, 0]\n{}";
+  std::string stream;
+  for (int i = 0; i < 40; ++i) {
+    stream += i == 20 ? frame(greedy) : kGoodFrame;
+  }
+  const struct {
+    std::size_t least, most;
+    std::size_t read;
+  } cases[] = {{path.size(), path.size() + 1, 39},  // for its header
+               {greedy.size() + 2, SIZE_MAX, 40}};  // for many at once
+  for (const auto& [least, most, read] : cases) {
+    PellInternalStreamParser parser;
+    std::size_t count = 0;
+    parser.setMessageCallback([&](const std::vector<PellInternalMessage>& messages) {
+      for (const PellInternalMessage& message : messages) {
+        count += message.bodyText() != nullptr ? 1 : 0;
+      }
+    });
+    {
+      const test::ScarceMemory scarce(least, most);
+      parser.parse(stream.data(), stream.size() - 5);
+    }
+    parser.parse(stream.data() + stream.size() - 5, 5);
+    EXPECT_EQ(count, read);
+    EXPECT_EQ(parser.takeLost(), read < 40);
   }
 }
 
