@@ -99,10 +99,14 @@ class PageTest : public EndToEndTest {
     browser.click(tile(name) + ".querySelector('.name')");
     shows("#follow-state", "live");
   }
-  static void announceTime(const char* what, Clock::time_point begin, std::chrono::seconds most) {
-    const auto time = std::chrono::duration_cast<milliseconds>(Clock::now() - begin);
-    std::cout << "[ MEASURED ] " << what << ": " << time.count() << " ms\n";
-    EXPECT_LE(time, most) << what;
+  // What should take so long: on a busy machine it takes longer, but not four times as long as
+  // long as it is an event that brings it to the page, and no silence has to be waited for.
+  static void announceTime(const char* what, double seconds, double figure) {
+    std::cout << "[ MEASURED ] " << what << ": " << seconds << " s\n";
+    EXPECT_LE(seconds, 4 * figure) << what;
+  }
+  static double secondsSince(Clock::time_point begin) {
+    return std::chrono::duration<double>(Clock::now() - begin).count();
   }
 
   static constexpr const char* kAddress = "http://127.0.0.1:15080/";
@@ -161,7 +165,7 @@ TEST_F(PageTest, AKilledRouterIsDownAtOnceAndComesBackByItself) {
   const auto begin = Clock::now();
   gamma->signal(SIGKILL);
   tileShows("gamma", "Down hung up");
-  announceTime("a killed router is seen", begin, std::chrono::seconds(5));
+  announceTime("a killed router is seen", secondsSince(begin), 2);
   shows("#events", "gamma is down");
   shows("#verdict-text", "1 of 4 routers carries nothing");
   EXPECT_TRUE(browser.becomes("document.querySelector('.tile .name').textContent === 'gamma'"));
@@ -176,7 +180,7 @@ TEST_F(PageTest, AFrozenRouterIsNotTakenForOneThatCarriesTraffic) {
   const auto begin = Clock::now();
   gamma->signal(SIGSTOP);
   EXPECT_TRUE(browser.becomes("/Down|No answer/.test(" + tile("gamma") + ".innerText)"));
-  announceTime("a frozen router is seen", begin, std::chrono::seconds(15));
+  announceTime("a frozen router is seen", secondsSince(begin), 15);
   // Its system takes connections for it, which proves nothing.
   tileShows("gamma", "No answer");
   tileShows("gamma", "no response: silent for 10 s");
@@ -230,8 +234,10 @@ TEST_F(PageTest, ABurstOfMessagesIsShownOrCountedAsMissed) {
   EXPECT_EQ(browser.valueOf("document.querySelectorAll('#messages li').length"), "500");
   shows("#follow-counts", "500 shown");
   std::cout << "[ MEASURED ] at 1000 messages a second: "
-            << browser.valueOf("document.getElementById('follow-counts').innerText")
-            << ", at worst " << browser.valueOf("worst.toFixed(2)") << " s\n";
+            << browser.valueOf("document.getElementById('follow-counts').innerText") << '\n';
+  announceTime("a message is seen at worst", std::stod(browser.valueOf("worst.toFixed(2)")), 1);
+  // A ring of 512 in the daemon and one here: only a second of standstill is missed.
+  EXPECT_EQ(browser.valueOf("follow.missed <= 3000 / 2"), "true");
   tileShows("alpha", "Carries traffic to the router only");
 }
 
@@ -294,6 +300,7 @@ TEST_F(PageTest, OldDataIsGreyAndSaysHowOldItIsUntilAllIsBack) {
   shows("#verdict-text", "All 4 routers");
   EXPECT_TRUE(browser.becomes("!" + grey));
   shows("#follow-state", "live");
+  shows("#messages li.missed", "messages may be missing");
   command("{\"back\":1}");
   shows("#messages li", "{\"back\":1}");
 }
@@ -319,6 +326,18 @@ TEST_F(PageTest, ClocksAndCountersThatBeginAgainLeaveNothingFalse) {
   feed("base.now, 1, 100, [[base.now - 9, base.now - 4], [base.now - 1, 7, 0, 70, 0]], 16");
   EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').rates.filter((one) => !one.gap).length"), "7");
   tileShows("alpha", "16 or more of");
+  // A loss of five minutes ago, and how the link ended last.
+  const std::pair<std::string, std::string> ends[] = {{"hung up", "unsteady"},
+                                                      {"standby", "carries"}};
+  for (const auto& [reason, state] : ends) {
+    browser.valueOf(
+        "Object.assign(base.daemon.document.routers[0], {since: base.now - 5, losses: "
+        "[base.now - 300], lastLoss: {reason: '" +
+        reason + "', time: base.now - " + (reason == "standby" ? "9" : "300") + "}})");
+    feed("base.now, 1, 100, [[base.now - 1, 7, 0, 70, 0]], 1");
+    EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').verdict.state"), state) << reason;
+  }
+  EXPECT_EQ(browser.valueOf("at(Math.floor(base.now) + 0.9997, true).slice(-4)"), ".999");
   feed("base.now + 2, 1, 120, [], 0");
   EXPECT_EQ(crossing(), "10");
   feed("base.now + 4, 2, 8, [], 0");

@@ -1,8 +1,8 @@
 'use strict';
 
-// The live page. Everything comes over two event streams of this server: `state` and `event`, and
-// while somebody follows a router its messages. Names, paths and bodies come from a bus and may be
-// anything: they reach the page as textContent and through shown() only.
+// The live page. Everything comes over an event stream of this server, as `state` and `event`, and
+// while somebody follows a router its messages over one more. Names, paths and bodies come from a
+// bus and may be anything: they reach the page as textContent and through shown() only.
 
 const kUnanswered = 5;  // seconds without an answer on the bus; it is asked every two
 const kWindow = 120;    // seconds that the lines show
@@ -23,6 +23,7 @@ const kSilence = 6;      // seconds without a word after which the stream is ope
 const kFirst = 60;       // the same for an open stream's first state, which may be megabytes
 const kJump = 5;         // seconds, beyond which a clock was set
 const kLossesKept = 16;  // by the daemon for each router
+const kInterrupted = 'Interrupted: messages may be missing here';
 
 const $ = (id) => document.getElementById(id);
 
@@ -78,14 +79,14 @@ function span(seconds) {
 
 const clockTime = new Intl.DateTimeFormat('en-GB', {timeStyle: 'medium'});
 const dayTime = new Intl.DateTimeFormat('en-GB', {dateStyle: 'medium', timeStyle: 'medium'});
-function at(seconds, fraction = 0) {
+function at(seconds, milliseconds = false) {
   const date = new Date(seconds * 1000);
   if (Number.isNaN(date.getTime())) {
     return '–';
   }
   const today = Math.abs(clock.now() - seconds) < 72000;
   return (today ? clockTime : dayTime).format(date) +
-      (fraction ? (seconds % 1).toFixed(fraction).slice(1) : '');
+      (milliseconds ? '.' + String(date.getMilliseconds()).padStart(3, '0') : '');
 }
 // When, and while data is fresh also how long ago.
 const since = (s, now) => view.stale || !Number.isFinite(s) ? at(s) : `${at(s)} (${span(now - s)})`;
@@ -224,7 +225,10 @@ function judge(router, tile, now) {
   if (tile.lateFor >= 1) {
     return verdict('behind', 1, 'Behind', frames);
   }
-  if (lost > kFlapping || (lost > 0 && back < kSettled)) {
+  // Not behind an end that was meant, such as a standby.
+  const lastLost = router.losses?.at(-1);
+  const wasLost = Number.isFinite(lastLost) && !(loss?.time > lastLost);
+  if (lost > kFlapping || (wasLost && back < kSettled)) {
     return verdict(
         'unsteady', 1, 'Unsteady', `lost ${losses(lost)} × in 10 minutes, back for ${span(back)}`);
   }
@@ -1005,8 +1009,8 @@ const follow = {
   paused: false,
   seen: 0,
   missed: 0,
-  hidden: 0,
   behind: NaN,
+  begun: false,  // whether the stream was open before
   drawing: false,
   drawn: 0,
   words: [],
@@ -1018,7 +1022,7 @@ const follow = {
     }
     this.stop();
     Object.assign(
-        this, {id, opener, kept: [], waiting: [], seen: 0, missed: 0, hidden: 0, behind: NaN});
+        this, {id, opener, kept: [], waiting: [], seen: 0, missed: 0, behind: NaN, begun: false});
     this.setPaused(false);
     history.replaceState(null, '', '#follow=' + encodeURIComponent(id));
     $('messages').replaceChildren();
@@ -1029,7 +1033,7 @@ const follow = {
           message: (batch) => this.take(objects(batch)),
           end: (end) => this.say(`ended: ${shown(end?.reason, 200)}; tried again`, true),
         },
-        () => this.say('live'));
+        () => this.begin());
     this.mark();
     if (opener) {
       $('follow-heading').focus();
@@ -1073,6 +1077,15 @@ const follow = {
     $('follow-state').classList.toggle('alarm', bad);
   },
 
+  // The stream is open, maybe not for the first time.
+  begin() {
+    this.say('live');
+    if (this.begun && this.kept[this.kept.length - 1]?.note !== kInterrupted) {
+      this.add({note: kInterrupted});
+    }
+    this.begun = true;
+  },
+
   take(batch) {
     for (const line of batch) {
       if (line.missed !== undefined) {
@@ -1084,10 +1097,12 @@ const follow = {
         this.say(shown(line.error, 200), true);
         continue;
       }
-      const entry = this.entry(line);
-      this.kept.push(entry);
-      this.waiting.push(entry);
+      this.add(this.entry(line));
     }
+  },
+  add(entry) {
+    this.kept.push(entry);
+    this.waiting.push(entry);
     this.kept.splice(0, this.kept.length - kKept);
     this.waiting.splice(0, this.waiting.length - kRows);
     if (!this.drawing) {
@@ -1101,13 +1116,13 @@ const follow = {
   // A message as its texts; the search text is made when a filter asks for it.
   entry(line) {
     if (line.missed !== undefined) {
-      return {missed: Number(line.missed) || 0, search: ''};
+      return {note: `${plural(Number(line.missed) || 0, 'message')} left out: too many at once`};
     }
     return {
       time: line.time,
       blocked: line.passed === false,
       texts: [
-        at(line.time, 3),
+        at(line.time, true),
         line.direction === 'toRouter' ? '→ to' : '← from',
         line.passed === false ? `blocked by ${shown(line.rule, 40)}` : 'passed',
         `${shown(line.kind)} ${shown(line.path)}`,
@@ -1118,7 +1133,7 @@ const follow = {
     };
   },
   matches(entry) {
-    if (this.words.length === 0 || entry.missed !== undefined) {
+    if (this.words.length === 0 || entry.note !== undefined) {
       return true;
     }
     entry.search ??= entry.texts.join(' ').toLowerCase();
@@ -1127,8 +1142,8 @@ const follow = {
                                                             entry.search.includes(word));
   },
   row(entry) {
-    if (entry.missed !== undefined) {
-      return make('li', 'missed', `${plural(entry.missed, 'message')} left out: too many at once`);
+    if (entry.note !== undefined) {
+      return make('li', 'missed', entry.note);
     }
     const row = make('li', entry.blocked ? 'blocked' : '');
     entry.texts.forEach((text, column) => {
