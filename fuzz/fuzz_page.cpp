@@ -35,7 +35,7 @@ namespace {
 using Parts = std::vector<std::string>;
 
 constexpr const char* kDocument =
-    R"({"version":"1","now":5,"routers":[{"name":"Router 1","uniqueID":"r1","state":"up"}]})";
+    R"({"startTime":1,"now":5,"routers":[{"name":"Router 1","uniqueID":"r1","state":"up"}]})";
 
 // --- Requests ------------------------------------------------------------------------------------
 
@@ -43,7 +43,7 @@ constexpr const char* kDocument =
 struct Site {
   Site()
       : state("1.0.0"), relays("/nowhere"), server({"127.0.0.1", 0, {}, "1.0.0"}, state, relays) {
-    state.answered(kDocument, {});
+    require(state.answered(kDocument, {}), "a daemon answers");
     require(server.start(), "the server starts");
   }
   ~Site() { state.end(); }
@@ -125,10 +125,8 @@ void show(Parts parts) {
   BusParticipant::View bus;
   for (const std::string& part : parts) {
     const std::string document = compactJSON(withoutBrokenUtf8(part)).value_or("");
-    if (document.empty()) {
+    if (!state.answered(document, bus)) {
       state.silent(part, bus);
-    } else {
-      state.answered(document, bus);
     }
     bus.up = !bus.up;
     const LiveState::News news = state.next(mark, LiveState::Clock::time_point());

@@ -17,6 +17,7 @@
 
 #include "app/util/ErrnoText.h"
 #include "app/util/PollWait.h"
+#include "app/util/StatusLimits.h"
 
 namespace valtor {
 
@@ -212,7 +213,7 @@ void StatusServer::serve(Asker& asker, short events) {
 }
 
 void StatusServer::readRequest(Asker& asker) {
-  char bytes[kMaxLine];
+  char bytes[kLongestStatusRequest];
   const ssize_t count = recv(asker.socket.get(), bytes, sizeof bytes, 0);
   if (count < 0) {
     asker.gone = errno != EAGAIN && errno != EINTR;
@@ -224,7 +225,7 @@ void StatusServer::readRequest(Asker& asker) {
   }
   asker.request.append(bytes, static_cast<std::size_t>(count));
   if (count == 0 || asker.request.find('\n') != std::string::npos ||
-      asker.request.size() > kMaxLine) {
+      asker.request.size() > kLongestStatusRequest) {
     answer(asker);
   }
 }
@@ -242,7 +243,7 @@ void StatusServer::answer(Asker& asker) {
     return other->follower != nullptr;
   };
   if (static_cast<std::size_t>(std::count_if(askers_.begin(), askers_.end(), follows)) >=
-      kMaxFollowers) {
+      kMostFollowers) {
     asker.output = "{\"error\":\"too many follow already\"}\n";
     return;
   }

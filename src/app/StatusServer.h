@@ -31,10 +31,8 @@ class StatusServer final : public MyThreadClass {
   static constexpr std::chrono::milliseconds kGrace{300};
   // How long an answer may take to be read.
   static constexpr std::chrono::milliseconds kPatience{1000};
-  static constexpr std::size_t kMaxAskers = 64;  // at once; others wait to be accepted
-  static constexpr std::size_t kMaxFollowers =
-      16;                                        // of these; they stay, and hold a mebibyte or two
-  static constexpr std::size_t kMaxLine = 1024;  // bytes of what an asker sends
+  // At once; others wait to be accepted. kMostFollowers of them stay, and hold a mebibyte or two.
+  static constexpr std::size_t kMaxAskers = 64;
 
   // Listens at the path, whose folder is made, and for the group "adm" where there is one. Where
   // that fails, one line says so and nobody is served.

@@ -1,3 +1,4 @@
+#include <array>
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include "app/SingleInstance.h"
 #include "app/StatusServer.h"
 #include "app/util/OwnedJSON.h"
+#include "app/util/StatusLimits.h"
 #include "bus/BusSupport.h"
 #include "peers/BridgeWatch.h"
 #include "peers/Crossings.h"
@@ -120,8 +122,12 @@ TEST_F(StatusTest, ShowsEveryRouterItsTrafficItsRulesAndWhyItWasLost) {
 TEST_F(StatusTest, AFollowerSeesOneRoutersMessagesBlockedOnesWithTheirRule) {
   ASSERT_TRUE(BridgeSite::becomesLinked(*site.alpha));
   EXPECT_EQ(ask(path, "follow nobody\n"), R"({"error":"no such router"})");
-  const UniqueDescriptor socket = connectTo(path);
-  send(socket.get(), "follow alpha\n", 13, MSG_NOSIGNAL);
+  std::array<UniqueDescriptor, kMostFollowers> sockets;
+  for (UniqueDescriptor& socket : sockets) {
+    socket = connectTo(path);
+    send(socket.get(), "follow alpha\n", 13, MSG_NOSIGNAL);
+  }
+  EXPECT_EQ(ask(path, "follow alpha\n"), R"({"error":"too many follow already"})");
   std::atomic<bool> seen{false};
   std::thread source([&] {  // until the follower is there
     eventually([&] {
@@ -133,7 +139,7 @@ TEST_F(StatusTest, AFollowerSeesOneRoutersMessagesBlockedOnesWithTheirRule) {
   });
   std::string got;
   do {
-    got = readLine(socket);  // the answers to the link-up's requests may come first
+    got = readLine(sockets.back());  // the answers to the link-up's requests may come first
   } while (!got.empty() && got.find("\"rule\"") == std::string::npos);
   seen = true;
   source.join();

@@ -3,14 +3,13 @@
 #include <utility>
 
 #include "app/util/OwnedJSON.h"
+#include "app/util/StatusLimits.h"
 #include "support/JSONText.h"
 #include "support/PrintableText.h"
 #include "support/StatusSocket.h"
 
 namespace valtor {
 namespace {
-
-constexpr std::size_t kLongest = 67108864;  // bytes; ten thousand routers need a sixth
 
 std::string textOf(const cJSON* object, const char* name) {
   const char* text = stringMember(object, name);
@@ -59,7 +58,7 @@ DaemonStatus::Router routerOf(const cJSON* item) {
 }  // namespace
 
 DaemonStatus DaemonStatus::ask(const std::string& path, std::chrono::milliseconds time) {
-  StatusAnswer answer = askForStatus(path, time, kLongest);
+  StatusAnswer answer = askForStatus(path, time, kLongestStatus);
   DaemonStatus status(answer.text);
   if (!answer.text.empty() && !status.isThere()) {
     answer.problem = "what " + path + " says is no JSON object";

@@ -59,7 +59,7 @@ class DaemonStatus {
   int controllerPort = 0;         // 0: not said
   std::vector<Router> routers;
   double queueDelay = 0;  // seconds that a message waits in the daemon
-  std::string lastLoop;   // "NOT tally from A to B"; "" for none
+  std::string lastLoop;   // NOT on "tally" from A to B; "" for none
   double lastLoopTime = 0;
 
  private:

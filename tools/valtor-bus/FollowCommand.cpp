@@ -9,6 +9,7 @@
 #include "app/util/ErrnoText.h"
 #include "app/util/OwnedJSON.h"
 #include "app/util/PollWait.h"
+#include "app/util/StatusLimits.h"
 #include "support/CommandFailure.h"
 #include "support/JSONText.h"
 #include "support/PrintableText.h"
@@ -98,9 +99,10 @@ class Follower {
   std::optional<CommandFailure> show(const std::string& line) {
     const OwnedJSON object = parseJSON(line);
     if (const char* error = stringMember(object.get(), "error"); error != nullptr) {
-      return CommandFailure(
-          ExitCode::Refused, "router \"" + excerpt(settings_.uniqueID) + "\": " + printable(error),
-          "UNIQUE-ID is that of a router in the table of status; 16 may be followed at a time.");
+      return CommandFailure(ExitCode::Refused,
+                            "router \"" + excerpt(settings_.uniqueID) + "\": " + printable(error),
+                            "UNIQUE-ID is that of a router in the table of status; no more than " +
+                                std::to_string(kMostFollowers) + " can follow at a time.");
     }
     if (!hasBegun_ && stringMember(object.get(), "direction") == nullptr &&
         cJSON_GetObjectItem(object.get(), "missed") == nullptr) {

@@ -183,6 +183,7 @@ class BusParticipant::Impl {
 
   void lose(const std::string& problem) {
     ++link_;  // what is under way belongs to the old one
+    resolver_.cancel();
     asio::error_code ignored;
     socket_.close(ignored);
     skimmer_.reset();

@@ -18,8 +18,11 @@
 namespace valtor {
 namespace {
 
-constexpr std::size_t kLongestID = 900;      // bytes; the daemon takes a line of 1024
-constexpr std::size_t kLongestLine = 65536;  // a body's first kilobyte, escaped, and the rest
+constexpr std::string_view kFollow = "follow ";
+constexpr std::size_t kLongestID = kLongestStatusRequest - kFollow.size() - 1;  // bytes
+// The daemon's longest line has some 8,000: the first 1024 bytes of a body and 255 of a path, each
+// of which may stand there as six, and short members.
+constexpr std::size_t kLongestLine = 65536;
 
 std::string missedLine(double count) {
   return "{\"missed\":" + std::to_string(static_cast<long long>(count)) + "}";
@@ -31,20 +34,21 @@ class Reader : public std::enable_shared_from_this<Reader> {
   Reader(asio::io_context& context, const std::shared_ptr<FollowRelay>& relay,
          std::shared_ptr<const void> place)
       : socket_(context), timer_(context), relay_(relay), place_(std::move(place)) {}
+  ~Reader() { endRelay("nobody reads"); }  // too short to need memory
+  Reader(const Reader&) = delete;
+  Reader& operator=(const Reader&) = delete;
 
   // The connection has asked already.
   void start(UniqueDescriptor socket) {
     asio::error_code error;
     socket_.assign(asio::local::stream_protocol(), socket.get(), error);
     if (error) {
-      if (const auto relay = relay_.lock()) {
-        relay->end("the daemon cannot be read: " + error.message());
-      }
+      endRelay("the daemon cannot be read: " + error.message());
       return;
     }
     static_cast<void>(socket.release());
     watch();
-    read();
+    readOrEnd();
   }
 
  private:
@@ -62,19 +66,32 @@ class Reader : public std::enable_shared_from_this<Reader> {
     });
   }
 
+  // Only the first reason counts.
+  void endRelay(const std::string& reason) {
+    if (const auto relay = relay_.lock()) {
+      relay->end(reason);
+    }
+  }
+
+  void readOrEnd() {
+    try {
+      read();
+    } catch (const std::exception&) {
+      timer_.cancel();  // which held this
+    }
+  }
+
   void read() {
     socket_.async_read_some(
         asio::buffer(buffer_),
         [self = shared_from_this()](const asio::error_code& error, std::size_t count) {
           const auto relay = self->relay_.lock();
           if (relay != nullptr && !error && self->takeOrEnd(count, *relay)) {
-            self->read();
+            self->readOrEnd();
             return;
           }
-          if (relay != nullptr && error) {
-            relay->end("the daemon has ended what it told");
-          }
           self->timer_.cancel();
+          self->endRelay("the daemon has ended what it told");
         });
   }
 
@@ -177,9 +194,11 @@ void FollowRelay::addMissed(double count) {
 
 void FollowRelay::end(const std::string& reason) {
   const Locked lock(lock_);
-  reason_ = ended_ ? reason_ : reason;
-  ended_ = true;
-  changed_.notify_all();
+  if (!ended_) {
+    ended_ = true;
+    changed_.notify_all();
+    reason_ = reason;
+  }
 }
 
 class FollowRelays::Impl {
@@ -231,7 +250,7 @@ std::shared_ptr<FollowRelay> FollowRelays::follow(const std::string& uniqueID) {
   }
   std::string problem;
   UniqueDescriptor socket = connectToStatus(impl_->socket, problem);
-  const std::string request = "follow " + uniqueID + "\n";
+  const std::string request = std::string(kFollow) + uniqueID + "\n";
   if (!socket.valid()) {
     relay->end(problem.empty() ? "there is no " + impl_->socket : problem);
   } else if (::send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL) < 0) {

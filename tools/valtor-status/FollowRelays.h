@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/util/Mutex.h"
+#include "app/util/StatusLimits.h"
 
 namespace valtor {
 
@@ -53,11 +54,11 @@ class FollowRelay {
 // its own, so that the daemon never waits for a browser. Any thread may call it.
 class FollowRelays {
  public:
-  // At once; the daemon lets 16 follow, and somebody at the controller may want to as well.
-  static constexpr std::size_t kMost = 12;
+  // At once: somebody at the controller may want to follow as well.
+  static constexpr std::size_t kMost = kMostFollowers - 4;
 
   explicit FollowRelays(std::string socket);
-  // Nothing comes to the relays that are still there.
+  // Ends the relays that are still there.
   ~FollowRelays();
   FollowRelays(const FollowRelays&) = delete;
   FollowRelays& operator=(const FollowRelays&) = delete;

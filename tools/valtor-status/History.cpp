@@ -1,5 +1,6 @@
 #include "valtor-status/History.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <string_view>
@@ -15,15 +16,16 @@ using Routers = std::unordered_map<std::string_view, const Router*>;
 constexpr std::chrono::milliseconds kSampleInterval{900};  // two looks of half a second, roughly
 constexpr std::chrono::seconds kLongestSample{3};          // no average over what was not seen
 constexpr std::chrono::seconds kWarningInterval{10};       // for each kind
+constexpr double kMostTold = 1e15;                         // which a whole number holds exactly
 
 // What a count of warnings counts. Stalls and circles have events of their own.
 constexpr std::array<std::pair<const char*, const char*>, 6> kWarnings = {{
-    {"notConnected", "messages dropped since a link is down"},
-    {"sendFailed", "links broken while a message was sent"},
-    {"sendGaveUp", "messages dropped since the far end did not read"},
-    {"lostWithLink", "links lost with messages that waited to leave"},
-    {"readingPaused", "pauses of reading, since more came than could be handled"},
-    {"messageFailed", "messages that could not be handled"},
+    {"notConnected", "Messages dropped since a link is down"},
+    {"sendFailed", "Links broken while a message was sent"},
+    {"sendGaveUp", "Messages dropped since the far end did not read"},
+    {"lostWithLink", "Links lost with messages that waited to leave"},
+    {"readingPaused", "Pauses of reading, since more came than could be handled"},
+    {"messageFailed", "Messages that could not be handled"},
 }};
 
 Routers byUniqueID(const StatusFigures& figures) {
@@ -156,7 +158,8 @@ void History::compareWarnings(const StatusFigures& before, const StatusFigures& 
     const double count = countOf(after, kind) - countOf(before, kind);
     warning.untold += std::isfinite(count) && count > 0 ? count : 0;
     if (warning.untold > 0 && now - warning.told >= kWarningInterval) {
-      add(time, "warning", std::to_string(std::llround(warning.untold)) + " " + text + ".");
+      const auto told = std::llround(std::min(warning.untold, kMostTold));
+      add(time, "warning", std::string(text) + ": " + std::to_string(told) + ".");
       warning = {0, now};
     }
   }
@@ -167,28 +170,31 @@ void History::sample(const StatusFigures& figures, double time, Clock::time_poin
   if (base_ && passed < kSampleInterval) {
     return;
   }
+  Counts counts;
+  for (const Router& router : figures.routers) {
+    counts.try_emplace(router.uniqueID,
+                       Counts::mapped_type{router.toRouter.messages, router.fromRouter.messages,
+                                           router.toRouter.bytes, router.fromRouter.bytes});
+  }
   if (base_ && passed <= kLongestSample) {
     ++lastSample_;
     const double seconds = std::chrono::duration<double>(passed).count();
-    const Routers old = byUniqueID(*base_);
-    for (const Router& router : figures.routers) {
-      const auto found = old.find(router.uniqueID);
-      if (found == old.end()) {
+    for (const auto& [uniqueID, after] : counts) {
+      const auto found = base_->find(uniqueID);
+      if (found == base_->end()) {
         continue;
       }
-      const Router& base = *found->second;
-      std::deque<Sample>& ring = samples_[router.uniqueID];
-      ring.push_back({lastSample_, time,
-                      rate(base.toRouter.messages, router.toRouter.messages, seconds),
-                      rate(base.fromRouter.messages, router.fromRouter.messages, seconds),
-                      rate(base.toRouter.bytes, router.toRouter.bytes, seconds),
-                      rate(base.fromRouter.bytes, router.fromRouter.bytes, seconds)});
+      const auto& before = found->second;
+      std::deque<Sample>& ring = samples_[uniqueID];
+      ring.push_back({lastSample_, time, rate(before[0], after[0], seconds),
+                      rate(before[1], after[1], seconds), rate(before[2], after[2], seconds),
+                      rate(before[3], after[3], seconds)});
       if (ring.size() > kSamples) {
         ring.pop_front();
       }
     }
   }
-  base_ = figures;
+  base_ = std::move(counts);
   baseTime_ = now;
 }
 

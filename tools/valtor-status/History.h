@@ -1,11 +1,13 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <optional>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "valtor-status/BusParticipant.h"
@@ -58,6 +60,9 @@ class History {
     Clock::time_point told;
   };
 
+  // Of each router: messages to and from it, bytes to and from it.
+  using Counts = std::unordered_map<std::string, std::array<double, 4>>;
+
   void add(double time, const char* kind, std::string text, const std::string& router = "");
   void compare(const StatusFigures& before, const StatusFigures& after, double time);
   void compareRouter(const StatusFigures::Router& before, const StatusFigures::Router& after,
@@ -73,7 +78,7 @@ class History {
   std::deque<Event> events_;
   uint64_t lastEvent_ = 0;
   uint64_t lastSample_ = 0;
-  std::optional<StatusFigures> base_;  // of the last sample
+  std::optional<Counts> base_;  // of the last sample
   Clock::time_point baseTime_;
   std::map<std::string, std::deque<Sample>> samples_;
 };

@@ -134,16 +134,20 @@ std::string eventJSON(const History::Event& event) {
   return json.result();
 }
 
-void LiveState::answered(std::string document, const BusParticipant::View& bus) {
-  StatusFigures figures = StatusFigures::of(document);
+bool LiveState::answered(std::string document, const BusParticipant::View& bus) {
+  std::optional<StatusFigures> figures = StatusFigures::of(document);
+  if (!figures) {
+    return false;
+  }
   const double time = wallSeconds();
   const Locked lock(lock_);
-  history_.answered(std::move(figures), time, Clock::now());
+  history_.answered(std::move(*figures), time, Clock::now());
   document_ = std::move(document);
   answering_ = true;
   problem_.clear();
   asOf_ = time;
   finish(bus, time);
+  return true;
 }
 
 void LiveState::silent(const std::string& problem, const BusParticipant::View& bus) {

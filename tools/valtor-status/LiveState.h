@@ -34,8 +34,8 @@ class LiveState {
   explicit LiveState(std::string version) : version_(std::move(version)) {}
 
   // Of one look: the daemon's document, valid JSON and valid UTF-8, or why there is none; and the
-  // bus.
-  void answered(std::string document, const BusParticipant::View& bus);
+  // bus. False, and nothing has happened, for a document that is not one of a daemon.
+  bool answered(std::string document, const BusParticipant::View& bus);
   void silent(const std::string& problem, const BusParticipant::View& bus);
 
   // The whole state, with all rates and events, and how far it goes.

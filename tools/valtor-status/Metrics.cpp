@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <initializer_list>
+#include <unordered_set>
 #include <utility>
 
 #include "support/PrintableText.h"
@@ -32,25 +33,31 @@ class Exposition {
   // The lines that follow belong to this metric.
   void begin(const char* name, const char* type, const char* help) {
     name_ = name;
+    series_.clear();
     text_ += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
   }
 
+  // The same labels again are left out: Prometheus would refuse all for that.
   void value(double value, Labels labels = {}) {
-    text_ += name_;
+    std::string series = name_;
     const char* separator = "{";
     for (const auto& [label, text] : labels) {
-      text_ += std::string(separator) + label + "=\"" + escaped(text) + "\"";
+      series += std::string(separator) + label + "=\"" + escaped(text) + "\"";
       separator = ",";
     }
+    series += labels.size() > 0 ? "}" : "";
     std::array<char, 40> number{};
     std::snprintf(number.data(), number.size(), " %.15g\n", value);
-    text_ += (labels.size() > 0 ? "}" : "") + std::string(number.data());
+    if (const auto [place, isNew] = series_.insert(std::move(series)); isNew) {
+      text_ += *place + number.data();
+    }
   }
 
   const std::string& text() const { return text_; }
 
  private:
   const char* name_ = "";
+  std::unordered_set<std::string> series_;  // of this metric
   std::string text_;
 };
 
@@ -174,6 +181,8 @@ void addDaemon(Exposition& out, const StatusFigures& status) {
   }
   out.begin("valtor_resident_memory_bytes", "gauge", "Memory that the daemon holds.");
   out.value(status.residentBytes);
+  out.begin("valtor_allocated_memory_bytes", "gauge", "What the daemon uses of that for its data.");
+  out.value(status.allocatedBytes);
 }
 
 }  // namespace

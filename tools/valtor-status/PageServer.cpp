@@ -341,14 +341,26 @@ class PageServer::Impl final : public httplib::Server {
       return false;
     }
     errno = 0;
-    if (settings_.port == 0 && port_ == 0) {
-      port_ = bind_to_any_port(settings_.address);
-    } else {
-      const int wanted = port_ > 0 ? port_.load() : settings_.port;
-      port_ = bind_to_port(settings_.address, wanted) ? wanted : -1;
+    int port = port_ > 0 ? port_.load() : settings_.port;
+    if (port == 0) {
+      port = bind_to_any_port(settings_.address);
+    } else if (!bind_to_port(settings_.address, port)) {
+      port = -1;
     }
     // The library's own backlog is 5.
-    return port_ > 0 && ::listen(svr_sock_, SOMAXCONN) == 0;
+    if (port > 0 && ::listen(svr_sock_, SOMAXCONN) == 0) {
+      port_ = port;
+      return true;
+    }
+    closeListener();  // or it would stand in the way of the next attempt
+    return false;
+  }
+
+  // Keeps errno.
+  void closeListener() {
+    const int error = errno;
+    UniqueDescriptor(svr_sock_.exchange(INVALID_SOCKET)).reset();
+    errno = error;
   }
 
   void run() {
@@ -376,7 +388,7 @@ class PageServer::Impl final : public httplib::Server {
     try {
       listen_after_bind();
     } catch (const std::exception&) {
-      UniqueDescriptor(svr_sock_.exchange(INVALID_SOCKET)).reset();
+      closeListener();
     }
   }
 

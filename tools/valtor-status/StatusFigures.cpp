@@ -72,9 +72,12 @@ std::string loopText(const cJSON* loop) {
 
 }  // namespace
 
-StatusFigures StatusFigures::of(const std::string& document) {
+std::optional<StatusFigures> StatusFigures::of(const std::string& document) {
   const OwnedJSON tree = parseJSON(document);
   const cJSON* const root = tree.get();
+  if (cJSON_IsObject(root) == 0 || cJSON_IsNumber(part(root, "startTime")) == 0) {
+    return std::nullopt;
+  }
   const cJSON* const controller = part(root, "controller");
   StatusFigures figures;
   figures.version = text(root, "version");
@@ -97,6 +100,7 @@ StatusFigures StatusFigures::of(const std::string& document) {
   figures.queueDelay = number(part(root, "localQueue"), "delayMs") / 1000;
   figures.warnings = counts(part(root, "warnings"));
   figures.residentBytes = number(part(root, "memory"), "residentBytes");
+  figures.allocatedBytes = number(part(root, "memory"), "allocatedBytes");
   return figures;
 }
 

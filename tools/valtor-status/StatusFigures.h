@@ -42,8 +42,8 @@ struct StatusFigures {
     double bytes = 0;
   };
 
-  // From a document that is JSON.
-  static StatusFigures of(const std::string& document);
+  // None when the document is no JSON object, or does not say when the daemon started.
+  static std::optional<StatusFigures> of(const std::string& document);
 
   std::string version;
   double startTime = 0;  // seconds since 1970, as all times
@@ -55,10 +55,11 @@ struct StatusFigures {
   std::vector<Router> routers;
   std::vector<Crossing> crossing;
   double loopEpisodes = 0;
-  std::string lastLoop;   // "GET on "device" from A to B"; "" for none
-  double queueDelay = 0;  // seconds
+  std::string lastLoop;                                  // GET on "device" from A to B; "" for none
+  double queueDelay = 0;                                 // seconds
   std::vector<std::pair<std::string, double>> warnings;  // by kind
   double residentBytes = 0;
+  double allocatedBytes = 0;
 };
 
 }  // namespace valtor

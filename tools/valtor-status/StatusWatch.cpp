@@ -3,6 +3,7 @@
 #include <exception>
 #include <utility>
 
+#include "app/util/StatusLimits.h"
 #include "support/JSONText.h"
 #include "support/PrintableText.h"
 #include "support/StatusSocket.h"
@@ -12,7 +13,6 @@ namespace {
 
 constexpr std::chrono::milliseconds kInterval{500};
 constexpr std::chrono::milliseconds kPatience{1000};
-constexpr std::size_t kLongest = 4194304;  // bytes; five thousand routers
 
 }  // namespace
 
@@ -58,22 +58,18 @@ void StatusWatch::lookAndTell() {
 }
 
 void StatusWatch::look() {
-  const StatusAnswer answer = askForStatus(socket_, kPatience, kLongest);
+  StatusAnswer answer = askForStatus(socket_, kPatience, kLongestStatus);
   if (answer.text.empty()) {
     silent(answer.problem.empty() ? "there is no " + socket_ : answer.problem);
     return;
   }
   std::string document = compactJSON(withoutBrokenUtf8(answer.text)).value_or("");
-  if (document.empty() || document.front() != '{') {
-    silent("what " + socket_ + " says is no JSON object");
+  answer = {};  // megabytes, where there are thousands of routers
+  const BusParticipant::View view = bus_();
+  if (!state_.answered(std::move(document), view)) {
+    silent("what " + socket_ + " says is no JSON object of a daemon");
     return;
   }
-  answered(std::move(document));
-}
-
-void StatusWatch::answered(std::string document) {
-  const BusParticipant::View view = bus_();
-  state_.answered(std::move(document), view);
   if (!answering_.value_or(false)) {
     say_("the daemon answers");
   }

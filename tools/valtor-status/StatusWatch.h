@@ -14,7 +14,7 @@
 namespace valtor {
 
 // Reads the daemon's status socket twice a second and feeds what it says, or why it says nothing,
-// to the state. A thread of its own; an answer has a second and four mebibytes. The state and what
+// to the state. A thread of its own; an answer has a second and kLongestStatus. The state and what
 // the function uses have to outlive it.
 class StatusWatch {
  public:
@@ -29,7 +29,6 @@ class StatusWatch {
   void run();
   void lookAndTell();
   void look();
-  void answered(std::string document);
   void silent(const std::string& problem);
   void tellBus(const BusParticipant::View& view);
 

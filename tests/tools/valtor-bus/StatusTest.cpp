@@ -268,7 +268,7 @@ TEST_F(StatusTest, ARouterIsFollowedUntilTheDaemonEndsIt) {
        {"--timeout", "0"},
        std::regex(""),
        "valtor-bus: router \"r\": no such router\n  UNIQUE-ID is that of a router in the table of "
-       "status; 16 may be followed at a time.\n"},
+       "status; no more than 16 can follow at a time.\n"},
   };
   StatusSocket socket(folder.at("status"));
   socket.start();

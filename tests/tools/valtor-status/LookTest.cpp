@@ -18,14 +18,16 @@ TEST_F(LookTest, WhyNobodyAnswersIsSaidAndTheLastDocumentStays) {
   {
     StatusStandIn daemon(path);
     const std::string good = documentJSON(routerJSON("north", "up"));
-    const std::string large = ",\"x\":\"" + std::string(10485760, 'x') + "\"";
+    const std::string large = ",\"x\":\"" + std::string(kLongestStatus, 'x') + "\"";
     const std::pair<std::string, std::string> cases[] = {
         {"", path + " says nothing"},
         {good.substr(0, good.size() / 2), "is no JSON object"},
         {"[" + good + "]", "is no JSON object"},
         {std::string("\x00\xff garbage", 10), "is no JSON object"},
         {documentJSON(routerJSON("long", "up"), large), "Message too long"},
-        {"{}", "ok\n"},
+        {R"({"startTime":1,"x":)" + std::string(1500, '[') + std::string(1500, ']') + "}",
+         "is no JSON object"},
+        {"{}", "is no JSON object of a daemon"},
         {good, "ok\n"}};
     for (const auto& [said, problem] : cases) {
       daemon.say(said);
@@ -125,6 +127,10 @@ TEST_F(LookTest, ARoutersMessagesAreRelayedInBatchesUntilTheDaemonEndsThem) {
   EXPECT_TRUE(
       browsers.front().shows("data: {\"reason\":\"the daemon has ended what it told\"}\n\n"));
   EXPECT_TRUE(browsers.front().ends());
+  std::optional<FollowRelays> others(path);
+  const auto relay = others->follow("id-<north>");
+  others.reset();
+  EXPECT_TRUE(relay->take(FollowRelay::Clock::now()).ended);
 }
 
 TEST(FollowRelayTest, KeepsTheNewestAndCountsTheRest) {
@@ -172,7 +178,7 @@ std::vector<Texts> eventsOf(History& history, const Texts& documents) {
     const uint64_t before = history.lastEvent();
     now += std::chrono::seconds(10);
     document.empty() ? history.silent("gone", 1)
-                     : history.answered(StatusFigures::of(document), 1, now);
+                     : history.answered(StatusFigures::of(document).value(), 1, now);
     told.emplace_back();
     for (const History::Event& event : history.events()) {
       if (event.id > before) {
@@ -202,12 +208,14 @@ TEST(HistoryTest, DifferencesBecomeEvents) {
       {"", {"daemon: The daemon does not answer: gone."}},
       {"", {}},
       {documentJSON(
-           "", R"(,"controller":{"state":"up"},"warnings":{"notConnected":12,"other":3})"
-               R"(,"loops":{"episodes":1,"last":{"kind":"NOT","path":"a","from":"b","to":"c"}})"),
+           "",
+           R"(,"controller":{"state":"up"},"warnings":{"notConnected":12,"other":3,"sendFailed":1e300})"
+           R"(,"loops":{"episodes":1,"last":{"kind":"NOT","path":"a","from":"b","to":"c"}})"),
        {"daemon: The daemon answers again.", "role: The role is active.",
         "bus: The daemon's link to the controller is up.",
         "loop: A message goes round in circles: NOT on \"a\" from b to c.",
-        "warning: 12 messages dropped since a link is down."}},
+        "warning: Messages dropped since a link is down: 12.",
+        "warning: Links broken while a message was sent: 1000000000000000."}},
       {R"({"startTime":2,"role":{"state":"active"},"controller":{"state":"up"}})",
        {"daemon: The daemon was restarted."}}};
   Texts documents;
@@ -230,7 +238,8 @@ TEST(HistoryTest, RatesAreTakenOnceASecondAndNeverAcrossAGapOrARestart) {
     const std::string router =
         routerJSON("north", "up", ",\"toRouter\":{\"messages\":" + std::to_string(messages) + "}");
     history.answered(StatusFigures::of("{\"startTime\":" + std::to_string(start) +
-                                       ",\"routers\":[" + router + "]}"),
+                                       ",\"routers\":[" + router + "]}")
+                         .value(),
                      milli / 1000.0, History::Clock::time_point(milliseconds(milli)));
     const auto& samples = history.samples("id-north");
     return samples.empty() ? -1.0F : samples.back().toRouter;
@@ -256,23 +265,29 @@ TEST(MetricsTest, LabelsAreEscapedAndNothingIsSaidForADaemonThatDoesNotAnswer) {
   figures.answering = true;
   figures.age = 0.5;
   figures.bus.daemonDelayMs = 2.5;
-  figures.status = StatusFigures::of(documentJSON(routerJSON(
+  const std::string router = routerJSON(
       "a\\\"b\\\\c\\nd", "up",
       R"(,"lost":2,"waiting":{"frames":3},"fromRouter":{"messages":4,"bytes":12345678901,)"
-      R"("rules":{"isTallyMsg":5}})")));
+      R"("rules":{"isTallyMsg":5}})");
+  figures.status =
+      StatusFigures::of(documentJSON(router + "," + router, R"(,"memory":{"allocatedBytes":6})"))
+          .value();
   const std::string text = metricsText(figures, "9.9");
   const std::string labels = R"({router="id-a\"b\\c\nd",name="a\"b\\c\nd")";
   for (const std::string& line :
        {std::string("# TYPE valtor_router_messages_total counter"), std::string("valtor_up 1"),
         std::string("valtor_status_age_seconds 0.5"), std::string("valtor_role{role=\"active\"} 1"),
-        std::string("valtor_daemon_delay_seconds 0.0025"), "valtor_router_up" + labels + "} 1",
+        std::string("valtor_daemon_delay_seconds 0.0025"),
+        std::string("valtor_allocated_memory_bytes 6"), "valtor_router_up" + labels + "} 1",
         "valtor_router_lost_total" + labels + "} 2",
         "valtor_router_waiting_messages" + labels + "} 3",
         "valtor_router_messages_total" + labels + ",direction=\"from_router\"} 4",
         "valtor_router_bytes_total" + labels + ",direction=\"from_router\"} 12345678901",
         "valtor_router_blocked_total" + labels +
             ",direction=\"from_router\",rule=\"isTallyMsg\"} 5"}) {
-    EXPECT_NE(text.find("\n" + line + "\n"), std::string::npos) << line << "\n" << text;
+    const std::size_t place = text.find("\n" + line + "\n");
+    ASSERT_NE(place, std::string::npos) << line << "\n" << text;
+    EXPECT_EQ(text.find("\n" + line + "\n", place + 1), std::string::npos) << line;
   }
   figures.answering = false;
   const std::string silent = metricsText(figures, "9.9");
