@@ -1,8 +1,10 @@
 // Feeds the stream parser with arbitrary bytes in chunks and uses every message that comes out. The
 // first letter of an input chooses whether the rest is the stream itself or one payload, which then
-// gets its frame here, the second the size of the chunks.
+// gets its frame here; the next four choose the sizes of the chunks, in turn, the last how much of
+// the stream a link before this one had brought when it ended.
 
 #include <algorithm>
+#include <array>
 #include <exception>
 #include <iterator>
 #include <string>
@@ -18,15 +20,25 @@ namespace valtor::fuzz {
 
 namespace {
 
-std::vector<PellInternalMessage> parsed(const std::string& stream, std::size_t chunk) {
+using Chunks = std::array<std::size_t, 4>;  // bytes
+
+// The second of two links brings the stream, the first had brought some of it.
+std::vector<PellInternalMessage> parsed(const std::string& stream, const Chunks& chunks,
+                                        std::size_t before = 0) {
   std::vector<PellInternalMessage> all;
   PellInternalStreamParser parser;
+  parser.setMessageCallback([](std::vector<PellInternalMessage>) {});
+  parser.parse(stream.data(), std::min(before, stream.size()));
+  parser.reset();
   parser.setMessageCallback([&all](std::vector<PellInternalMessage> messages) {
     require(!messages.empty(), "a callback has messages");
     std::move(messages.begin(), messages.end(), std::back_inserter(all));
   });
-  for (std::size_t done = 0; done < stream.size(); done += chunk) {
-    parser.parse(stream.data() + done, std::min(chunk, stream.size() - done));
+  std::size_t turn = 0;
+  for (std::size_t done = 0; done < stream.size();) {
+    const std::size_t size = std::min(chunks[turn++ % chunks.size()], stream.size() - done);
+    parser.parse(stream.data() + done, size);
+    done += size;
   }
   return all;
 }
@@ -85,7 +97,7 @@ void sendOn(const PellInternalMessage& message) {
   const SharedFrame framed = frameOf(message, message.header.sourceConnID);
   const std::string stream(framed->data(), framed->size());
   require(stream == frame(payload), "every way of framing gives the same bytes");
-  const std::vector<PellInternalMessage> again = parsed(stream, 7);
+  const std::vector<PellInternalMessage> again = parsed(stream, {7, 7, 7, 7});
   require(again.size() == 1, "an encoded message is one message");
   require(again[0].getKind() == message.getKind() && again[0].getPath() == message.getPath() &&
               again[0].header.sourceConnID == message.header.sourceConnID &&
@@ -102,11 +114,15 @@ const MemoryLimit kMemoryLimit{100, PellInternalStreamParser::kMaxPayload + 300'
 
 void examine(Input input) {
   const bool isStream = input.choose(2) != 0;
-  const std::size_t chunk = 1 + input.choose(128);
+  Chunks chunks{};
+  for (std::size_t& chunk : chunks) {
+    chunk = 1 + input.choose(128);
+  }
+  const std::size_t before = input.choose(128);
   const std::string stream = isStream ? input.text() : frame(input.text());
-  const std::vector<PellInternalMessage> whole =
-      parsed(stream, std::max<std::size_t>(stream.size(), 1));
-  std::vector<PellInternalMessage> cut = parsed(stream, chunk);
+  const std::size_t all = std::max<std::size_t>(stream.size(), 1);
+  const std::vector<PellInternalMessage> whole = parsed(stream, {all, all, all, all});
+  std::vector<PellInternalMessage> cut = parsed(stream, chunks, before);
   require(whole.size() == cut.size(), "chunks do not matter");
   for (std::size_t i = 0; i < cut.size(); ++i) {
     require(whole[i].encode() == cut[i].encode() || whole[i].isScheduled() != cut[i].isScheduled(),

@@ -67,15 +67,15 @@ void filter(const std::string& host, const std::string& payload) {
 
 // --- The identifier of a body --------------------------------------------------------------------
 
-// What findId() promises, looked up in a tree: the first string behind a key "id" of the outermost
-// object, be it inside of arrays, before the next key of whatever object.
+// What findId() promises, looked up in a tree: the first string, be it empty, behind a key "id" of
+// the outermost object, be it inside of arrays, before the next key of whatever object.
 struct IdInTree {
-  std::string id;
+  std::optional<std::string> id;
   bool isOver = false;  // found, or another key came
 
   void lookInto(const rapidjson::Value& value) {
     if (value.IsString()) {
-      id.assign(value.GetString(), value.GetStringLength());
+      id.emplace(value.GetString(), value.GetStringLength());
       isOver = true;
     } else if (value.IsObject()) {
       isOver = isOver || value.MemberCount() > 0;
@@ -95,12 +95,12 @@ std::string idOf(const rapidjson::Document& document) {
       if (std::string_view(member.name.GetString(), member.name.GetStringLength()) == "id") {
         found.lookInto(member.value);
       }
-      if (!found.id.empty()) {
+      if (found.id) {
         break;
       }
     }
   }
-  return found.id;
+  return found.id.value_or("");
 }
 
 std::size_t nesting(const std::string& text) {
@@ -115,8 +115,7 @@ void findIdentifier(const std::string& text) {
   if (document.HasParseError() || nesting(text) >= DatabaseIdHandler::kDeepestNesting) {
     return;
   }
-  // A string without characters ends the search as well, so only others are compared.
-  require(found.empty() || found == idOf(document), "the identifier is that of the whole body");
+  require(found == idOf(document), "the identifier is that of the whole body");
   if (document.IsObject() && document.MemberCount() > 0 && document.MemberBegin()->name == "id" &&
       document.MemberBegin()->value.IsString()) {
     const rapidjson::Value& id = document.MemberBegin()->value;

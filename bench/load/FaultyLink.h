@@ -14,7 +14,7 @@ namespace valtor::bench {
 
 // The network between the daemon and a node: it listens where the daemon expects the node, and
 // carries one link after another on to the node at the same address and another port, until it is
-// told to do that badly. Delays, dribbling and stalls last until it is healed.
+// told to do that badly.
 class FaultyLink {
  public:
   enum Way { kToNode, kToDaemon };
@@ -24,23 +24,28 @@ class FaultyLink {
   FaultyLink(const FaultyLink&) = delete;
   FaultyLink& operator=(const FaultyLink&) = delete;
 
+  // Last until it is healed, for the links to come, too.
   void delay(Way way, std::chrono::milliseconds time);
   // One byte a millisecond.
   void dribble();
   // Takes nothing and gives nothing.
   void stall();
+  // Lasts until it is healed or the link ends.
   // Takes everything and gives nothing as long as the link stands, and keeps silent even when the
   // node hangs up.
   void swallow();
-  // Undoes all of these. A link that has swallowed ends: what is missing would break the framing.
+  // Undoes all of these, and lets go of a link that was left at the node. A link that has swallowed
+  // ends: what is missing would break the framing.
   void heal();
 
   // End the link that stands, if one does.
   void cut();
   void reset();
-  // The daemon finds the end of the stream, but what it writes still arrives.
+  // The daemon finds the end of the stream, but what it writes still arrives until it ends the
+  // link.
   void halfClose();
-  // Only the daemon's side ends: its next link is one more to the node.
+  // Only the daemon's side ends, with all that it wrote on its way to the node, where the link goes
+  // on standing until it is healed: the daemon's next one is one more.
   void endDaemonSide();
 
   // Who connects is refused.
@@ -59,6 +64,8 @@ class FaultyLink {
   bool isSwallowing() const { return swallows_; }
   // Links that the daemon ever made.
   int links() const { return links_; }
+  // How many of them it made while it still kept the one before.
+  int doubled() const { return doubled_; }
 
  private:
   using Call = std::function<void()>;
@@ -98,6 +105,7 @@ class FaultyLink {
   Call atLink_;
   Call afterLogin_;
   int links_ = 0;
+  int doubled_ = 0;
   EventLoop::TimerId clock_;
 };
 

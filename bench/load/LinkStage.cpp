@@ -47,7 +47,12 @@ void LinkStage::startFlows() {
   for (const auto& link : links_) {
     linksBefore_.push_back(link->links());
   }
-  countedBefore_ = counted();
+  droppedBefore_.assign(bridge.routers().size(), 0);
+  for (int i = 0; i < routers(); ++i) {
+    droppedBefore_[static_cast<std::size_t>(i)] = droppedOf(i);
+  }
+  givenUpBefore_ = 0;
+  givenUpBefore_ = givenUp();
   resumeFlows();
 }
 
@@ -91,26 +96,32 @@ void LinkStage::recover(const std::string& name) {
     // A node may not yet have seen the end of its last link.
     loop.runFor(std::chrono::milliseconds(20));
   } while (!isUp());
-  std::vector<std::pair<NumberedCheck*, uint64_t>> expected;
+  struct Expected {
+    NumberedCheck* check;
+    uint64_t sent;
+    int router;
+    bool isUp;
+  };
+  std::vector<Expected> expected;
   for (int i = 0; i < routers(); ++i) {
     const uint64_t sent[] = {down_->sent(), large_->sent(), up(i).sent()};
     const auto checks = checksOf(i);
     for (std::size_t j = 0; j < checks.size(); ++j) {
-      expected.emplace_back(checks[j], sent[j]);
+      expected.push_back({checks[j], sent[j], i, j == 2});
     }
   }
   const bool arrives = wait([&] {
     return std::all_of(expected.begin(), expected.end(),
-                       [](const auto& one) { return one.first->next() > one.second; });
+                       [](const auto& one) { return one.check->next() > one.sent; });
   });
   if (!arrives) {
     run_.results.fail(name + ": something arrives no more");
   }
-  const bool late = std::any_of(expected.begin(), expected.end(), [](const auto& one) {
-    return one.first->lastGapEnd() > one.second;
-  });
-  if (late && counted() == countedBefore_) {
-    run_.results.fail(name + ": lost although sent after all links were up");
+  for (const Expected& one : expected) {
+    if (one.check->lastGapEnd() > one.sent && (one.isUp ? givenUp() : droppedOf(one.router)) == 0) {
+      run_.results.fail(name + ", router " + std::to_string(one.router) +
+                        ": lost although sent after all links were up");
+    }
   }
 }
 
@@ -140,6 +151,19 @@ LinkStage::Loss LinkStage::lossOf(int router) {
   return {checks[0]->skipped() + checks[1]->skipped(), checks[2]->skipped(), breaksOf(router)};
 }
 
+LinkStage::Loss LinkStage::loss() {
+  Loss sum{0, 0, 0};
+  for (int i = 0; i < routers(); ++i) {
+    const Loss one = lossOf(i);
+    sum.down += one.down;
+    sum.up += one.up;
+  }
+  for (std::size_t i = 0; i < links_.size(); ++i) {
+    sum.breaks += static_cast<uint64_t>(links_[i]->links() - linksBefore_[i]);
+  }
+  return sum;
+}
+
 void LinkStage::judge(const std::string& name, const NumberedCheck* more) {
   pauseFlows();
   const auto arrived = [this] {
@@ -155,26 +179,37 @@ void LinkStage::judge(const std::string& name, const NumberedCheck* more) {
   if (!wait(arrived)) {
     run_.results.fail(name + ": the last messages do not arrive");
   }
-  uint64_t unexplained = more != nullptr ? more->skipped() : 0;
+  const auto expectCounted = [&](const std::string& who, uint64_t lost, uint64_t counted) {
+    if (lost > counted) {
+      run_.results.fail(who + ": " + std::to_string(lost) + " lost while links stood, " +
+                        std::to_string(counted) + " of them counted");
+    }
+  };
+  uint64_t lostUp = more != nullptr ? more->skipped() : 0;
   if (more != nullptr) {
     expectInOrder(run_, *more, name);
   }
   for (int i = 0; i < routers(); ++i) {
-    for (const NumberedCheck* check : checksOf(i)) {
-      const std::string who = name + ", router " + std::to_string(i);
+    const std::string who = name + ", router " + std::to_string(i);
+    const auto checks = checksOf(i);
+    for (const NumberedCheck* check : checks) {
       carried_ += check->received();
       expectInOrder(run_, *check, who);
-      if (breaksOf(i) == 0) {
-        unexplained += check->skipped();
-      } else if (check->gaps() > breaksOf(i)) {
+      if (const uint64_t breaks = breaksOf(i); breaks > 0 && check->gaps() > breaks) {
         run_.results.fail(who + ": " + std::to_string(check->gaps()) + " gaps by " +
-                          std::to_string(breaksOf(i)) + " ends of links");
+                          std::to_string(breaks) + " ends of links");
       }
     }
+    if (breaksOf(i) == 0) {
+      expectCounted(who, checks[0]->skipped() + checks[1]->skipped(), droppedOf(i));
+      lostUp += checks[2]->skipped();
+    }
   }
-  if (const uint64_t said = counted() - countedBefore_; unexplained > said) {
-    run_.results.fail(name + ": " + std::to_string(unexplained) + " lost while links stood, " +
-                      std::to_string(said) + " of them counted");
+  expectCounted(name + ", to the controller", lostUp, givenUp());
+  for (const auto& link : links_) {
+    if (link->doubled() > 0) {
+      run_.results.fail(name + ": the daemon keeps two links at once");
+    }
   }
   expectAlive(run_, bridge, name);
 }
@@ -184,21 +219,16 @@ double LinkStage::figure(int router, const char* member) {
   return cJSON_GetNumberValue(cJSON_GetObjectItem(statusOf(document.get(), router), member));
 }
 
-std::string LinkStage::stateOf(int router) {
-  const JSONPtr document = Bridge::status();
-  return stringMember(statusOf(document.get(), router), "state");
+uint64_t LinkStage::droppedOf(int router) const {
+  return static_cast<uint64_t>(figure(router, "dropped")) -
+         droppedBefore_[static_cast<std::size_t>(router)];
 }
 
-// What the daemon says that it lost while links stood.
-uint64_t LinkStage::counted() const {
+uint64_t LinkStage::givenUp() const {
   const JSONPtr document = Bridge::status();
   const cJSON* const warnings = cJSON_GetObjectItem(document.get(), "warnings");
-  double sum = cJSON_GetNumberValue(cJSON_GetObjectItem(warnings, "sendGaveUp"));
-  const cJSON* router = nullptr;
-  cJSON_ArrayForEach(router, arrayMember(document.get(), "routers")) {
-    sum += cJSON_GetNumberValue(cJSON_GetObjectItem(router, "dropped"));
-  }
-  return static_cast<uint64_t>(sum);
+  return static_cast<uint64_t>(cJSON_GetNumberValue(cJSON_GetObjectItem(warnings, "sendGaveUp"))) -
+         givenUpBefore_;
 }
 
 }  // namespace valtor::bench

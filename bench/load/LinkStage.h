@@ -45,11 +45,12 @@ class LinkStage {
     uint64_t breaks;
   };
   Loss lossOf(int router);
+  // Of all routers together.
+  Loss loss();
   // Messages that have arrived of all streams that were judged.
   uint64_t carried() const { return carried_; }
   // Of a router, as the daemon's status names it; of its "dropped", "lost" and the like.
   static double figure(int router, const char* member);
-  static std::string stateOf(int router);
 
   EventLoop loop;
 
@@ -63,14 +64,18 @@ class LinkStage {
   std::vector<NumberedCheck*> checksOf(int router);
   bool isUp() const;
   uint64_t breaksOf(int router) const;
-  uint64_t counted() const;
+  // What the daemon says that it lost while links stood, since the streams began: towards that
+  // router, and towards the controller.
+  uint64_t droppedOf(int router) const;
+  uint64_t givenUp() const;
 
   const Run& run_;
   std::unique_ptr<Flow> down_;
   std::unique_ptr<Flow> large_;
   std::vector<std::unique_ptr<Flow>> up_;
   std::vector<int> linksBefore_;
-  uint64_t countedBefore_ = 0;
+  std::vector<uint64_t> droppedBefore_;
+  uint64_t givenUpBefore_ = 0;
   uint64_t carried_ = 0;
 };
 

@@ -23,7 +23,7 @@ constexpr std::string_view kLogin = "[\"SET\", \"system.connection\", ";
 }  // namespace
 
 Node::Node(EventLoop& loop, std::string address, uint16_t port)
-    : loop_(loop), address_(std::move(address)), port_(port), in_(kRead) {
+    : loop_(loop), address_(std::move(address)), port_(port) {
   start();
 }
 
@@ -62,38 +62,48 @@ void Node::stop() {
 }
 
 void Node::hangUp() {
-  if (link_.valid()) {
-    loop_.remove(link_.get());
-    link_.reset();
+  while (isLinked()) {
+    end(*standing_.back());
   }
-  out_.clear();
-  outSent_ = inBegin_ = inEnd_ = 0;
-  loginFrames_ = 0;
+}
+
+void Node::end(Link& link) {
+  loop_.remove(link.socket.get());
+  link.socket.reset();
+  std::erase_if(standing_, [&link](const auto& one) { return one.get() == &link; });
 }
 
 void Node::accept() {
-  UniqueDescriptor accepted(
-      accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-  if (!accepted.valid()) {
+  auto link = std::make_shared<Link>();
+  link->socket.reset(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+  if (!link->socket.valid()) {
     return;
   }
-  hangUp();
   const int on = 1;
-  setsockopt(accepted.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  link_ = std::move(accepted);
+  setsockopt(link->socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  link->in.resize(kRead);
+  standing_.push_back(link);
   ++links_;
-  loop_.add(link_.get(), reading_ ? EPOLLIN : 0U, [this](uint32_t events) { handle(events); });
+  loop_.add(link->socket.get(), reading_ ? EPOLLIN : 0U,
+            [this, link](uint32_t events) { handle(*link, events); });
 }
 
-void Node::watch() {
-  if (link_.valid()) {
-    loop_.change(link_.get(), (reading_ ? EPOLLIN : 0U) | (unsent() > 0 ? EPOLLOUT : 0U));
+void Node::watch(const Link& link) {
+  if (link.socket.valid()) {
+    loop_.change(link.socket.get(),
+                 (reading_ ? EPOLLIN : 0U) | (link.unsent() > 0 ? EPOLLOUT : 0U));
+  }
+}
+
+void Node::watchAll() {
+  for (const auto& link : standing_) {
+    watch(*link);
   }
 }
 
 void Node::pauseReading() {
   reading_ = false;
-  watch();
+  watchAll();
 }
 
 void Node::resumeReading() {
@@ -101,7 +111,7 @@ void Node::resumeReading() {
     loop_.cancel(std::exchange(slowReader_, 0));
   }
   reading_ = true;
-  watch();
+  watchAll();
 }
 
 void Node::readSlowly(std::size_t bytesPerSecond) {
@@ -110,47 +120,46 @@ void Node::readSlowly(std::size_t bytesPerSecond) {
     return;
   }
   slowReader_ = loop_.every(std::chrono::milliseconds(10), [this, bytesPerSecond] {
-    if (link_.valid()) {
-      readSome(bytesPerSecond / 100);
+    if (const auto link = isLinked() ? standing_.back() : nullptr) {
+      readSome(*link, bytesPerSecond / 100);
     }
   });
 }
 
-void Node::handle(uint32_t events) {
-  if ((events & EPOLLIN) != 0 && !readSome(kRead)) {
+void Node::handle(Link& link, uint32_t events) {
+  if ((events & EPOLLIN) != 0 && !readSome(link, kRead)) {
     return;
   }
   if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
-    hangUp();
+    end(link);
   } else if ((events & EPOLLOUT) != 0) {
-    flush();
+    flush(link);
   }
 }
 
-bool Node::readSome(std::size_t most) {
-  if (in_.size() - inEnd_ < most) {
-    std::memmove(in_.data(), in_.data() + inBegin_, inEnd_ - inBegin_);
-    inEnd_ -= std::exchange(inBegin_, 0);
-    if (in_.size() - inEnd_ < most) {
-      in_.resize(2 * (inEnd_ + most));
+bool Node::readSome(Link& link, std::size_t most) {
+  if (link.in.size() - link.inEnd < most) {
+    std::memmove(link.in.data(), link.in.data() + link.inBegin, link.inEnd - link.inBegin);
+    link.inEnd -= std::exchange(link.inBegin, 0);
+    if (link.in.size() - link.inEnd < most) {
+      link.in.resize(2 * (link.inEnd + most));
     }
   }
-  const ssize_t count = recv(link_.get(), in_.data() + inEnd_, most, 0);
+  const ssize_t count = recv(link.socket.get(), link.in.data() + link.inEnd, most, 0);
   if (count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR)) {
-    hangUp();
+    end(link);
     return false;
   }
   if (count > 0) {
-    inEnd_ += static_cast<std::size_t>(count);
-    takeFrames();
+    link.inEnd += static_cast<std::size_t>(count);
+    takeFrames(link);
   }
-  return link_.valid();
+  return link.socket.valid();
 }
 
-void Node::takeFrames() {
-  const int link = links_;
-  while (links_ == link && inBegin_ < inEnd_) {
-    const std::string_view text(in_.data() + inBegin_, inEnd_ - inBegin_);
+void Node::takeFrames(Link& link) {
+  while (link.socket.valid() && link.inBegin < link.inEnd) {
+    const std::string_view text(link.in.data() + link.inBegin, link.inEnd - link.inBegin);
     std::size_t length = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), length);
     const auto digits = static_cast<std::size_t>(end - text.data());
@@ -161,16 +170,16 @@ void Node::takeFrames() {
       throw std::runtime_error("broken frame at " + address_ + ": " +
                                std::string(text.substr(0, 100)));
     }
-    // Handed out in place: whoever sees it may hang up, which only forgets the buffer.
-    inBegin_ += digits + length + 2;
-    takePayload(text.substr(digits + 1, length));
+    // Handed out in place: whoever sees it may hang up, which leaves the buffer alone.
+    link.inBegin += digits + length + 2;
+    takePayload(link, text.substr(digits + 1, length));
   }
-  if (inBegin_ == inEnd_) {
-    inBegin_ = inEnd_ = 0;
+  if (link.inBegin == link.inEnd) {
+    link.inBegin = link.inEnd = 0;
   }
 }
 
-void Node::takePayload(std::string_view payload) {
+void Node::takePayload(Link& link, std::string_view payload) {
   for (NumberedCheck* check : checks_) {
     if (check->receive(payload)) {
       return;
@@ -178,11 +187,12 @@ void Node::takePayload(std::string_view payload) {
   }
   if (payload.substr(0, kKeepAlive.size()) == kKeepAlive) {
     const std::string_view body = payload.substr(payload.find('\n') + 1);
-    sendPayload("[\"ACK\", \"\", 1, 0, 0]\n" + std::string(body));
+    const std::string answer = "[\"ACK\", \"\", 1, 0, 0]\n" + std::string(body);
+    sendFrame(link, std::to_string(answer.size()) + ":" + answer + ";");
     return;
   }
   if (payload.substr(0, kLogin.size()) == kLogin) {
-    ++loginFrames_;
+    ++link.loginFrames;
   }
   if (onMessage) {
     onMessage(payload);
@@ -194,11 +204,14 @@ void Node::sendPayload(std::string_view payload) {
 }
 
 void Node::sendFrame(std::string_view frame) {
-  if (!link_.valid()) {
-    return;
+  for (const auto& link : standing_) {
+    sendFrame(*link, frame);
   }
-  if (unsent() == 0) {
-    const ssize_t count = ::send(link_.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
+}
+
+void Node::sendFrame(Link& link, std::string_view frame) {
+  if (link.unsent() == 0) {
+    const ssize_t count = ::send(link.socket.get(), frame.data(), frame.size(), MSG_NOSIGNAL);
     if (count > 0) {
       frame.remove_prefix(static_cast<std::size_t>(count));
     }
@@ -206,25 +219,26 @@ void Node::sendFrame(std::string_view frame) {
       return;
     }
   }
-  out_ += frame;
-  watch();
+  link.out += frame;
+  watch(link);
 }
 
-void Node::flush() {
-  while (unsent() > 0) {
-    const ssize_t count = ::send(link_.get(), out_.data() + outSent_, unsent(), MSG_NOSIGNAL);
+void Node::flush(Link& link) {
+  while (link.unsent() > 0) {
+    const ssize_t count =
+        ::send(link.socket.get(), link.out.data() + link.outSent, link.unsent(), MSG_NOSIGNAL);
     if (count <= 0) {
       break;
     }
-    outSent_ += static_cast<std::size_t>(count);
+    link.outSent += static_cast<std::size_t>(count);
   }
-  if (unsent() == 0) {
-    out_.clear();
-    outSent_ = 0;
-  } else if (outSent_ > out_.size() / 2) {
-    out_.erase(0, std::exchange(outSent_, 0));
+  if (link.unsent() == 0) {
+    link.out.clear();
+    link.outSent = 0;
+  } else if (link.outSent > link.out.size() / 2) {
+    link.out.erase(0, std::exchange(link.outSent, 0));
   }
-  watch();
+  watch(link);
 }
 
 }  // namespace valtor::bench

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,8 +14,9 @@
 namespace valtor::bench {
 
 // A bus node with one participant, the daemon: the controller's or a router's. It answers
-// keep-alives, sends what it is given and hands out what it receives. A new connection takes the
-// place of the old one.
+// keep-alives, sends what it is given and hands out what it receives. A new connection stands
+// beside those before it, until their far ends are gone: what is sent goes to all, and all are
+// heard.
 class Node {
  public:
   // Listens at once; throws std::system_error when the place is taken.
@@ -32,11 +34,12 @@ class Node {
   // Frames leave as fast as the socket takes them, the rest waits. Dropped without a link.
   void sendFrame(std::string_view frame);
   void sendPayload(std::string_view payload);
-  std::size_t unsent() const { return out_.size() - outSent_; }
+  // Of the last link.
+  std::size_t unsent() const { return isLinked() ? standing_.back()->unsent() : 0; }
 
-  // Login and subscriptions have come over the link that stands.
-  bool isReady() const { return loginFrames_ >= 2; }
-  bool isLinked() const { return link_.valid(); }
+  // Login and subscriptions have come over the last link.
+  bool isReady() const { return isLinked() && standing_.back()->loginFrames >= 2; }
+  bool isLinked() const { return !standing_.empty(); }
   // Links that were ever accepted.
   int links() const { return links_; }
 
@@ -57,30 +60,39 @@ class Node {
   uint16_t port() const { return port_; }
 
  private:
+  struct Link {
+    UniqueDescriptor socket;  // none once the link has ended
+    std::string out;
+    std::size_t outSent = 0;
+    std::vector<char> in;
+    std::size_t inBegin = 0;
+    std::size_t inEnd = 0;
+    int loginFrames = 0;
+
+    std::size_t unsent() const { return out.size() - outSent; }
+  };
+
   void accept();
-  void handle(uint32_t events);
+  void handle(Link& link, uint32_t events);
   // Reads at most this many bytes; false once the link has ended.
-  bool readSome(std::size_t most);
-  void takeFrames();
-  void takePayload(std::string_view payload);
-  void flush();
-  void watch();
+  bool readSome(Link& link, std::size_t most);
+  void takeFrames(Link& link);
+  void takePayload(Link& link, std::string_view payload);
+  void sendFrame(Link& link, std::string_view frame);
+  void flush(Link& link);
+  void watch(const Link& link);
+  void watchAll();
+  void end(Link& link);
 
   EventLoop& loop_;
   std::string address_;
   uint16_t port_;
   UniqueDescriptor listener_;
-  UniqueDescriptor link_;
+  std::vector<std::shared_ptr<Link>> standing_;  // whoever works with one of them holds it
   std::vector<NumberedCheck*> checks_;
-  std::string out_;
-  std::size_t outSent_ = 0;
-  std::vector<char> in_;
-  std::size_t inBegin_ = 0;
-  std::size_t inEnd_ = 0;
   int receiveBuffer_ = 0;  // 0: the system's default
   bool reading_ = true;
   EventLoop::TimerId slowReader_ = 0;
-  int loginFrames_ = 0;
   int links_ = 0;
 };
 

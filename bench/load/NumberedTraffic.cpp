@@ -1,6 +1,5 @@
 #include "load/NumberedTraffic.h"
 
-#include <algorithm>
 #include <atomic>
 #include <charconv>
 #include <cstring>
@@ -85,10 +84,6 @@ bool NumberedCheck::receive(std::string_view payload) {
   delays_.add(static_cast<double>(
                   now - static_cast<int64_t>(readDigits(payload.substr(timeAt_, kDigits)))) /
               1e9);
-  if (lastArrival_ != 0) {
-    longestGap_ = std::max(longestGap_, static_cast<double>(now - lastArrival_) / 1e9);
-  }
-  lastArrival_ = now;
   return true;
 }
 

@@ -57,17 +57,10 @@ class NumberedCheck {
   uint64_t lastGapEnd() const { return lastGapEnd_; }
   uint64_t reordered() const { return reordered_; }
   uint64_t damaged() const { return damaged_; }
-  // When the last one arrived, in ns; 0 before the first.
-  int64_t lastArrival() const { return lastArrival_; }
-  // The longest time between two arrivals, in seconds.
-  double longestGap() const { return longestGap_; }
   // Seconds from making to arrival.
   Samples& delays() { return delays_; }
   // Forgets the delays so far, not the numbers.
-  void forgetDelays() {
-    delays_ = Samples();
-    longestGap_ = 0;
-  }
+  void forgetDelays() { delays_ = Samples(); }
 
  private:
   bool isWhole(std::string_view payload) const;
@@ -82,8 +75,6 @@ class NumberedCheck {
   uint64_t lastGapEnd_ = 0;
   uint64_t reordered_ = 0;  // numbers that came after a higher one, or twice
   uint64_t damaged_ = 0;
-  int64_t lastArrival_ = 0;
-  double longestGap_ = 0;
   Samples delays_;
 };
 

@@ -45,10 +45,12 @@ struct Options {
 
 void runAll(const Options& options, Results& results) {
   const std::regex wanted(options.only);
+  bool any = false;
   for (const Scenario& scenario : scenariosOf(options.suite)) {
     if (!std::regex_search(scenario.name, wanted)) {
       continue;
     }
+    any = true;
     std::printf("%s: %s\n", scenario.name, scenario.what);
     std::fflush(stdout);
     if (options.list) {
@@ -59,6 +61,9 @@ void runAll(const Options& options, Results& results) {
     } catch (const std::exception& error) {
       results.fail(std::string(scenario.name) + ": " + error.what());
     }
+  }
+  if (!any) {
+    results.fail("nothing matches " + options.only);
   }
 }
 
