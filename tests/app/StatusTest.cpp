@@ -269,9 +269,9 @@ TEST_F(StatusTest, ALongPathIsShownByItsBeginning) {
 
 TEST(JustWatch, AFailureOfItsOwnCostsNoAnswer) {
   if (!kSanitized) {  // they end the process
-    justWatch([] { cJSON_malloc(SIZE_MAX / 2); });
+    justWatch([] { cJSON_malloc(SIZE_MAX); });
     EXPECT_FALSE(takeJSONFailure());
-    cJSON_malloc(SIZE_MAX / 2);
+    cJSON_malloc(SIZE_MAX);
     justWatch([] {});
     EXPECT_TRUE(takeJSONFailure());
   }

@@ -142,7 +142,7 @@ class NoThreads {
   NoThreads() {
     pthread_getattr_default_np(&before_);
     pthread_attr_t huge = before_;
-    pthread_attr_setstacksize(&huge, SIZE_MAX / 4 & ~std::size_t{0xFFFF});
+    pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3 & ~std::size_t{0xFFFF});
     EXPECT_EQ(pthread_setattr_default_np(&huge), 0);
   }
   ~NoThreads() { pthread_setattr_default_np(&before_); }
