@@ -326,16 +326,19 @@ TEST_F(PageTest, ClocksAndCountersThatBeginAgainLeaveNothingFalse) {
   feed("base.now, 1, 100, [[base.now - 9, base.now - 4], [base.now - 1, 7, 0, 70, 0]], 16");
   EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').rates.filter((one) => !one.gap).length"), "7");
   tileShows("alpha", "16 or more of");
-  // A loss of five minutes ago, and how the link ended last.
-  const std::pair<std::string, std::string> ends[] = {{"hung up", "unsteady"},
-                                                      {"standby", "carries"}};
-  for (const auto& [reason, state] : ends) {
+  // When the router was lost, how its link ended last, and when.
+  const std::pair<std::string, std::string> ends[] = {{"300, 'hung up', 300", "unsteady"},
+                                                      {"900, 'hung up', 900", "unsteady"},
+                                                      {"300, 'standby', 9", "carries"}};
+  for (const auto& [end, state] : ends) {
     browser.valueOf(
-        "Object.assign(base.daemon.document.routers[0], {since: base.now - 5, losses: "
-        "[base.now - 300], lastLoss: {reason: '" +
-        reason + "', time: base.now - " + (reason == "standby" ? "9" : "300") + "}})");
-    feed("base.now, 1, 100, [[base.now - 1, 7, 0, 70, 0]], 1");
-    EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').verdict.state"), state) << reason;
+        "((ago, reason, time) => Object.assign(base.daemon.document.routers[0], {"
+        "  since: base.now - 5, losses: [base.now - ago],"
+        "  lastLoss: {reason, time: base.now - time}}))(" +
+        end + ")");
+    feed("base.now, 1, 100, [[base.now - 1, 7, 0, 70, 0]], " +
+         std::to_string(end[0] == '3' ? 1 : 0));
+    EXPECT_EQ(browser.valueOf("view.tiles.get('alpha').verdict.state"), state) << end;
   }
   EXPECT_EQ(browser.valueOf("at(Math.floor(base.now) + 0.9997, true).slice(-4)"), ".999");
   feed("base.now + 2, 1, 120, [], 0");

@@ -229,8 +229,8 @@ function judge(router, tile, now) {
   const lastLost = router.losses?.at(-1);
   const wasLost = Number.isFinite(lastLost) && !(loss?.time > lastLost);
   if (lost > kFlapping || (wasLost && back < kSettled)) {
-    return verdict(
-        'unsteady', 1, 'Unsteady', `lost ${losses(lost)} × in 10 minutes, back for ${span(back)}`);
+    const often = lost > 0 ? `lost ${losses(lost)} × in 10 minutes, ` : '';
+    return verdict('unsteady', 1, 'Unsteady', `${often}back for ${span(back)}`);
   }
   const to = tile.movedAt.to > now - kRecent;
   const from = tile.movedAt.from > now - kRecent;
