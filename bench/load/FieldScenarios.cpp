@@ -64,8 +64,9 @@ void silentLinks(const Run& run) {
     });
     run.record(name + "/noticed", static_cast<double>(nowNs() - start) / 1e9, "s");
   }
+  const double most = before + kMost / 2 * stage.bridge.daemon->memoryFactor();
   expectSoon(run, stage, "field/halfFrame: its memory stays",
-             [&] { return stage.bridge.daemon->residentBytes() < before + kMost / 2; });
+             [&] { return stage.bridge.daemon->residentBytes() < most; });
   stage.recover("field/staleLink");
   stage.judge("field/staleLink");
 }
