@@ -1,17 +1,20 @@
 // Runs a fuzz program as optimised code, without libFuzzer and sanitizers: over files as they are
 // and over what they grow to when a piece of them is repeated up to 64 KiB. Says which input took
 // most processor time and which most memory in proportion, and keeps both in the folder given
-// first; fails when one took more than 50 ms.
+// first, with one that broke something; fails when one took more than 50 ms.
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
+#include <fcntl.h>
 #include <filesystem>
 #include <malloc.h>
 #include <random>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <vector>
 
 #include "fuzz/Fuzzing.h"
@@ -69,7 +72,17 @@ double processorMilliseconds() {
   return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
 }
 
+// What is examined, so that it is there to look at when it breaks something.
+std::string brokenPath;
+const std::string* examined = nullptr;
+
+void keepBroken(int /*signal*/) {
+  const int file = open(brokenPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  static_cast<void>(write(file, examined->data(), examined->size()) > 0);
+}
+
 double millisecondsOf(const std::string& input) {
+  examined = &input;
   const double begin = processorMilliseconds();
   LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(input.data()), input.size());
   return processorMilliseconds() - begin;
@@ -166,6 +179,9 @@ int main(int count, char** arguments) {
   }
   std::sort(files.begin(), files.end());
   const fs::path folder = fs::absolute(arguments[1]);
+  fs::create_directories(folder);
+  brokenPath = folder / "broken";
+  std::signal(SIGABRT, keepBroken);
   // What is examined prints a trace.
   if (std::freopen("/dev/null", "w", stdout) == nullptr) {
     return 2;
@@ -177,7 +193,6 @@ int main(int count, char** arguments) {
     measure(input, file.filename(), worst);
     measureGrowths(input, file.filename(), worst);
   }
-  fs::create_directories(folder);
   valtor::fuzz::writeFile(folder / "slowest", worst.slow);
   valtor::fuzz::writeFile(folder / "largest", worst.large);
   std::fprintf(stderr,

@@ -83,9 +83,9 @@ class Places : public ConnectionPointManager {
 
 std::size_t lines = 0;
 
-// Of the log. That no thread was started is this program's doing.
-void countLine(int /*priority*/, const std::string& text) {
-  lines += text.find("could not be started") == std::string::npos ? 1 : 0;
+// Of the log as it is kept without -v. That no thread was started is this program's doing.
+void countLine(int priority, const std::string& text) {
+  lines += priority <= LOG_INFO && text.find("could not be started") == std::string::npos ? 1 : 0;
 }
 
 class Client : public ValtorInterfaceClient {
