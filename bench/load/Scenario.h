@@ -40,6 +40,7 @@ struct Scenario {
 const std::vector<Scenario>& trafficScenarios();  // latency, sizes, rates
 const std::vector<Scenario>& upkeepScenarios();   // idle, memory, restarts, connection points
 const std::vector<Scenario>& troubleScenarios();  // stalls, bursts, cuts
+const std::vector<Scenario>& pageScenarios();     // the cost of the live page
 const std::vector<Scenario>& brokerScenarios();   // none without the broker's library
 const std::vector<Scenario>& linkScenarios();     // links at their worst
 const std::vector<Scenario>& fieldScenarios();    // what befalls bridges in the field

@@ -19,7 +19,7 @@ using Group = const std::vector<Scenario>& (*)();
 
 // What is run together.
 const std::map<std::string, std::vector<Group>> kSuites{
-    {"load", {trafficScenarios, brokerScenarios, upkeepScenarios, troubleScenarios}},
+    {"load", {trafficScenarios, brokerScenarios, upkeepScenarios, troubleScenarios, pageScenarios}},
     {"links", {linkScenarios, fieldScenarios}},
     {"soak", {soakScenarios}},
 };
