@@ -1,5 +1,6 @@
 #include "router/SupportedInterface.h"
 
+#include <cmath>
 #include <utility>
 
 namespace valtor {
@@ -37,7 +38,8 @@ int SupportedInterface::loadFromJSON(const cJSON* item) {
   if (version == nullptr) {
     return -1;
   }
-  version_ = version->valuedouble;
+  // What no double holds would render as null, and that loads as 0.
+  version_ = std::isfinite(version->valuedouble) ? version->valuedouble : 0;
   if (const cJSON* details = cJSON_GetObjectItem(item, "details"); details != nullptr) {
     details_ = duplicate(details);
   }

@@ -71,7 +71,8 @@ TEST(ConformanceTest, LoadedIsRenderedAndLoadsAgain) {
   expectConformance<SupportedInterface>(
       {{R"({"name":"","version":2.5,"details":{"type":[1,null]}})"},
        {R"({"name":7,"version":1})", R"(failed {"name":"","version":0})"},
-       {R"({"NAME":"n","Version":-1})", R"({"name":"n","version":-1})"}});
+       {R"({"NAME":"n","Version":-1})", R"({"name":"n","version":-1})"},
+       {R"({"name":"n","version":1e999})", R"({"name":"n","version":0})"}});
 }
 
 }  // namespace
