@@ -69,9 +69,14 @@ std::optional<std::vector<BusLink::SendResult>> BusLink::open(
   nextSend_ = {};
   state_ = 1;
   std::vector<SendResult> results;
-  for (const SharedFrame& first : firstFrames()) {
-    passed_ = false;  // frames may wait already: the link is seen to stand since state_
-    results.push_back(write(first, {}));
+  try {
+    for (const SharedFrame& first : firstFrames()) {
+      passed_ = false;  // frames may wait already: the link is seen to stand since state_
+      results.push_back(write(first, {}));
+    }
+  } catch (...) {
+    shutdownSocket();  // nobody may send before them
+    throw;
   }
   return results;
 }
@@ -412,8 +417,9 @@ void BusLink::noteDropped() {
     }
   }
   countWarning(Warning::RouterStalled);
-  syslog(LOG_WARNING, "%s takes no messages: what finds no room to wait is dropped from now on.\n",
-         nameForLog(name_).c_str());
+  syslog(LOG_WARNING,
+         "%.1024s takes no messages: what finds no room to wait is dropped from now on.\n",
+         name_.c_str());
 }
 
 // Ends the episode of a router that was stalled. Without an allocation: there may be no memory, and

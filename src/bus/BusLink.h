@@ -52,7 +52,7 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
     int error = 0;         // errno of a failed send
     std::size_t sent = 0;  // bytes of this frame that went out
     std::size_t size = 0;  // bytes of this frame; 0 when none was tried
-    bool kept = false;     // given up, but what is left of it leaves later: nothing is lost
+    bool kept = false;     // given up, but what is left of it leaves later, if the link stands
   };
 
   // What the sender has to do about a link that it has looked at.
@@ -79,7 +79,7 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   static constexpr std::chrono::milliseconds kLook{100};
 
   // The name is the client's, for log lines. The budget is the time for which send() waits for
-  // room.
+  // room, from the last byte on that the socket took.
   BusLink(std::string name, std::chrono::milliseconds budget,
           std::shared_ptr<ClosingSignal> closing);
 

@@ -36,9 +36,9 @@ class FrameBudget : public std::enable_shared_from_this<FrameBudget> {
 // locks. It calls no hook and knows no client; a link's socket that refuses is only shut down, the
 // link's reader reports it.
 //
-// Whoever owns it keeps it longer than the clients that use it, in a shared_ptr: links hold it
-// weakly. Any thread may call the operations. Where the thread cannot be started, which is logged,
-// links send synchronously.
+// Whoever owns it, in a shared_ptr, keeps it longer than the clients that use it, or closes them
+// first: links hold it weakly. Any thread may call the operations. Where the thread cannot be
+// started, which is logged, links send synchronously.
 class FrameSender final : public MyThreadClass {
  public:
   FrameSender();

@@ -122,8 +122,10 @@ int PellInternalClient::sendAs(const PellInternalMessage& message, int32_t sourc
     result = link_->send(frameOf(message, sourceConnID), link, callersToken());
   }
   if (result.outcome == BusLink::Send::NotConnected) {
-    countWarning(Warning::NotConnected);
-    syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
+    if (!result.kept) {
+      countWarning(Warning::NotConnected);
+      syslog(LOG_WARNING, "PellInternalClient::sendMessage - not connected.\n");
+    }
     return 0;
   }
   link_->report(result);
@@ -158,7 +160,11 @@ void PellInternalClient::subscribe(const std::string& path) {
 }
 
 void PellInternalClient::repeatWhatFailed() {
-  if (const int state = link_->state(); state != reportedState_) {
+  const int state = link_->state();
+  if (state == 1 && !link_->isStanding()) {
+    return;  // its end is what the next read finds
+  }
+  if (state != reportedState_) {
     onConnectionStateChanged(state, "report repeated");
     reportedState_ = state;
   }
@@ -292,7 +298,12 @@ int PellInternalClient::attemptAsOwner() {
     PellInternalClient& client;
   };
   const Turn turn(*this);
-  return startThreads() ? attemptConnection(timing_.ownerAttempt) : -1;
+  try {
+    return startThreads() ? attemptConnection(timing_.ownerAttempt) : -1;
+  } catch (...) {
+    beginClosing();  // before the receive thread has its turn with half a link
+    throw;
+  }
 }
 
 void PellInternalClient::setOwnerTries(bool tries) {

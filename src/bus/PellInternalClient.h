@@ -54,8 +54,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   static constexpr int kDefaultSendRetryBudget = 100;
 
   // The host is a name or an IPv4 address of the bus node, the port 1 to 65535. The name is the
-  // client's own on the bus. With a budget of n a frame waits n milliseconds for a full socket
-  // before its sending is given up. Sends nothing.
+  // client's own on the bus. With a budget of n a frame waits n milliseconds for a full socket,
+  // from the last byte on that it took, before its sending is given up. Sends nothing.
   PellInternalClient(std::string host, int32_t port, std::string name,
                      int32_t sendRetryBudget = kDefaultSendRetryBudget);
   PellInternalClient();

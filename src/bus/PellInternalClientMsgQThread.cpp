@@ -5,7 +5,6 @@
 #include <malloc.h>
 #include <syslog.h>
 #include <thread>
-#include <utility>
 
 #include "app/util/ErrnoText.h"
 
@@ -17,7 +16,7 @@ PellInternalClientMsgQThread::PellInternalClientMsgQThread(const Parts& parts)
 void PellInternalClientMsgQThread::InternalThreadEntry() {
   const ClientThreadScope scope(parts_.host);
   const Watchdog::Feeder feeder(parts_.watchdog);
-  for (bool told = false; isRunning() && !parts_.closing.begun();) {
+  while (isRunning() && !parts_.closing.begun()) {
     try {
       Watchdog::feed();
       if (parts_.queue.waitForChunk(parts_.closing.token(), wakeUp())) {
@@ -25,12 +24,12 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
       }
       trimMemory();
       catchUp();
-      told = false;
     } catch (const std::exception& error) {
       // No chunk could be taken, or what is behind not be caught up with: nothing is lost, and the
       // parser stays where it is in the stream. Nothing here may allocate: there may be no memory
       // still.
-      if (!std::exchange(told, true)) {
+      if (Clock::now() >= nextTold_) {
+        nextTold_ = Clock::now() + kToldFor;
         syslog(LOG_ERR, "PellInternalMsgQThread: %.1024s: %s\n", parts_.name.c_str(), error.what());
       }
       batch_.clear();
@@ -90,10 +89,13 @@ void PellInternalClientMsgQThread::catchUp() {
   }
   if (catchUpDue_ && Clock::now() >= *catchUpDue_) {
     catchUpDue_.reset();
+    catchUpWait_ = std::min(2 * catchUpWait_, kMostWaits);
     parts_.host.catchUp();
   }
-  if (!catchUpDue_ && parts_.host.isBehind()) {
-    catchUpDue_ = Clock::now() + parts_.timing.reconnectDelay;
+  if (!parts_.host.isBehind()) {
+    catchUpWait_ = 1;
+  } else if (!catchUpDue_) {
+    catchUpDue_ = Clock::now() + catchUpWait_ * parts_.timing.reconnectDelay;
   }
 }
 

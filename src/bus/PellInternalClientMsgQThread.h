@@ -44,6 +44,10 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   static constexpr std::chrono::microseconds kBatchPause{100};
   // The pause after a fault, such as no memory: trying again at once would not help.
   static constexpr std::chrono::microseconds kAfterFault{10000};
+  // A fault that lasts is told so often.
+  static constexpr std::chrono::seconds kToldFor{10};
+  // What stays behind is tried after one reconnect delay, then after twice as many, up to this.
+  static constexpr int kMostWaits = 8;
   // What handling a payload longer than this leaves behind is given back to the system: one whose
   // body has more than 1 MiB, however long its header line, of which 64 KiB are read.
   static constexpr std::size_t kLargePayload = (std::size_t{1} << 20) + (std::size_t{64} << 10);
@@ -69,6 +73,8 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   std::optional<Clock::time_point> trimDue_;
   Clock::time_point nextTrim_{};
   std::optional<Clock::time_point> catchUpDue_;
+  int catchUpWait_ = 1;  // in reconnect delays
+  Clock::time_point nextTold_{};
 };
 
 }  // namespace valtor

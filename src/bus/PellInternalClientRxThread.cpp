@@ -114,13 +114,15 @@ void PellInternalClientRxThread::handleData(std::size_t length) {
 // there is memory for them. TCP slows whoever sends meanwhile.
 void PellInternalClientRxThread::keep(std::size_t length) {
   constexpr std::chrono::milliseconds kPause{20};
-  for (bool told = false; goesOn(); told = true) {
+  constexpr std::chrono::seconds kToldFor{10};
+  while (goesOn()) {
     try {
       parts_.queue.push({parts_.link.number(), std::string(buffer_.data(), length)});
       return;
     } catch (const std::bad_alloc&) {
       // Without an allocation: there may be no memory still.
-      if (!told) {
+      if (Clock::now() >= nextTold_) {
+        nextTold_ = Clock::now() + kToldFor;
         syslog(LOG_ERR,
                "PellInternalRxThread: %.1024s: no memory for what was read, reading waits.\n",
                parts_.name.c_str());
@@ -138,8 +140,9 @@ bool PellInternalClientRxThread::pauseWhileFull(int descriptor) {
   }
   countWarning(Warning::ReadingPaused);
   syslog(LOG_WARNING,
-         "PellInternalRxThread: %s: %u chunks or %zu bytes wait to be handled, reading pauses.\n",
-         nameForLog(parts_.name).c_str(), kPauseChunks, kPauseBytes);
+         "PellInternalRxThread: %.1024s: %u chunks or %zu bytes wait to be handled, reading "
+         "pauses.\n",
+         parts_.name.c_str(), kPauseChunks, kPauseBytes);
   // Half of the queue, so that an episode is one pause and one warning, not one per chunk. That
   // half keeps the message-queue thread busy for longer than a slice, so looking for room now and
   // then costs no throughput.
@@ -148,9 +151,9 @@ bool PellInternalClientRxThread::pauseWhileFull(int descriptor) {
     if (pollUntil(descriptor, POLLRDHUP, Clock::now() + kSlice) != 0) {
       if (goesOn()) {
         syslog(LOG_WARNING,
-               "PellInternalRxThread: %s: the link ended while reading paused, %d bytes of it were "
-               "not read.\n",
-               nameForLog(parts_.name).c_str(), unreadBytes(descriptor));
+               "PellInternalRxThread: %.1024s: the link ended while reading paused, %d bytes of it "
+               "were not read.\n",
+               parts_.name.c_str(), unreadBytes(descriptor));
         handleEnd(descriptor);
       }
       return false;

@@ -66,6 +66,7 @@ class PellInternalClientRxThread : public MyThreadClass {
   std::array<char, 15360> buffer_;
   Clock::time_point lastKeepAlive_{};
   Clock::time_point nextAttempt_{};
+  Clock::time_point nextTold_{};  // that memory lacks
 };
 
 }  // namespace valtor

@@ -294,7 +294,9 @@ void AbstractConnectionPointManager::catchUp() {
       ensureCleanupThread();
     }
     for (const auto& connectionPoint : all) {
-      if (connectionPoint->isEnabled() && !connectionPoint->isConnected()) {
+      if (!connectionPoint->isEnabled() && connectionPoint->isEnding()) {
+        connectionPoint->disconnectBecause("disabled");
+      } else if (connectionPoint->isEnabled() && !connectionPoint->isConnected()) {
         connectionPoint->connect();
       }
       if (behind_) {

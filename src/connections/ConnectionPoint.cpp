@@ -8,6 +8,7 @@
 #include "app/util/ErrnoText.h"
 #include "app/util/LineBudget.h"
 #include "bus/message/RequestMessages.h"
+#include "connections/AbstractConnectionPointManager.h"
 #include "router/DeviceParamList.h"
 
 namespace valtor {
@@ -287,6 +288,16 @@ bool ConnectionPoint::isConnected() const { return connected_; }
 int ConnectionPoint::connect() { return 0; }
 
 void ConnectionPoint::disconnect() { setConnected(false); }
+
+void ConnectionPoint::disconnectBecause(const char* reason) {
+  endReason_ = reason;
+  ending_ = true;
+  disconnect();
+  ending_ = unannounced_.load();
+  if (ending_) {
+    manager_.noteBehind();
+  }
+}
 
 // --- Announcements -------------------------------------------------------------------------------
 

@@ -68,11 +68,11 @@ class ConnectionPoint : public AbstractJSONBackedData {
   // Ends the connection; the base only sets the state. Never called with one of this object's locks
   // held, for a subclass waits here for threads that report to it.
   virtual void disconnect();
-  // The same, with the reason for logs and figures: a constant text.
-  void disconnectBecause(const char* reason) {
-    endReason_ = reason;
-    disconnect();
-  }
+  // The same, with the reason for logs and figures: a constant text. When it fails, or its
+  // announcement did, the manager that catches up calls it again while this is not enabled.
+  void disconnectBecause(const char* reason);
+  // Whether that has still to be done.
+  bool isEnding() const { return ending_; }
 
   // A new array of every device connection's toJSON(), in the order of their unique IDs.
   virtual JSONPtr deviceConnectionsToJSON() const;
@@ -190,6 +190,7 @@ class ConnectionPoint : public AbstractJSONBackedData {
       std::chrono::system_clock::now()};
   std::atomic<bool> connected_{false};
   std::atomic<bool> unannounced_{false};
+  std::atomic<bool> ending_{false};
   std::atomic<const char*> endReason_{"disabled"};
   std::atomic<bool> markedForDeletion_{false};
   std::atomic<bool> deletable_{false};

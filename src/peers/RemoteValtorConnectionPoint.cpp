@@ -127,7 +127,7 @@ void RemoteValtorConnectionPoint::disconnect() {
   try {
     setConnected(false);
   } catch (const std::bad_alloc&) {
-    // The link has to end all the same, and its end is announced again.
+    // The link has to end all the same, which announces its end again, or is noted as behind.
   }
   if (const auto peers = routerPeerManager()) {
     if (const auto peer = ownPeer(*peers)) {

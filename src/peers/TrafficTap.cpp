@@ -82,7 +82,9 @@ void TrafficTap::offer(const std::string& uniqueID, Direction direction,
     if (line.empty()) {
       line = lineOf(direction, message, result);
       if (line.empty()) {
-        ++follower->missed;
+        if (follower->missed++ == 0 && follower->lines.empty()) {
+          follower->wake();
+        }
         continue;
       }
     }

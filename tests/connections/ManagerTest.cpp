@@ -77,6 +77,21 @@ TEST_F(ManagerTest, WhatARequestThatWasCutShortLeftUnconnectedIsCaughtUpWith) {
   EXPECT_EQ(cp->connects, 3);
   EXPECT_EQ(other->connects, 2);
   EXPECT_FALSE(manager.isBehind());
+  // A link that was to end ends, too, and is announced so.
+  cp->setConnected(true);
+  const std::string off = R"({"param":{"connectionPoint":[)" +
+                          clientDescription("A", 5000, R"(,"enabled":false)") + "]}}";
+  cp->onDisconnect = [] { throw std::bad_alloc(); };
+  EXPECT_THROW(manager.handle("UPDATE", off), std::bad_alloc);
+  cp->onDisconnect = [] {};
+  cp->onRender = [] { throw std::bad_alloc(); };
+  EXPECT_THROW(manager.catchUp(), std::bad_alloc);
+  EXPECT_TRUE(manager.isBehind());
+  cp->onRender = [] {};
+  manager.catchUp();
+  EXPECT_FALSE(cp->isConnected());
+  EXPECT_FALSE(cp->isEnding());
+  EXPECT_FALSE(manager.isBehind());
 }
 
 TEST_F(ManagerTest, ServersAreMergedByTypeAndProtocol) {
