@@ -18,6 +18,8 @@ namespace valtor {
 // than kPatience for what must not wait. Whoever owns it ends it before what the functions use.
 class StatusServer final : public MyThreadClass {
  public:
+  // What it serves. All are called on its thread, and what one throws, which is logged, ends all
+  // askers; wake may be called by any thread, also under locks.
   struct Source {
     std::function<std::string()> document;
     // Begins to follow a router; null when there is none of that unique ID.

@@ -6,18 +6,22 @@ namespace valtor {
 
 class PellInternalMessage;
 
+// Whoever a message is sent through. It outlives those that it is handed to.
 class IPellInternalMessageSender {
  public:
   virtual ~IPellInternalMessageSender() = default;
   // Sends a message in the sender's own name. 0 or -1; 0 also for a message that was dropped, with
-  // a warning, because the link is down. Any thread may call it.
+  // a warning, because the link is down. Waits for the link's pace, and for room while its far end
+  // takes something; throws std::bad_alloc. Any thread may call it, with locks that come before a
+  // send lock.
   virtual int sendMessage(const PellInternalMessage& message) = 0;
 };
 
 class PellInternalMessageListener {
  public:
   virtual ~PellInternalMessageListener() = default;
-  // Handles a received message. The result is not used.
+  // Handles a received message, which is the caller's and lives for the call. One call at a time,
+  // on the client's message-queue thread; what it throws is logged there. The result is not used.
   virtual int onMessage(const PellInternalMessage& message) = 0;
 };
 

@@ -27,6 +27,7 @@ struct BusTimes {
   Time afterRefusal{1000};
 };
 
+// Where the node listens, and as whom the tool logs in there.
 struct BusSettings {
   std::string host = "127.0.0.1";
   uint16_t port = 15000;
