@@ -52,8 +52,9 @@ std::string rendered(const AbstractJSONBackedData& object) {
   return text;
 }
 
-// Two things render as what does not load as the same: a phy without an address or a port, which no
-// description may say, and a negative number that is kept as an unsigned one, which is too large.
+// Three things render as what does not load as the same: a phy without an address or a port, which
+// no description may say, a negative number that is kept as an unsigned one, which is too large,
+// and a route operation none of whose levels exists, since one has to say some.
 bool isLoadable(const std::string& text) {
   constexpr std::string_view kDigits = "0123456789";
   constexpr std::string_view kLargest = "2147483647";
@@ -65,7 +66,9 @@ bool isLoadable(const std::string& text) {
     }
     at = end;
   }
-  return text.find("\"ipAddress\":\"\"") == std::string::npos &&
+  const bool isRouteOfNoLevel =
+      text.find("\"userID\":") != std::string::npos && text.find("\"level\":") == std::string::npos;
+  return !isRouteOfNoLevel && text.find("\"ipAddress\":\"\"") == std::string::npos &&
          text.find("\"port\":0,\"server\"") == std::string::npos;
 }
 
