@@ -73,7 +73,9 @@ UniqueDescriptor connectTo(int port) {
   return socket;
 }
 
-// Everything that the server answers to a browser that sends these bytes and no more.
+// Everything that the server answers to a browser that sends these bytes and no more; of a stream
+// of events its head. That goes on as long as its reader is there: of bytes behind a request nobody
+// reads, and behind many of them the end does not arrive.
 std::string answerTo(const std::string& bytes) {
   const UniqueDescriptor socket = connectTo(site().server.port());
   // Who refuses early closes early.
@@ -91,6 +93,10 @@ std::string answerTo(const std::string& bytes) {
       return text;
     }
     text.append(part.data(), static_cast<std::size_t>(count));
+    const std::size_t end = text.find("\r\n\r\n");
+    if (end != std::string::npos && text.find("text/event-stream") < end) {
+      return text;
+    }
   }
 }
 
