@@ -52,9 +52,8 @@ std::string rendered(const AbstractJSONBackedData& object) {
   return text;
 }
 
-// Three things render as what does not load as the same: a phy without an address or a port, which
-// no description may say, a negative number that is kept as an unsigned one, which is too large,
-// and a route operation none of whose levels exists, since one has to say some.
+// Two things render as what does not load as the same: a phy without an address or a port, which no
+// description may say, and a negative number that is kept as an unsigned one, which is too large.
 bool isLoadable(const std::string& text) {
   constexpr std::string_view kDigits = "0123456789";
   constexpr std::string_view kLargest = "2147483647";
@@ -66,9 +65,7 @@ bool isLoadable(const std::string& text) {
     }
     at = end;
   }
-  const bool isRouteOfNoLevel =
-      text.find("\"userID\":") != std::string::npos && text.find("\"level\":") == std::string::npos;
-  return !isRouteOfNoLevel && text.find("\"ipAddress\":\"\"") == std::string::npos &&
+  return text.find("\"ipAddress\":\"\"") == std::string::npos &&
          text.find("\"port\":0,\"server\"") == std::string::npos;
 }
 
@@ -80,6 +77,9 @@ void load(const Parts& parts) {
   T object;
   object.loadFromJSON(parseJSON(parts[0]).get());
   const std::string text = rendered(object);
+  if (std::is_same_v<T, RouteOperation> && text.find("\"level\":") == std::string::npos) {
+    return;  // none of its levels exists, and one without any does not load
+  }
   T again;
   again.loadFromJSON(parseJSON(text).get());
   require(!isLoadable(text) || rendered(again) == text, "what was rendered loads as what it was");
