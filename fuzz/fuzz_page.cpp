@@ -190,8 +190,9 @@ constexpr std::array<void (*)(const Parts&), 3> kReaders = {
 
 }  // namespace
 
-// A request has buffers of the connection and of its answer, the page itself among them.
-const MemoryLimit kMemoryLimit{150, 3'000'000};
+// A request has buffers of the connection and of its answer, the page itself among them; of a
+// document the name of each router stands in a line for each figure and rule.
+const MemoryLimit kMemoryLimit{250, 3'000'000};
 
 void prepare() { site(); }
 

@@ -158,6 +158,44 @@ void slowConsumer(const Run& run) {
   }
 }
 
+// The link of a stalled router ends: the status counts exactly what waited for it in the daemon.
+void lostWithLink(const Run& run) {
+  const std::string name = "field/lostWithLink";
+  LinkStage stage(run, 2);
+  stage.startFlows();
+  Flow body(stage.loop, stage.bridge.controller, {&stage.node(1)}, {"NOT", "db", 1, 64 * kKiB});
+  NumberedCheck& stalled = body.observe(stage.node(0));
+  stage.link(0).stall();
+  body.send(400);  // more than sockets hold, less than a queue does
+  const auto allPassed = [&] {
+    return body.allArrived() && stage.down().check(1).next() == stage.down().sent();
+  };
+  stage.loop.runFor(milliseconds(300));
+  stage.pauseFlows();
+  if (!stage.wait(allPassed)) {
+    run.results.fail(name + ": the other router does not get everything");
+  }
+  const double waiting = LinkStage::figure(0, "waiting", "frames");
+  stage.link(0).cut();
+  expectSoon(run, stage, name + ": nothing is counted",
+             [&] { return LinkStage::figure(0, "lostWithLink") > 0; });
+  const double counted = LinkStage::figure(0, "lostWithLink");
+  run.record(name + "/counted", counted, "");
+  // A keep-alive may have joined them.
+  if (waiting == 0 || counted < waiting || counted > waiting + 1) {
+    run.results.fail(name + ": " + std::to_string(counted) + " of " + std::to_string(waiting));
+  }
+  stage.link(0).heal();
+  stage.resumeFlows();
+  stage.recover(name);
+  body.send(1);
+  if (!stage.wait([&] { return stalled.next() == body.sent(); })) {
+    run.results.fail(name + ": the last message does not arrive");
+  }
+  run.record(name + "/lost", static_cast<double>(stalled.skipped()), "");
+  stage.judge(name);
+}
+
 // The controller's node takes nothing while routers send more than the sockets hold: what is given
 // up is counted, the rest waits at the routers.
 void slowController(const Run& run) {
@@ -472,6 +510,7 @@ const std::vector<Scenario>& fieldScenarios() {
        silentLinks},
       {"messageStorm", "routers come back after many messages", messageStorm},
       {"slowConsumer", "a router takes nothing while bodies pass", slowConsumer},
+      {"lostWithLink", "the link of a router that takes nothing ends", lostWithLink},
       {"slowController", "the controller's node takes nothing while a router sends bodies",
        slowController},
       {"pauseAmidBody", "the controller's node pauses amid a body after which nothing comes",

@@ -214,9 +214,10 @@ void LinkStage::judge(const std::string& name, const NumberedCheck* more) {
   expectAlive(run_, bridge, name);
 }
 
-double LinkStage::figure(int router, const char* member) {
+double LinkStage::figure(int router, const char* member, const char* inner) {
   const JSONPtr document = Bridge::status();
-  return cJSON_GetNumberValue(cJSON_GetObjectItem(statusOf(document.get(), router), member));
+  const cJSON* const item = cJSON_GetObjectItem(statusOf(document.get(), router), member);
+  return cJSON_GetNumberValue(inner == nullptr ? item : cJSON_GetObjectItem(item, inner));
 }
 
 uint64_t LinkStage::droppedOf(int router) const {

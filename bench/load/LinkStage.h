@@ -49,8 +49,9 @@ class LinkStage {
   Loss loss();
   // Messages that have arrived of all streams that were judged.
   uint64_t carried() const { return carried_; }
-  // Of a router, as the daemon's status names it; of its "dropped", "lost" and the like.
-  static double figure(int router, const char* member);
+  // Of a router, as the daemon's status names it: of its "dropped", "lost" and the like, or of an
+  // object that is one.
+  static double figure(int router, const char* member, const char* inner = nullptr);
 
   EventLoop loop;
 

@@ -120,6 +120,7 @@ JSONPtr routerObject(const RouterDescription& router, const DispatcherPeerClient
   addCount(waiting.get(), "bytes", figures.waiting.bytes);
   addMember(object.get(), "waiting", std::move(waiting));
   addCount(object.get(), "dropped", figures.dropped);
+  addCount(object.get(), "lostWithLink", figures.lostWithLink);
   cJSON_AddBoolToObject(object.get(), "stalled", figures.stalled ? 1 : 0);
   return object;
 }

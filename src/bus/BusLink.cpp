@@ -498,6 +498,7 @@ std::size_t BusLink::endQueue() {
 void BusLink::sayLost(std::size_t count) {
   sayWhatChanged();
   if (count > 0) {
+    lostWithLink_ += count;
     countWarning(Warning::LostWithLink);
     syslog(LOG_WARNING, "%.1024s: %zu messages that waited to leave are lost with the link.\n",
            name_.c_str(), count);

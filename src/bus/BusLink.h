@@ -133,6 +133,8 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   const TrafficCount& sent() const { return sent_; }
   // Frames that a stalled router lost.
   uint64_t droppedFrames() const { return allDropped_; }
+  // Frames that waited when their link ended.
+  uint64_t framesLostWithLink() const { return lostWithLink_; }
   bool hasWaiting() const { return !queue_.isEmpty(); }
 
   // Ends the link that stands: its reader finds the end of the stream, and senders give up. Waits
@@ -211,6 +213,7 @@ class BusLink : public std::enable_shared_from_this<BusLink> {
   TrafficCount forwarded_;
   TrafficCount sent_;
   std::atomic<uint64_t> allDropped_{0};
+  std::atomic<uint64_t> lostWithLink_{0};
 
   Mutex episodeLock_;                                              // a leaf
   std::size_t droppedFrames_ VALTOR_GUARDED_BY(episodeLock_) = 0;  // since the router stalled

@@ -258,9 +258,9 @@ bool PellInternalClient::hasUnderWay() const {
 }
 
 PellInternalClient::Figures PellInternalClient::figures() const {
-  return {history_.figures(),  link_->sent().figures(), link_->forwarded().figures(),
-          received_.figures(), link_->waiting(),        link_->droppedFrames(),
-          link_->isStalled(),  queue_.figures()};
+  return {history_.figures(),          link_->sent().figures(), link_->forwarded().figures(),
+          received_.figures(),         link_->waiting(),        link_->droppedFrames(),
+          link_->framesLostWithLink(), link_->isStalled(),      queue_.figures()};
 }
 
 int PellInternalClient::connect() {

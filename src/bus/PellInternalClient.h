@@ -146,7 +146,8 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
     TrafficCount::Figures forwarded;  // of which forwardFrame() was given these
     TrafficCount::Figures received;   // messages
     OutgoingQueue::Size waiting;
-    uint64_t dropped = 0;  // frames that a stalled node lost
+    uint64_t dropped = 0;       // frames that a stalled node lost
+    uint64_t lostWithLink = 0;  // frames that waited when their link ended
     bool stalled = false;
     ReceiveQueue::Figures queue;
   };

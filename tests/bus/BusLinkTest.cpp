@@ -340,6 +340,7 @@ TEST_F(ForwardingTest, WhatWaitsGoesWithItsLinkAndStalledLinksGiveWay) {
   EXPECT_EQ(log_.countContaining("router: " + std::to_string(waiting) +
                                  " messages that waited to leave are lost with the link."),
             1);
+  EXPECT_EQ(link_->framesLostWithLink(), waiting);
   EXPECT_EQ(link_->forward(frame("x"), {}), BusLink::Send::NotConnected);
   other->closeSocket();
 }

@@ -3,21 +3,25 @@
 #include <array>
 #include <cstdio>
 #include <initializer_list>
+#include <string_view>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
+#include "app/util/ErrnoText.h"
 #include "support/PrintableText.h"
 
 namespace valtor {
 namespace {
 
 using Router = StatusFigures::Router;
-using Labels = std::initializer_list<std::pair<const char*, std::string>>;
+using Labels = std::initializer_list<std::pair<const char*, std::string_view>>;
 
-// Within the quotes of a label's value.
-std::string escaped(const std::string& value) {
+// Within the quotes of a label's value. Cut, as a name stands in a line for each rule.
+std::string escaped(std::string_view value) {
+  constexpr std::size_t kLongest = 255;  // bytes
   std::string result;
-  for (const char byte : withoutBrokenUtf8(value)) {
+  for (const char byte : withoutBrokenUtf8(cutText(value, kLongest))) {
     if (byte == '\n') {
       result += "\\n";
     } else {
@@ -26,6 +30,15 @@ std::string escaped(const std::string& value) {
     }
   }
   return result;
+}
+
+// As they stand in a line: a="b",c="d"
+std::string joined(Labels labels) {
+  std::string text;
+  for (const auto& [label, value] : labels) {
+    text.append(text.empty() ? "" : ",").append(label) += "=\"" + escaped(value) + "\"";
+  }
+  return text;
 }
 
 class Exposition {
@@ -37,23 +50,24 @@ class Exposition {
     text_ += std::string("# HELP ") + name + " " + help + "\n# TYPE " + name + " " + type + "\n";
   }
 
-  // The same labels again are left out: Prometheus would refuse all for that.
-  void value(double value, Labels labels = {}) {
-    std::string series = name_;
-    const char* separator = "{";
-    for (const auto& [label, text] : labels) {
-      series += std::string(separator) + label + "=\"" + escaped(text) + "\"";
-      separator = ",";
-    }
-    series += labels.size() > 0 ? "}" : "";
+  void value(double value, const std::string& labels = "") {
     std::array<char, 40> number{};
     std::snprintf(number.data(), number.size(), " %.15g\n", value);
-    if (const auto [place, isNew] = series_.insert(std::move(series)); isNew) {
-      text_ += *place + number.data();
+    text_ += name_;
+    if (!labels.empty()) {
+      text_.append("{").append(labels).append("}");
+    }
+    text_ += number.data();
+  }
+
+  // The same labels again are left out: Prometheus would refuse all for that.
+  void valueOnce(double value, const std::string& labels) {
+    if (series_.insert(labels).second) {
+      this->value(value, labels);
     }
   }
 
-  const std::string& text() const { return text_; }
+  std::string takeText() { return std::move(text_); }
 
  private:
   const char* name_ = "";
@@ -74,80 +88,98 @@ void addBus(Exposition& out, const BusParticipant::View& bus) {
   }
 }
 
+// Each router with its labels, which all of its lines begin with; one of those with the same.
+struct Labelled {
+  const Router& router;
+  std::string labels;
+};
+using Routers = std::vector<Labelled>;
+
+Routers labelled(const StatusFigures& status) {
+  Routers routers;
+  std::unordered_set<std::string> known;
+  for (const Router& router : status.routers) {
+    std::string labels = joined({{"router", router.uniqueID}, {"name", router.name}});
+    if (known.insert(labels).second) {
+      routers.push_back({router, std::move(labels)});
+    }
+  }
+  return routers;
+}
+
 // One metric with a value for each router.
 template <class Value>
-void addForRouters(Exposition& out, const StatusFigures& status, const char* name, const char* type,
+void addForRouters(Exposition& out, const Routers& routers, const char* name, const char* type,
                    const char* help, Value value) {
   out.begin(name, type, help);
-  for (const Router& router : status.routers) {
-    out.value(value(router), {{"router", router.uniqueID}, {"name", router.name}});
+  for (const Labelled& one : routers) {
+    out.value(value(one.router), one.labels);
   }
 }
 
-// One metric with a value for each router and direction.
-void addTraffic(Exposition& out, const StatusFigures& status, const char* name, const char* help,
+// Calls add(labels, traffic) for each router and direction.
+template <class Add>
+void forTraffic(const Routers& routers, Add add) {
+  for (const auto& [router, labels] : routers) {
+    add(labels + ",direction=\"to_router\"", router.toRouter);
+    add(labels + ",direction=\"from_router\"", router.fromRouter);
+  }
+}
+
+void addTraffic(Exposition& out, const Routers& routers, const char* name, const char* help,
                 double StatusFigures::Traffic::*member) {
   out.begin(name, "counter", help);
-  for (const Router& router : status.routers) {
-    const auto add = [&](const char* direction, const StatusFigures::Traffic& traffic) {
-      out.value(traffic.*member,
-                {{"router", router.uniqueID}, {"name", router.name}, {"direction", direction}});
-    };
-    add("to_router", router.toRouter);
-    add("from_router", router.fromRouter);
-  }
+  forTraffic(routers, [&](const std::string& labels, const StatusFigures::Traffic& traffic) {
+    out.value(traffic.*member, labels);
+  });
 }
 
-void addRouters(Exposition& out, const StatusFigures& status) {
+void addRouters(Exposition& out, const Routers& routers) {
   const auto isIn = [](const char* state) {
     return [state](const Router& router) { return router.link.state == state ? 1 : 0; };
   };
-  addForRouters(out, status, "valtor_router_up", "gauge", "Whether the router is connected.",
+  addForRouters(out, routers, "valtor_router_up", "gauge", "Whether the router is connected.",
                 isIn("up"));
-  addForRouters(out, status, "valtor_router_disabled", "gauge",
+  addForRouters(out, routers, "valtor_router_disabled", "gauge",
                 "Whether the router is disabled, so that it need not be up.", isIn("disabled"));
-  addForRouters(out, status, "valtor_router_stalled", "gauge",
+  addForRouters(out, routers, "valtor_router_stalled", "gauge",
                 "Whether messages are dropped since the router takes none.",
                 [](const Router& router) { return router.stalled ? 1 : 0; });
-  addForRouters(out, status, "valtor_router_lost_total", "counter",
+  addForRouters(out, routers, "valtor_router_lost_total", "counter",
                 "How often the router's link ended without being meant to.",
                 [](const Router& router) { return router.link.lost; });
-  addForRouters(out, status, "valtor_router_dropped_total", "counter",
+  addForRouters(out, routers, "valtor_router_dropped_total", "counter",
                 "Messages dropped since the router took none.",
                 [](const Router& router) { return router.dropped; });
-  addForRouters(out, status, "valtor_router_waiting_messages", "gauge",
+  addForRouters(out, routers, "valtor_router_lost_with_link_total", "counter",
+                "Messages that waited for the router when its link ended.",
+                [](const Router& router) { return router.lostWithLink; });
+  addForRouters(out, routers, "valtor_router_waiting_messages", "gauge",
                 "Messages that wait for the router.",
                 [](const Router& router) { return router.waitingFrames; });
-  addForRouters(out, status, "valtor_router_waiting_bytes", "gauge",
+  addForRouters(out, routers, "valtor_router_waiting_bytes", "gauge",
                 "Bytes that wait for the router.",
                 [](const Router& router) { return router.waitingBytes; });
-  addTraffic(out, status, "valtor_router_messages_total", "Messages that crossed.",
+  addTraffic(out, routers, "valtor_router_messages_total", "Messages that crossed.",
              &StatusFigures::Traffic::messages);
-  addTraffic(out, status, "valtor_router_bytes_total", "Bytes that crossed, frames included.",
+  addTraffic(out, routers, "valtor_router_bytes_total", "Bytes that crossed, frames included.",
              &StatusFigures::Traffic::bytes);
   out.begin("valtor_router_blocked_total", "counter", "Messages kept back, by rule.");
-  for (const Router& router : status.routers) {
-    const auto add = [&](const char* direction, const StatusFigures::Traffic& traffic) {
-      for (const auto& [rule, count] : traffic.rules) {
-        out.value(count, {{"router", router.uniqueID},
-                          {"name", router.name},
-                          {"direction", direction},
-                          {"rule", rule}});
-      }
-    };
-    add("to_router", router.toRouter);
-    add("from_router", router.fromRouter);
-  }
+  forTraffic(routers, [&](const std::string& labels, const StatusFigures::Traffic& traffic) {
+    for (const auto& [rule, count] : traffic.rules) {
+      out.valueOnce(count, labels + "," + joined({{"rule", rule}}));
+    }
+  });
 }
 
 void addDaemon(Exposition& out, const StatusFigures& status) {
   out.begin("valtor_info", "gauge", "The daemon's version.");
-  out.value(1, {{"version", status.version}});
+  out.value(1, joined({{"version", status.version}}));
   out.begin("valtor_start_time_seconds", "gauge", "When the daemon started, since 1970.");
   out.value(status.startTime);
   out.begin("valtor_role", "gauge", "1 for the role of the controller.");
   for (const char* role : {"active", "standby", "unknown"}) {
-    out.value(status.role == role ? 1 : 0, {{"role", role}});
+    out.value(status.role == role ? 1 : 0, joined({{"role", role}}));
   }
   out.begin("valtor_controller_up", "gauge", "Whether the daemon is connected to the controller.");
   out.value(status.controller.state == "up" ? 1 : 0);
@@ -156,28 +188,28 @@ void addDaemon(Exposition& out, const StatusFigures& status) {
   out.value(status.controller.lost);
   out.begin("valtor_controller_messages_total", "counter",
             "Messages on the daemon's link to the controller, its own included.");
-  out.value(status.toBus.messages, {{"direction", "to_bus"}});
-  out.value(status.fromBus.messages, {{"direction", "from_bus"}});
+  out.value(status.toBus.messages, joined({{"direction", "to_bus"}}));
+  out.value(status.fromBus.messages, joined({{"direction", "from_bus"}}));
   out.begin("valtor_controller_bytes_total", "counter",
             "Bytes on the daemon's link to the controller.");
-  out.value(status.toBus.bytes, {{"direction", "to_bus"}});
-  out.value(status.fromBus.bytes, {{"direction", "from_bus"}});
+  out.value(status.toBus.bytes, joined({{"direction", "to_bus"}}));
+  out.value(status.fromBus.bytes, joined({{"direction", "from_bus"}}));
   out.begin("valtor_queue_delay_seconds", "gauge",
             "How long the oldest message from the controller has waited to be handled.");
   out.value(status.queueDelay);
   out.begin("valtor_crossing_messages_total", "counter",
             "Messages that passed the rules, by kind and path.");
   for (const StatusFigures::Crossing& crossing : status.crossing) {
-    out.value(
-        crossing.messages,
-        {{"direction", crossing.direction}, {"kind", crossing.kind}, {"path", crossing.path}});
+    out.valueOnce(crossing.messages, joined({{"direction", crossing.direction},
+                                             {"kind", crossing.kind},
+                                             {"path", crossing.path}}));
   }
   out.begin("valtor_loop_episodes_total", "counter",
             "How often messages began to go round in circles.");
   out.value(status.loopEpisodes);
   out.begin("valtor_warnings_total", "counter", "Lines of the daemon's log, by kind.");
   for (const auto& [kind, count] : status.warnings) {
-    out.value(count, {{"kind", kind}});
+    out.valueOnce(count, joined({{"kind", kind}}));
   }
   out.begin("valtor_resident_memory_bytes", "gauge", "Memory that the daemon holds.");
   out.value(status.residentBytes);
@@ -190,7 +222,7 @@ void addDaemon(Exposition& out, const StatusFigures& status) {
 std::string metricsText(const LiveState::Figures& figures, const std::string& version) {
   Exposition out;
   out.begin("valtor_status_info", "gauge", "The version of the program that says this.");
-  out.value(1, {{"version", version}});
+  out.value(1, joined({{"version", version}}));
   out.begin("valtor_up", "gauge", "Whether the daemon answers on its status socket.");
   out.value(figures.answering ? 1 : 0);
   if (figures.age >= 0) {
@@ -201,9 +233,9 @@ std::string metricsText(const LiveState::Figures& figures, const std::string& ve
   addBus(out, figures.bus);
   if (figures.answering) {
     addDaemon(out, figures.status);
-    addRouters(out, figures.status);
+    addRouters(out, labelled(figures.status));
   }
-  return out.text();
+  return out.takeText();
 }
 
 }  // namespace valtor

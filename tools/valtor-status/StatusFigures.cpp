@@ -19,11 +19,13 @@ double number(const cJSON* object, const char* name) {
   return cJSON_IsNumber(member) != 0 ? member->valuedouble : 0;
 }
 
+// By kind or rule. The daemon has some dozens; more would multiply what is shown of each router.
 std::vector<std::pair<std::string, double>> counts(const cJSON* object) {
+  constexpr std::size_t kMost = 64;
   std::vector<std::pair<std::string, double>> list;
   const cJSON* member = nullptr;
   cJSON_ArrayForEach(member, object) {
-    if (cJSON_IsNumber(member) != 0 && member->string != nullptr) {
+    if (list.size() < kMost && cJSON_IsNumber(member) != 0 && member->string != nullptr) {
       list.emplace_back(member->string, member->valuedouble);
     }
   }
@@ -60,6 +62,7 @@ StatusFigures::Router router(const cJSON* object) {
   router.waitingFrames = number(part(object, "waiting"), "frames");
   router.waitingBytes = number(part(object, "waiting"), "bytes");
   router.dropped = number(object, "dropped");
+  router.lostWithLink = number(object, "lostWithLink");
   return router;
 }
 
@@ -89,11 +92,15 @@ std::optional<StatusFigures> StatusFigures::of(const std::string& document) {
   figures.fromBus = traffic(part(controller, "fromBus"));
   const cJSON* item = nullptr;
   cJSON_ArrayForEach(item, arrayMember(root, "routers")) {
-    figures.routers.push_back(router(item));
+    if (cJSON_IsString(part(item, "uniqueID")) != 0) {  // nobody could tell the others apart
+      figures.routers.push_back(router(item));
+    }
   }
   cJSON_ArrayForEach(item, arrayMember(root, "crossing")) {
-    figures.crossing.push_back({text(item, "direction"), text(item, "kind"), text(item, "path"),
-                                number(item, "messages"), number(item, "bytes")});
+    if (cJSON_IsObject(item) != 0) {
+      figures.crossing.push_back({text(item, "direction"), text(item, "kind"), text(item, "path"),
+                                  number(item, "messages"), number(item, "bytes")});
+    }
   }
   figures.loopEpisodes = number(part(root, "loops"), "episodes");
   figures.lastLoop = loopText(part(part(root, "loops"), "last"));

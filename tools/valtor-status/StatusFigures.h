@@ -8,8 +8,8 @@
 namespace valtor {
 
 // What the daemon's status document says, as far as this program works with it. Members that are
-// missing or of another type count as 0 or "". Texts are valid UTF-8 and otherwise as they came:
-// whoever shows them escapes them. A value.
+// missing or of another type count as 0 or "", a router that has no unique ID is left out. Texts
+// are valid UTF-8 and otherwise as they came: whoever shows them escapes them. A value.
 struct StatusFigures {
   struct Traffic {
     double messages = 0;
@@ -33,6 +33,7 @@ struct StatusFigures {
     double waitingFrames = 0;
     double waitingBytes = 0;
     double dropped = 0;
+    double lostWithLink = 0;
   };
   struct Crossing {
     std::string direction;

@@ -289,6 +289,14 @@ TEST(MetricsTest, LabelsAreEscapedAndNothingIsSaidForADaemonThatDoesNotAnswer) {
     ASSERT_NE(place, std::string::npos) << line << "\n" << text;
     EXPECT_EQ(text.find("\n" + line + "\n", place + 1), std::string::npos) << line;
   }
+  // A label's value is cut, and stays valid; what has no unique ID is no router.
+  const std::string longName = std::string(254, 'n') + "\xc3\xa9" + std::string(60000, 'n');
+  figures.status =
+      StatusFigures::of(documentJSON(R"({"name":"x"},1,)" + routerJSON(longName, "up"))).value();
+  EXPECT_NE(metricsText(figures, "9.9")
+                .find("\nvaltor_router_up{router=\"id-" + std::string(252, 'n') + "\",name=\"" +
+                      std::string(254, 'n') + "\"} 1\n"),
+            std::string::npos);
   figures.answering = false;
   const std::string silent = metricsText(figures, "9.9");
   EXPECT_NE(silent.find("\nvaltor_up 0\n"), std::string::npos);
