@@ -154,13 +154,16 @@ class StatusCheck {
 
   void judge(const DaemonStatus& status) {
     if (status.controllerDown) {
-      verdict_.add(
-          Level::Unknown,
-          "the controller's link is down" +
-              (status.controllerSince ? " for " + lengthText(status.now - *status.controllerSince)
-                                      : ""));
-    } else if (status.role == "standby") {
-      standBy();
+      verdict_.add(Level::Unknown,
+                   "the controller's link is down" +
+                       (status.controllerLink.since
+                            ? " for " + lengthText(status.now - *status.controllerLink.since)
+                            : ""));
+    } else {
+      if (status.role == "standby") {
+        standBy();
+      }
+      judgeFlapping(status.controllerLink, "the controller's link", status.now);
     }
     if (!isStandby_) {
       judgeRouters(status);
@@ -224,17 +227,22 @@ class StatusCheck {
                        " messages wait");
       return;
     }
-    const auto recent = std::count_if(router.losses.begin(), router.losses.end(),
+    judgeFlapping(router, text, now);
+  }
+
+  // Of a link that stands.
+  void judgeFlapping(const DaemonStatus::Link& link, const std::string& text, double now) {
+    const auto recent = std::count_if(link.losses.begin(), link.losses.end(),
                                       [&](double time) { return now - time < kLossPeriod; });
     // Not behind an end that was meant, such as a standby.
-    const bool wasLost = !router.losses.empty() && router.lossTime <= router.losses.back();
-    const bool cameBack = wasLost && router.since && now - *router.since < kCameBack;
+    const bool wasLost = !link.losses.empty() && link.lossTime <= link.losses.back();
+    const bool cameBack = wasLost && link.since && now - *link.since < kCameBack;
     if (cameBack || recent > kMostLosses) {
       verdict_.add(Level::Warning,
                    "flapping: " + text +
-                       (router.since ? " is back for " + lengthText(now - *router.since) : "") +
+                       (link.since ? " is back for " + lengthText(now - *link.since) : "") +
                        ", lost " + std::to_string(recent) + " times in 10 minutes" +
-                       (router.lossReason.empty() ? "" : ", last " + router.lossReason));
+                       (link.lossReason.empty() ? "" : ", last " + link.lossReason));
     }
   }
 

@@ -26,6 +26,20 @@ int portOf(const cJSON* object) {
   return cJSON_IsNumber(member) != 0 ? member->valueint : 0;
 }
 
+void readLink(const cJSON* item, DaemonStatus::Link& link) {
+  link.since = numberOf(item, "since");
+  link.lost = numberOf(item, "lost").value_or(0);
+  const cJSON* time = nullptr;
+  cJSON_ArrayForEach(time, arrayMember(item, "losses")) {
+    if (cJSON_IsNumber(time) != 0) {
+      link.losses.push_back(time->valuedouble);
+    }
+  }
+  const cJSON* const last = cJSON_GetObjectItem(item, "lastLoss");
+  link.lossReason = textOf(last, "reason");
+  link.lossTime = numberOf(last, "time").value_or(0);
+}
+
 DaemonStatus::Router routerOf(const cJSON* item) {
   const auto part = [&](const char* name) { return cJSON_GetObjectItem(item, name); };
   DaemonStatus::Router router;
@@ -37,16 +51,7 @@ DaemonStatus::Router routerOf(const cJSON* item) {
   router.up = state == "up";
   router.enabled = state != "disabled" && cJSON_IsFalse(part("enabled")) == 0;
   router.stalled = cJSON_IsTrue(part("stalled")) != 0;
-  router.since = numberOf(item, "since");
-  router.lost = numberOf(item, "lost").value_or(0);
-  const cJSON* time = nullptr;
-  cJSON_ArrayForEach(time, arrayMember(item, "losses")) {
-    if (cJSON_IsNumber(time) != 0) {
-      router.losses.push_back(time->valuedouble);
-    }
-  }
-  router.lossReason = textOf(part("lastLoss"), "reason");
-  router.lossTime = numberOf(part("lastLoss"), "time").value_or(0);
+  readLink(item, router);
   router.toRouter = numberOf(part("toRouter"), "messages").value_or(0);
   router.fromRouter = numberOf(part("fromRouter"), "messages").value_or(0);
   router.waitingFrames = numberOf(part("waiting"), "frames").value_or(0);
@@ -83,7 +88,7 @@ DaemonStatus::DaemonStatus(const std::string& text) {
   role = textOf(part("role"), "state");
   roleSince = numberOf(part("role"), "since");
   controllerDown = textOf(part("controller"), "state") == "down";
-  controllerSince = numberOf(part("controller"), "since");
+  readLink(part("controller"), controllerLink);
   controllerAddress = textOf(part("controller"), "address");
   controllerPort = portOf(part("controller"));
   const cJSON* router = nullptr;

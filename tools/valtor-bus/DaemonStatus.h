@@ -13,7 +13,15 @@ namespace valtor {
 // than it is told to.
 class DaemonStatus {
  public:
-  struct Router {
+  // Times are seconds since the epoch.
+  struct Link {
+    std::optional<double> since;  // up or down
+    double lost = 0;              // how often it ended
+    std::vector<double> losses;   // when, the newest last
+    std::string lossReason;       // of the last end, which may have been meant
+    double lossTime = 0;          // when that was
+  };
+  struct Router : Link {
     std::string name;
     std::string uniqueID;
     std::string address;
@@ -21,12 +29,7 @@ class DaemonStatus {
     bool enabled = true;
     bool up = false;
     bool stalled = false;
-    std::optional<double> since;  // times are seconds since the epoch
-    double lost = 0;              // how often its link ended
-    std::vector<double> losses;   // when, the newest last
-    std::string lossReason;       // of the last end, which may have been meant
-    double lossTime = 0;          // when that was
-    double toRouter = 0;          // messages
+    double toRouter = 0;  // messages
     double fromRouter = 0;
     double waitingFrames = 0;
     double waitingBytes = 0;
@@ -54,7 +57,7 @@ class DaemonStatus {
   std::string role;  // "active", "standby" or "unknown"
   std::optional<double> roleSince;
   bool controllerDown = false;
-  std::optional<double> controllerSince;
+  Link controllerLink;
   std::string controllerAddress;  // as it is named; "" when it is not said
   int controllerPort = 0;         // 0: not said
   std::vector<Router> routers;

@@ -167,7 +167,7 @@ std::string statusText(const DaemonStatus& status, bool colour) {
   return "daemon " + status.version + ", started" + since(status.startTime).replace(0, 6, "") +
          "; role " + (status.role.empty() ? "unknown" : status.role) + since(status.roleSince) +
          "; controller's link " + (status.controllerDown ? "down" : "up") +
-         since(status.controllerSince) + "\n" +
+         since(status.controllerLink.since) + "\n" +
          textTable(lines, [colour](const std::string& cell, std::size_t column) {
            constexpr std::size_t kState = 3;
            return colour && column == kState ? colourOfState(cell) : "";

@@ -143,6 +143,14 @@ TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
       {router("") +
            R"(,"loops":{"last":{"kind":"NOT","path":"a","from":"x","to":"y","time":999999999}})",
        1, "WARNING: " + up + "; a loop: NOT on \"a\" from x to y" + upFigures + "0c"},
+      {R"("controller":{"state":"up","since":999999990,"losses":[1,999999980],"lastLoss":{"reason":)"
+       R"("send error","time":999999980},"port":)" +
+           std::to_string(node.port()) + "}," + router(""),
+       1,
+       "WARNING: " + up +
+           "; flapping: the controller's link is back for 10 s, lost 1 times in 10 minutes, last "
+           "send error" +
+           upFigures + "0c"},
       {R"("controller":{"state":"down","since":999999999,"port":)" + std::to_string(node.port()) +
            "}," + router(""),
        3, "UNKNOWN: " + up + "; the controller's link is down for 1 s" + upFigures + "0c"},
