@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <netinet/in.h>
+#include <set>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -103,6 +104,25 @@ std::string answerTo(const std::string& bytes) {
   }
 }
 
+bool isHeader(const std::string& name) {
+  static const std::set<std::string> kHeaders = {"Accept-Ranges",
+                                                 "Allow",
+                                                 "Cache-Control",
+                                                 "Connection",
+                                                 "Content-Length",
+                                                 "Content-Range",
+                                                 "Content-Security-Policy",
+                                                 "Content-Type",
+                                                 "Cross-Origin-Resource-Policy",
+                                                 "Keep-Alive",
+                                                 "Referrer-Policy",
+                                                 "Retry-After",
+                                                 "Transfer-Encoding",
+                                                 "X-Content-Type-Options",
+                                                 "X-Frame-Options"};
+  return kHeaders.count(name) > 0;
+}
+
 void request(const Parts& parts) {
   std::string text;
   for (const char byte : parts[0]) {
@@ -115,12 +135,17 @@ void request(const Parts& parts) {
   }
   require(answer.compare(0, 9, "HTTP/1.1 ") == 0, "an answer is one of HTTP");
   const int status = std::atoi(answer.c_str() + 9);
-  constexpr std::array<int, 9> kKnown = {200, 206, 400, 404, 405, 408, 414, 421, 431};
+  constexpr std::array<int, 10> kKnown = {200, 206, 400, 403, 404, 405, 408, 414, 421, 431};
   require(std::find(kKnown.begin(), kKnown.end(), status) != kKnown.end() || status == 503,
           "with a status that is meant");
   const std::string head = answer.substr(0, answer.find("\r\n\r\n"));
   require(head.find("default-src 'none'") != std::string::npos, "and the policy of the page");
-  require(withoutBrokenUtf8(head) == head, "and nothing of the request in its head");
+  for (std::size_t at = head.find("\r\n"); at != std::string::npos;
+       at = head.find("\r\n", at + 2)) {
+    const std::size_t colon = head.find(": ", at);
+    require(colon != std::string::npos && isHeader(head.substr(at + 2, colon - at - 2)),
+            "and no header that the request made");
+  }
 }
 
 // --- Documents -----------------------------------------------------------------------------------

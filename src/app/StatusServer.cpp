@@ -177,12 +177,17 @@ void StatusServer::acceptAll() {
     UniqueDescriptor socket(
         accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket.valid()) {
-      if (errno == EMFILE || errno == ENFILE || errno == ENOMEM) {
+      const int error = errno;
+      if (error != EAGAIN && error != EINTR && error != ECONNABORTED) {
+        if (!std::exchange(refuses_, true)) {
+          syslog(LOG_ERR, "Nobody can ask for the status for now: %s\n", errnoText(error).c_str());
+        }
         // It stays to be accepted, and the poll would come back at once.
         pollUntil(wakeEvent_.get(), POLLIN, Clock::now() + kGrace);
       }
       return;
     }
+    refuses_ = false;
     auto asker = std::make_unique<Asker>();
     asker->socket = std::move(socket);
     asker->deadline = Clock::now() + kGrace;

@@ -66,6 +66,7 @@ class StatusServer final : public MyThreadClass {
   const Source source_;
   UniqueDescriptor listener_;
   UniqueDescriptor wakeEvent_;
+  bool refuses_ = false;                        // who asks cannot be accepted, which has been told
   std::vector<std::unique_ptr<Asker>> askers_;  // of the thread
   bool serving_ = false;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <linux/sockios.h>
 #include <new>
 #include <poll.h>
@@ -11,7 +12,6 @@
 #include <syslog.h>
 #include <utility>
 
-#include "app/util/ErrnoText.h"
 #include "app/util/PollWait.h"
 #include "app/util/Warnings.h"
 #include "app/util/Watchdog.h"
@@ -437,12 +437,14 @@ void BusLink::sayWhatChanged() {
          count);
 }
 
+// Without an allocation: a frame that waits is not lost for want of memory to say so.
 void BusLink::report(const SendResult& result) const {
   if (result.outcome == Send::Failed) {
     countWarning(Warning::SendFailed);
-    syslog(LOG_ERR, "%s send error (fd=%d, %s) : %s\n",
+    char text[256] = "";
+    syslog(LOG_ERR, "%s send error (fd=%d, %.1024s) : %s\n",
            "int PellInternalClient::sendConstMessage(const PellInternalMessage&)",
-           shownDescriptor(), nameForLog(name_).c_str(), errnoText(result.error).c_str());
+           shownDescriptor(), name_.c_str(), strerror_r(result.error, text, sizeof text));
   } else if (result.outcome == Send::BudgetExhausted) {
     if (!result.kept) {
       countWarning(Warning::SendGaveUp);

@@ -1,10 +1,12 @@
 #include "bus/PellInternalClient.h"
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <netdb.h>
 #include <netinet/in.h>
@@ -42,8 +44,15 @@ struct AddressListDeleter {
 using AddressList = std::unique_ptr<addrinfo, AddressListDeleter>;
 
 // Stops the process when the host has no address: without one the daemon has no work, and whoever
-// restarts it sees why.
-AddressList resolve(const std::string& host, int32_t port) {
+// restarts it sees why. A router's address needs no look-up, whose lack of memory for a moment
+// would end the bridge to all others.
+sockaddr_in resolve(const std::string& host, int32_t port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  if (inet_pton(AF_INET, host.c_str(), &address.sin_addr) == 1) {
+    return address;
+  }
   addrinfo hints{};
   hints.ai_family = AF_INET;
   hints.ai_socktype = SOCK_STREAM;
@@ -53,7 +62,9 @@ AddressList resolve(const std::string& host, int32_t port) {
     syslog(LOG_CRIT, "getaddrinfo: %s\n", gai_strerror(status));
     std::abort();
   }
-  return AddressList(list);
+  const AddressList found(list);
+  std::memcpy(&address, found->ai_addr, sizeof address);
+  return address;
 }
 
 // False, with errno, when it cannot be set: a node that hangs would never be noticed.
@@ -191,6 +202,8 @@ bool PellInternalClient::isLocalBusClient() { return true; }
 
 bool PellInternalClient::isConnected() const { return link_->state() == 1; }
 
+bool PellInternalClient::isAnnouncedUp() const { return announced_ && isConnected(); }
+
 int PellInternalClient::onMessage(const PellInternalMessage& message) {
   if (message.getKind() != MessageKind::GET || message.header.path != "system") {
     return 0;
@@ -221,6 +234,7 @@ JSONPtr PellInternalClient::buildLoginParameters() {
 
 void PellInternalClient::setConnectionState(int state, const std::string& reason) {
   link_->setState(state);
+  announced_ = state == 1;
   noteLink(state, reason);
   onConnectionStateChanged(state, reason);
   reportedState_ = state;
@@ -345,17 +359,16 @@ int PellInternalClient::attemptConnection(std::chrono::milliseconds longest) {
   if (!isUsable(target.host, target.port)) {
     return -1;
   }
-  const AddressList addresses = resolve(target.host, target.port);
+  const sockaddr_in address = resolve(target.host, target.port);
   syslog(LOG_DEBUG, "Trying to connect to %s\n", target.host.c_str());
-  UniqueDescriptor socket(::socket(addresses->ai_family, addresses->ai_socktype | SOCK_CLOEXEC,
-                                   addresses->ai_protocol));
+  UniqueDescriptor socket(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP));
   if (!socket.valid() || !setReceiveTimeout(socket.get(), timing_.receiveTimeout)) {
     syslog(LOG_ERR, "PellInternalClient create socket ERROR: %s\n", errnoText(errno).c_str());
     return -1;
   }
   syslog(LOG_DEBUG, "create socket OK!\n");
-  const int error = connectWithin(socket.get(), addresses->ai_addr, addresses->ai_addrlen, longest,
-                                  [this] { return isClosing(); });
+  const int error = connectWithin(socket.get(), reinterpret_cast<const sockaddr*>(&address),
+                                  sizeof address, longest, [this] { return isClosing(); });
   if (error != 0) {
     if (error != ECANCELED && LineBudget::spend()) {
       syslog(LOG_ERR, "PellInternalClient connect error: %s %s\n", errnoText(error).c_str(),

@@ -78,6 +78,9 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   // Whether the bus is the controller's own.
   virtual bool isLocalBusClient();
   virtual bool isConnected() const;
+  // Connected, with a hook that was called for it or is about to be. A link that stands may still
+  // fail before: while it logs in.
+  bool isAnnouncedUp() const;
   // Answers the module-ready query. Derived classes call it first.
   int onMessage(const PellInternalMessage& message) override;
   // The far end of the link, as log lines name it. Called on any thread of the client.
@@ -226,6 +229,7 @@ class PellInternalClient : public IPellInternalClient, private IClientThreadHost
   const std::string name_;
   std::atomic<bool> moduleReady_{false};
   std::atomic<int> reportedState_{0};             // the last state whose hook returned
+  std::atomic<bool> announced_{false};            // a link whose hook was called, or is next
   std::atomic<bool> subscriptionsUnsent_{false};  // of a link that stands
   std::atomic<const char*> endReason_{nullptr};
   LinkHistory history_;

@@ -90,11 +90,14 @@ void PellInternalClientMsgQThread::catchUp() {
   if (catchUpDue_ && Clock::now() >= *catchUpDue_) {
     catchUpDue_.reset();
     catchUpWait_ = std::min(2 * catchUpWait_, kMostWaits);
+    calmFrom_ = Clock::now() + catchUpWait_ * parts_.timing.reconnectDelay;
     parts_.host.catchUp();
   }
-  if (!parts_.host.isBehind()) {
-    catchUpWait_ = 1;
-  } else if (!catchUpDue_) {
+  if (parts_.host.isBehind() && !catchUpDue_) {
+    // What was asked for may fail only with its answer.
+    if (Clock::now() >= calmFrom_) {
+      catchUpWait_ = 1;
+    }
     catchUpDue_ = Clock::now() + catchUpWait_ * parts_.timing.reconnectDelay;
   }
 }

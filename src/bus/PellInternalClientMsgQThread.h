@@ -73,7 +73,8 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   std::optional<Clock::time_point> trimDue_;
   Clock::time_point nextTrim_{};
   std::optional<Clock::time_point> catchUpDue_;
-  int catchUpWait_ = 1;  // in reconnect delays
+  int catchUpWait_ = 1;           // in reconnect delays
+  Clock::time_point calmFrom_{};  // what fails later fails for the first time
   Clock::time_point nextTold_{};
 };
 

@@ -39,11 +39,20 @@ void LoopWatch::note(const PellInternalMessage& message, const void* router,
   if (!goesRound(hash, now) || message.getUniqueId().empty() || !beginsEpisode(now)) {
     return;
   }
-  const bool outwards = router == nullptr;
+  try {
+    beginEpisode(message, router == nullptr, names);
+  } catch (...) {
+    const Locked lock(lock_);
+    lastCircle_.reset();  // untold; the next round tries again
+    throw;
+  }
+}
+
+void LoopWatch::beginEpisode(const PellInternalMessage& message, bool outwards,
+                             const std::function<std::string()>& names) {
   Circle circle{message.getKind(), std::string(shownPath(message.header.path)),
                 outwards ? "the controller" : names(), outwards ? names() : "the controller",
                 std::chrono::system_clock::now()};
-  countWarning(Warning::MessageCircles);
   syslog(
       LOG_WARNING,
       "A message goes round in circles: %s on \"%s\", id \"%s\", has come from %s and gone to %s "
@@ -51,6 +60,7 @@ void LoopWatch::note(const PellInternalMessage& message, const void* router,
       kindName(circle.kind), nameForLog(circle.path).c_str(),
       nameForLog(message.getUniqueId()).c_str(), nameForLog(circle.from).c_str(),
       nameForLog(circle.to).c_str(), kMostCrossings);
+  countWarning(Warning::MessageCircles);
   const Locked lock(lock_);
   ++figures_.episodes;
   figures_.last = std::move(circle);

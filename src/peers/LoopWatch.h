@@ -56,6 +56,8 @@ class LoopWatch {
 
   bool goesRound(uint64_t hash, Clock::time_point now);
   bool beginsEpisode(Clock::time_point now);
+  void beginEpisode(const PellInternalMessage& message, bool outwards,
+                    const std::function<std::string()>& names);
 
   mutable Mutex lock_;
   // By the hash's low bits; a newer message takes the place of an older one.

@@ -81,14 +81,11 @@ void RemoteValtorConnectionPoint::createPeer(ValtorRouterPeerManager& peers,
                                              const std::string& uniqueID, const IPPhy& phy) {
   const auto peer =
       std::make_shared<ValtorRouterPeerConnection>(phy.getIPAddress(), phy.getPort(), getName());
-  peer->setTiming(peers.ownerTiming());
   peers.join(*peer);
   peer->setUniqueID(uniqueID);
   peer->setForwarder(forwarder());
   peer->setOwner(*this);
-  const auto begin = std::chrono::steady_clock::now();
-  connect(*peer);
-  peers.noteOwnerAttempt(std::chrono::steady_clock::now() - begin);
+  connect(peers, *peer);
   peers.addPeer(peer);
 }
 
@@ -110,12 +107,18 @@ bool RemoteValtorConnectionPoint::reconnect(ValtorRouterPeerManager& peers,
     peer.forgetDatabaseRequest();
   }
   peer.setForwarder(forwarder());
-  connect(peer);
+  connect(peers, peer);
   return true;
 }
 
-void RemoteValtorConnectionPoint::connect(ValtorRouterPeerConnection& peer) const {
+void RemoteValtorConnectionPoint::connect(ValtorRouterPeerManager& peers,
+                                          ValtorRouterPeerConnection& peer) const {
+  if (!peer.isRunning()) {
+    peer.setTiming(peers.ownerTiming());  // which no thread reads now
+  }
+  const auto begin = std::chrono::steady_clock::now();
   peer.connect();
+  peers.noteOwnerAttempt(std::chrono::steady_clock::now() - begin);
   if (!peer.isRunning()) {
     manager().noteBehind();
   }

@@ -64,7 +64,7 @@ class RemoteValtorConnectionPoint : public ConnectionPoint {
                  const IPPhy& phy);
   void giveUpPeer();
   int connectPeer();
-  void connect(ValtorRouterPeerConnection& peer) const;
+  void connect(ValtorRouterPeerManager& peers, ValtorRouterPeerConnection& peer) const;
   void warnOfPlace(const IPPhy& phy);
   void createPeer(ValtorRouterPeerManager& peers, const std::string& uniqueID, const IPPhy& phy);
   // The sender, if it puts messages on the master bus as they are.

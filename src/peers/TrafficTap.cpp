@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -61,11 +62,13 @@ std::string TrafficTap::take(Follower& follower) {
   std::string text;
   const Locked lock(lock_);
   if (follower.missed > 0) {
-    text = "{\"missed\":" + std::to_string(std::exchange(follower.missed, 0)) + "}\n";
+    text = "{\"missed\":" + std::to_string(follower.missed) + "}\n";
   }
   for (const std::string& line : follower.lines) {
     text += line;
   }
+  // Nothing is forgotten that there was no memory for.
+  follower.missed = 0;
   follower.lines.clear();
   follower.bytes = 0;
   return text;
@@ -79,17 +82,23 @@ void TrafficTap::offer(const std::string& uniqueID, Direction direction,
     if (follower->uniqueID != uniqueID) {
       continue;
     }
-    if (line.empty()) {
-      line = lineOf(direction, message, result);
-      if (line.empty()) {
-        if (follower->missed++ == 0 && follower->lines.empty()) {
-          follower->wake();
-        }
-        continue;
-      }
-    }
     const bool wasEmpty = follower->lines.empty();
-    follower->lines.push_back(line);
+    try {
+      if (line.empty()) {
+        line = lineOf(direction, message, result);
+      }
+      if (!line.empty()) {
+        follower->lines.push_back(line);
+      }
+    } catch (const std::bad_alloc&) {
+      line.clear();
+    }
+    if (line.empty()) {
+      if (follower->missed++ == 0 && wasEmpty) {
+        follower->wake();
+      }
+      continue;
+    }
     follower->bytes += line.size();
     while (follower->lines.size() > kMaxLines || follower->bytes > kMaxBytes) {
       follower->bytes -= follower->lines.front().size();

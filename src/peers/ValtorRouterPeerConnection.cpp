@@ -26,10 +26,11 @@ void ValtorRouterPeerConnection::onConnectionStateChanged(int state, const std::
 }
 
 // Two reports may overtake each other on their way here, so what is passed on is the state as it is
-// under the lock, not the state that a caller saw.
+// under the lock, not the state that a caller saw; and of a link only what a report follows that
+// could take it back.
 void ValtorRouterPeerConnection::reportState() {
   if (owner_ != nullptr) {
-    owner_->setConnected(isConnected());
+    owner_->setConnected(isAnnouncedUp());
   }
 }
 

@@ -161,6 +161,23 @@ TEST_F(InterfaceClientTest, StandbyDropsTheHandlersAndAnyOtherRoleLoadsTheDataba
   EXPECT_TRUE(test::eventually([&] { return record_.lines().size() == 2; }));
 }
 
+TEST_F(InterfaceClientTest, ARoleThatCannotBeFollowedIsAskedForLessAndLessOften) {
+  client_.connect();
+  auto peer = acceptLink();
+  const auto begin = std::chrono::steady_clock::now();
+  // After 20, 40, 80 and 160 ms, though all seems done between the question and its answer.
+  for (int load = 1; load <= 5; ++load) {
+    failingLoad_ = load;
+    peer->sendPayload(
+        "[\"SET\", \"system\", 2, 0, 0]\n{\"param\":{\"mdxMasterState\":\"active\"}}");
+    EXPECT_NE(peer->readFrame().find("\"statusCode\":400"), std::string::npos);
+    if (load < 5) {
+      EXPECT_NE(peer->readFrame().find("mdxMasterState"), std::string::npos);
+    }
+  }
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
+}
+
 TEST_F(InterfaceClientTest, AnIdleClientCatchesUpOnceTheGateIsOpenUnlessItIsClosed) {
   client_.connect();
   auto peer = acceptLink();

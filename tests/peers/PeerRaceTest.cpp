@@ -52,6 +52,28 @@ TEST_F(PeerRace, LinkUpAgainstANewAddress) {
   }
 }
 
+// Nobody tells the end of a link that failed while it logged in.
+TEST_F(PeerRace, OwnerAgainstALinkThatDoesNotLogIn) {
+  for (int round = 0; round < kRounds / 6; ++round) {
+    std::shared_ptr<ConnectionPoint> point;
+    {
+      ScriptedNode node("127.0.0.3");
+      std::atomic<bool> over{false};
+      std::thread hangUp([&] {
+        for (int links = 0; links < 10; ++links) {
+          node.accept()->reset();
+        }
+        over = true;
+      });
+      while (!over) {
+        point = put(node);
+      }
+      hangUp.join();
+    }
+    ASSERT_TRUE(eventually([&] { return !peer()->isConnected() && !point->isConnected(); }));
+  }
+}
+
 TEST_F(PeerRace, DisconnectThenConnect) {
   const auto point = put(node_);
   for (int round = 0; round < kRounds; ++round) {
