@@ -160,6 +160,19 @@ JSONPtr Bridge::status() {
   return document;
 }
 
+double Bridge::figure(std::initializer_list<const char*> path) {
+  const JSONPtr document = status();
+  const cJSON* item = document.get();
+  for (const char* member : path) {
+    item = cJSON_GetObjectItem(item, member);
+  }
+  if (cJSON_IsNumber(item) == 0) {
+    throw std::runtime_error(std::string("the status has no number ") +
+                             std::data(path)[path.size() - 1]);
+  }
+  return item->valuedouble;
+}
+
 void Bridge::receive(std::string_view payload) {
   constexpr std::string_view kAnswer = "[\"RSP\", \"device\", 101, ";
   if (payload.substr(0, kAnswer.size()) != kAnswer) {

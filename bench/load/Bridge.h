@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <initializer_list>
 #include <map>
 #include <memory>
 #include <string>
@@ -43,6 +44,8 @@ class Bridge {
   void announceRole(const std::string& role);
   // What the daemon says about itself; throws std::runtime_error when it says nothing.
   static JSONPtr status();
+  // A number of it, by the members that lead there; throws std::runtime_error where there is none.
+  static double figure(std::initializer_list<const char*> path);
 
   std::vector<Node*> routers() const;
   // Seconds from the start of the process until a request was answered, and until every router was

@@ -52,6 +52,7 @@ struct Phase {
   enum { None, Idle, LargeBody, RoleChange } during = None;
 };
 
+constexpr double kHeeded = 10;  // seconds that the daemon may take to begin with a role change
 constexpr std::size_t kLargeBody = 4 * 1024 * kKiB;
 // No sums of whole frames, which have 304 and 16,390 bytes: a router gets a large one for each five
 // small ones, so these fall within its second large one, and within the fourth that comes.
@@ -103,6 +104,21 @@ struct Target {
   FaultyLink& link;
 };
 
+// On the controller's link a fault may take the announcement along as long as it is under way: the
+// change has begun when the first router is left.
+void beginRoleChange(LinkStage& stage, const std::vector<Target>& targets, const std::string& name,
+                     const Run& run) {
+  stage.bridge.announceRole("standby");
+  const auto isLeft = [&stage] {
+    const std::vector<Node*> nodes = stage.bridge.routers();
+    return std::any_of(nodes.begin(), nodes.end(),
+                       [](const Node* one) { return !one->isLinked(); });
+  };
+  if (&targets.front().link == &stage.controllerLink() && !stage.wait(isLeft, kHeeded)) {
+    run.results.fail(name + ": the role does not change");
+  }
+}
+
 // One trial: the faults strike their links in that phase, end, and all has to be well again.
 void strikeAll(LinkStage& stage, const Phase& phase, const std::vector<Target>& targets,
                const std::string& name, const Run& run) {
@@ -113,7 +129,7 @@ void strikeAll(LinkStage& stage, const Phase& phase, const std::vector<Target>& 
     stage.loop.runFor(milliseconds(200));
   }
   if (phase.during == Phase::RoleChange) {
-    stage.bridge.announceRole("standby");
+    beginRoleChange(stage, targets, name, run);
   }
   std::size_t struck = 0;
   milliseconds lasts{0};

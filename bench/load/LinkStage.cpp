@@ -226,10 +226,7 @@ uint64_t LinkStage::droppedOf(int router) const {
 }
 
 uint64_t LinkStage::givenUp() const {
-  const JSONPtr document = Bridge::status();
-  const cJSON* const warnings = cJSON_GetObjectItem(document.get(), "warnings");
-  return static_cast<uint64_t>(cJSON_GetNumberValue(cJSON_GetObjectItem(warnings, "sendGaveUp"))) -
-         givenUpBefore_;
+  return static_cast<uint64_t>(Bridge::figure({"warnings", "sendGaveUp"})) - givenUpBefore_;
 }
 
 }  // namespace valtor::bench

@@ -286,10 +286,7 @@ void Soak::measure(int number) {
   const uint64_t expected = samples_.empty() ? 0 : samples_.front().threads;
   loop_.runUntil([&] { return expected == 0 || bridge_.daemon->threads() == expected; },
                  std::chrono::seconds(30));
-  const JSONPtr document = Bridge::status();
-  const cJSON* const memory = cJSON_GetObjectItem(document.get(), "memory");
-  const Sample sample{bridge_.daemon->residentBytes(),
-                      cJSON_GetNumberValue(cJSON_GetObjectItem(memory, "allocatedBytes")),
+  const Sample sample{bridge_.daemon->residentBytes(), Bridge::figure({"memory", "allocatedBytes"}),
                       bridge_.daemon->descriptors(), bridge_.daemon->threads()};
   samples_.push_back(sample);
   uint64_t arrived = 0;
@@ -337,7 +334,9 @@ void Soak::expectNoGrowth() {
     }
   };
   constexpr double kMebi = 1024.0 * 1024;
-  expectLevel("allocated", &Sample::allocated, 4 * kMebi);  // 0 under a sanitizer
+  // The few samples of a short run need not meet a moment at which nothing waits. 0 under a
+  // sanitizer.
+  expectLevel("allocated", &Sample::allocated, (run_.minutes < 30 ? 1.5 : 0.5) * kMebi);
   expectLevel("resident", &Sample::resident, 16 * kMebi * bridge_.daemon->memoryFactor());
   for (const Sample& one : samples_) {
     if (one.descriptors != samples_.back().descriptors || one.threads != samples_.back().threads) {
