@@ -11,14 +11,9 @@
 #include <map>
 #include <netdb.h>
 #include <set>
-#include <stdexcept>
 #include <string>
-#include <string_view>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <vector>
 
-#include "app/util/UniqueDescriptor.h"
 #include "gauntlet/torture/Trial.h"
 
 namespace valtor::gauntlet {
@@ -124,30 +119,6 @@ struct Job {
   }
 };
 
-// A service manager whose watchdog the daemon feeds.
-class Manager {
- public:
-  Manager() : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {
-    sockaddr_un place{};
-    place.sun_family = AF_UNIX;
-    kName.copy(place.sun_path + 1, kName.size());
-    if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&place),
-             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + kName.size())) != 0) {
-      throw std::runtime_error("the service manager finds no place");
-    }
-  }
-  void start(Subject& subject) const {
-    for (char bytes[64]; recv(socket_.get(), bytes, sizeof bytes, 0) > 0;) {
-      // Else there were no room for more.
-    }
-    subject.start("", "WATCHDOG_USEC=200000 NOTIFY_SOCKET=@" + std::string(kName));
-  }
-
- private:
-  static constexpr std::string_view kName = "torture";
-  UniqueDescriptor socket_;
-};
-
 class CallsTorture {
  public:
   explicit CallsTorture(const Settings& settings) : settings_(settings) {}
@@ -162,7 +133,6 @@ class CallsTorture {
   Trial::Outcome play(const Job& job, std::chrono::milliseconds patience);
 
   const Settings& settings_;
-  const Manager manager_;
   std::map<const Build*, Trial::Troubles> usual_;  // of a run without fault
   std::array<uint32_t, kCalls> counts_{};
   std::set<uint64_t> sites_;
@@ -173,7 +143,7 @@ bool CallsTorture::learn() {
   for (const Build* build : {&settings_.sanitized, &settings_.plain}) {
     for (int i = 0; i < 3; ++i) {
       Trial trial(*build, settings_);
-      manager_.start(trial.subject());
+      trial.subject().start();
       trial.play(std::chrono::seconds(20));
       FaultControl& faults = trial.subject().faults();
       if (build == &settings_.sanitized) {
@@ -243,7 +213,7 @@ Trial::Outcome CallsTorture::play(const Job& job, std::chrono::milliseconds pati
   faults.nth = job.nth;
   faults.site = job.site;
   faults.armed = true;
-  manager_.start(trial.subject());
+  trial.subject().start();
   // What passes by itself is waited for.
   const bool lasts = job.onwards && job.fault != kHalf;
   trial.play(lasts ? patience : std::max<std::chrono::milliseconds>(patience, kPassing));

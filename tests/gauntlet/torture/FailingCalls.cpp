@@ -17,6 +17,7 @@
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
+#include <utility>
 
 #include "gauntlet/torture/FaultControl.h"
 
@@ -40,6 +41,9 @@ FaultControl* control = nullptr;
 int (*realMain)(int, char**, char**) = nullptr;
 // Set while this library itself makes calls. Initial-exec: the usual access may allocate.
 __attribute__((tls_model("initial-exec"))) thread_local bool inside = false;
+// Within getaddrinfo; whether memory was refused there.
+enum class Resolving { No, Yes, Refused };
+__attribute__((tls_model("initial-exec"))) thread_local Resolving resolving = Resolving::No;
 
 class Inside {
  public:
@@ -151,10 +155,18 @@ void noteSite(uint64_t site) {
   }
 }
 
+bool refuse() {
+  if (resolving == Resolving::Yes) {
+    resolving = Resolving::Refused;
+    ++control->resolving;
+  }
+  errno = ENOMEM;
+  return true;
+}
+
 __attribute__((noinline)) bool mallocFails() {
   if (faultOf(Call::malloc) != 0) {
-    errno = ENOMEM;
-    return true;
+    return refuse();
   }
   if (!isCounting()) {
     return false;
@@ -176,9 +188,9 @@ __attribute__((noinline)) bool mallocFails() {
   }
   if (control->armed) {
     inject();
-    errno = ENOMEM;
+    return refuse();
   }
-  return control->armed;
+  return false;
 }
 
 int mainUnderTorture(int argc, char** argv, char** environment) {
@@ -289,12 +301,11 @@ VALTOR_IN_PLACE_OF(getaddrinfo, int,
   if (const int fault = faultOf(Call::getaddrinfo); fault != 0) {
     return fault;
   }
-  if (!isCounting()) {
-    return real(host, service, hints, list);
-  }
-  ++control->resolving;
+  resolving = Resolving::Yes;
   const int result = real(host, service, hints, list);
-  --control->resolving;
+  if (std::exchange(resolving, Resolving::No) == Resolving::Refused) {
+    --control->resolving;
+  }
   return result;
 }
 

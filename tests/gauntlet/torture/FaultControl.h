@@ -57,7 +57,7 @@ struct FaultControl {
   // The ways through the program that lead to malloc, by their hashes; while it is not armed.
   std::array<std::atomic<uint64_t>, 16384> sites;
 
-  // Whether it is within getaddrinfo, which glibc 2.36 does not leave alive when memory runs out.
+  // Threads within getaddrinfo that were refused memory there, which glibc 2.36 does not survive.
   std::atomic<int> resolving;
 
   // What was logged: a line each of a digit, the priority, a blank and the text. In between, where

@@ -65,6 +65,11 @@ int tortureKilled(const Settings& settings) {
   Trial trial(settings.plain, settings);
   Scene& scene = trial.scene();
   for (std::size_t i = settings.worker; i < moments; i += settings.workers) {
+    const std::string name =
+        "moment " + std::to_string(i) + " of seed " + std::to_string(settings.seed);
+    if (!isWanted(name, settings)) {
+      continue;
+    }
     std::mt19937 random(settings.seed + static_cast<unsigned>(i));
     trial.outcome() = {};
     trial.subject().faults().logged = 0;
@@ -93,8 +98,7 @@ int tortureKilled(const Settings& settings) {
     tally["with a state file half way"] += Scene::isStateHalfWay() ? 1 : 0;
     (*scene.site().controller)->setRole("active");
     trial.subject().start();
-    note(tally, "moment " + std::to_string(i) + " of seed " + std::to_string(settings.seed),
-         trial.judge({}), settings);
+    note(tally, name, trial.judge({}), settings);
   }
   return print(tally);
 }

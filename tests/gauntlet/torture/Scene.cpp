@@ -1,10 +1,11 @@
 #include "gauntlet/torture/Scene.h"
 
 #include <algorithm>
+#include <set>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <utility>
 
-#include "app/util/OwnedJSON.h"
 #include "app/util/UniqueDescriptor.h"
 #include "support/TemporaryFolder.h"
 
@@ -19,9 +20,11 @@ using test::routerEntry;
 
 constexpr uint16_t kPort = 15000;
 constexpr int kServerMembers = 6;  // of one that is described in the state file
-constexpr int kRouters = 2;
-constexpr int kBurst = 40;
+constexpr std::size_t kRouters = 2;
+constexpr int kBurst = 40;  // more than a router takes at once, so that some wait
 constexpr const char* kGammaAddress = "127.0.0.4";
+constexpr int32_t kPanelConnID = 490;
+constexpr const char* kPanelAddress = "127.0.0.5";
 const std::string kSave = "{\"id\":\"save";
 
 std::string incomingPath() {
@@ -37,9 +40,36 @@ bool becomesHeld(const std::string& path, const std::string& text) {
   });
 }
 
+std::vector<PassedMessage> traffic(const RunningNode& node, MessageKind kind) {
+  std::vector<PassedMessage> all = node.passed();
+  std::erase_if(all,
+                [&](const PassedMessage& one) { return one.kind != kind || one.path != "route"; });
+  return all;
+}
+
+// The first that was not sent by one of these, behind what came from there before.
+std::string disorder(const std::vector<PassedMessage>& arrived,
+                     std::vector<std::vector<PassedMessage>> senders) {
+  for (const PassedMessage& one : arrived) {
+    const bool isNext = std::any_of(senders.begin(), senders.end(), [&](auto& sent) {
+      const auto same = std::find_if(sent.begin(), sent.end(), [&](const PassedMessage& other) {
+        return *other.payload == *one.payload;
+      });
+      const bool found = same != sent.end();
+      sent.erase(sent.begin(), found ? same + 1 : sent.begin());
+      return found;
+    });
+    if (!isNext) {
+      return "damaged, doubled or out of order: " + one.payload->substr(0, 100);
+    }
+  }
+  return "";
+}
+
 }  // namespace
 
-Scene::Scene() : site_(kPort), gamma_(site_.start(kGammaAddress)) {
+Scene::Scene()
+    : site_(kPort), gamma_(site_.start(kGammaAddress)), panels_(site_.start(kPanelAddress)) {
   namespace fs = std::filesystem;
   const fs::path root =
       paths().statusSocket.substr(0, paths().statusSocket.rfind("/run/valtor-remote"));
@@ -55,7 +85,7 @@ Scene::Scene() : site_(kPort), gamma_(site_.start(kGammaAddress)) {
   std::ofstream(paths().hostAddressFile) << "00:11:a2:b3:c4:d5\n";
   test::writeActiveDatabase(site_.alphaEntry() + "," + site_.betaEntry());
   steps_ = {{"start", [this] { return isUp(); }},
-            {"traffic", [this] { return carriesBothWays(); }},
+            {"traffic", [this] { return carries(kBurst); }},
             {"save", [this] { return saves(); }},
             {"save again", [this] { return saves(); }},
             {"role", [this] { return goesToStandbyAndBack(); }},
@@ -65,19 +95,51 @@ Scene::Scene() : site_(kPort), gamma_(site_.start(kGammaAddress)) {
 
 bool Scene::isUp() { return site_.becomesComplete() && site_.isServed(); }
 
-bool Scene::carriesBothWays() {
-  // More than a router takes in that time, so that some wait.
-  for (int i = 0; i < kBurst; ++i) {
-    (*site_.controller)
-        ->inject(490, "CMD", "route", 0, "{\"id\":" + std::to_string(++number_) + "}");
+bool Scene::carries(int count) {
+  std::set<std::string, std::less<>> commands;
+  std::set<std::string, std::less<>> statuses;
+  const auto next = [this](auto& all) {
+    return *all.insert("{ \"id\" : " + std::to_string(++number_) + "}").first;
+  };
+  for (int i = 0; i < count; ++i) {
+    (*site_.controller)->inject(kPanelConnID, "CMD", "route", 0, next(commands));
+    (*(i % 2 == 0 ? site_.alpha : site_.beta))->inject(100, "NOT", "route", 0, next(statuses));
   }
-  return site_.commandReaches(*site_.alpha) && site_.commandReaches(*site_.beta) &&
-         site_.statusArrivesFrom(*site_.alpha) && site_.statusArrivesFrom(*site_.beta);
+  const auto reach = [](const RunningNode& node, const auto& sent) {
+    return node.countPassed([&](const PassedMessage& one) { return sent.count(one.body()) > 0; }) >=
+           sent.size();
+  };
+  return eventually([&] {
+    return reach(*site_.alpha, commands) && reach(*site_.beta, commands) &&
+           reach(*site_.controller, statuses);
+  });
+}
+
+std::string Scene::trafficFault() const {
+  const std::vector<PassedMessage> commands = traffic(*site_.controller, MessageKind::CMD);
+  std::vector<std::vector<PassedMessage>> statuses;
+  for (const RunningNode* router : {site_.alpha.get(), site_.beta.get(), gamma_.get()}) {
+    const std::string fault = disorder(traffic(*router, MessageKind::CMD), {commands});
+    if (!fault.empty()) {
+      return fault;
+    }
+    statuses.push_back(traffic(*router, MessageKind::NOT));
+  }
+  return disorder(traffic(*site_.controller, MessageKind::NOT), std::move(statuses));
+}
+
+std::size_t Scene::lostCommands() const {
+  const auto count = [](const RunningNode& node) {
+    return node.countPassed([](const PassedMessage& one) {
+      return one.kind == MessageKind::CMD && one.source == kPanelConnID;
+    });
+  };
+  return kRouters * count(*site_.controller) - count(*site_.alpha) - count(*site_.beta);
 }
 
 std::string Scene::ask(const std::string& kind, const std::string& body) {
   const std::string id = "{\"id\":\"torture" + std::to_string(++number_) + "\",";
-  (*site_.controller)->inject(490, kind, "device", 0, id + body);
+  (*site_.controller)->inject(kPanelConnID, kind, "device", 0, id + body);
   std::string answer;
   // Whoever asks in vain asks again.
   constexpr std::chrono::milliseconds kPatience{2000};
@@ -99,7 +161,8 @@ std::string Scene::list(const std::string& entries) {
   const std::string number = std::to_string(++number_);
   return R"("param":{"connectionPoint":[)" + entries +
          R"(,{"type":"valtor","name":"panel","uniqueID":"panel)" + number +
-         R"(","phy":[{"type":"tcp","ipAddress":"127.0.0.4","port":15000,"server":false}]}],)"
+         R"(","phy":[{"type":"tcp","ipAddress":")" + kPanelAddress +
+         R"(","port":15000,"server":false}]}],)"
          R"("tcpServer":[{"enabled":true,"protocol":"torture","port":)" +
          number + R"(,"connectionLimit":1,"numConnections":0}]}})";
 }
@@ -117,7 +180,7 @@ bool Scene::saves() {
 void Scene::asksToSave() {
   const std::string body = list(site_.alphaEntry() + "," + site_.betaEntry());
   (*site_.controller)
-      ->inject(490, "SET", "device", 0, kSave + std::to_string(number_) + "\"," + body);
+      ->inject(kPanelConnID, "SET", "device", 0, kSave + std::to_string(number_) + "\"," + body);
 }
 
 int Scene::savedState() const {
@@ -133,7 +196,7 @@ int Scene::savedState() const {
 
 void Scene::forget() {
   for (RunningNode* node :
-       {site_.controller.get(), site_.alpha.get(), site_.beta.get(), gamma_.get()}) {
+       {site_.controller.get(), site_.alpha.get(), site_.beta.get(), gamma_.get(), panels_.get()}) {
     node->forget();
   }
 }
@@ -147,7 +210,7 @@ bool Scene::goesToStandbyAndBack() {
 
 bool Scene::followsAMove() {
   (*site_.controller)
-      ->inject(490, "UPDATE", "device", 0,
+      ->inject(kPanelConnID, "UPDATE", "device", 0,
                "{\"id\":\"move\",\"param\":{\"connectionPoint\":[" +
                    routerEntry("beta", kGammaAddress, kPort) + "]}}");
   return BridgeSite::becomesLeft(*site_.beta) && BridgeSite::becomesLinked(*gamma_) &&
@@ -155,24 +218,26 @@ bool Scene::followsAMove() {
 }
 
 bool Scene::tellsStatus() const {
+  return eventually([] { return status() != nullptr; });
+}
+
+JSONPtr Scene::status() {
   sockaddr_un name{};
   name.sun_family = AF_UNIX;
   paths().statusSocket.copy(name.sun_path, sizeof name.sun_path - 1);
-  return eventually([&] {
-    const UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const timeval longest{1, 0};
-    setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
-    if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
-      return false;
-    }
-    shutdown(socket.get(), SHUT_WR);
-    std::string text;
-    char bytes[4096];
-    for (ssize_t count = 1; (count = recv(socket.get(), bytes, sizeof bytes, 0)) > 0;) {
-      text.append(bytes, static_cast<std::size_t>(count));
-    }
-    return JSONPtr(cJSON_Parse(text.c_str())) != nullptr;
-  });
+  const UniqueDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const timeval longest{1, 0};
+  setsockopt(socket.get(), SOL_SOCKET, SO_RCVTIMEO, &longest, sizeof longest);
+  if (connect(socket.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
+    return nullptr;
+  }
+  shutdown(socket.get(), SHUT_WR);
+  std::string text;
+  char bytes[4096];
+  for (ssize_t count = 1; (count = recv(socket.get(), bytes, sizeof bytes, 0)) > 0;) {
+    text.append(bytes, static_cast<std::size_t>(count));
+  }
+  return JSONPtr(cJSON_Parse(text.c_str()));
 }
 
 bool Scene::recoversByItself(bool hasDatabase) {
@@ -180,7 +245,8 @@ bool Scene::recoversByItself(bool hasDatabase) {
     const JSONPtr body(cJSON_Parse(ask("GET", R"("objectName":["connectionPoint"]})").c_str()));
     const cJSON* const points =
         arrayMember(cJSON_GetObjectItem(body.get(), "param"), "connectionPoint");
-    bool connected = points != nullptr && (!hasDatabase || cJSON_GetArraySize(points) >= kRouters);
+    bool connected = points != nullptr &&
+                     (!hasDatabase || cJSON_GetArraySize(points) >= static_cast<int>(kRouters));
     const cJSON* point = nullptr;
     cJSON_ArrayForEach(point, points) {
       connected = connected && cJSON_IsTrue(cJSON_GetObjectItem(point, "connected")) != 0;
@@ -191,7 +257,7 @@ bool Scene::recoversByItself(bool hasDatabase) {
 
 bool Scene::isGoodAgain(bool tellsItsStatus) {
   (*site_.controller)->setRole("active");
-  return eventually([&] { return saves(); }) && isUp() && carriesBothWays() &&
+  return eventually([&] { return saves(); }) && isUp() && carries(kBurst) &&
          (!tellsItsStatus || tellsStatus());
 }
 

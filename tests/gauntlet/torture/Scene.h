@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/util/OwnedJSON.h"
 #include "support/BridgeSite.h"
 
 namespace valtor::gauntlet {
@@ -24,12 +25,15 @@ class Scene {
   const std::vector<Step>& steps() const { return steps_; }
 
   bool isUp();
-  bool carriesBothWays();
+  // So many numbered messages to all routers, and so many from them: all arrive.
+  bool carries(int count);
   // Routers and an incoming client are listed anew, which is saved.
   bool saves();
   bool goesToStandbyAndBack();
   bool followsAMove();
   bool tellsStatus() const;
+  // The status that the daemon tells now; null when it tells none.
+  static JSONPtr status();
   // Every router is listed and gets connected without being asked for; with a database that could
   // not be loaded, those that are listed.
   bool recoversByItself(bool hasDatabase);
@@ -39,6 +43,11 @@ class Scene {
   // nothing. It has to be there, and to hold that state or a later one, unless that is 0.
   static std::string stateFault(int leastState = 0);
   static std::string statePath();
+  // The first message that did not arrive as it was sent, at most once and in the order of its
+  // sender; "" for none. What is missing a fault may have cost.
+  std::string trafficFault() const;
+  // How often a command did not reach a router. To be asked when others came behind it.
+  std::size_t lostCommands() const;
 
   // Whether there is more or less than one state file.
   static bool isStateHalfWay();
@@ -58,6 +67,7 @@ class Scene {
 
   test::BridgeSite site_;
   std::unique_ptr<RunningNode> gamma_;
+  std::unique_ptr<RunningNode> panels_;  // several links lead there
   std::vector<Step> steps_;
   int number_ = 0;
   int saved_ = 0;

@@ -1,16 +1,41 @@
 #include "gauntlet/torture/Subject.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
 #include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <thread>
 #include <utility>
 
 namespace valtor::gauntlet {
 
+namespace {
+
+constexpr std::string_view kManager = "torture";  // in the abstract namespace
+
+UniqueDescriptor serviceManager() {
+  UniqueDescriptor socket(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  sockaddr_un place{};
+  place.sun_family = AF_UNIX;
+  kManager.copy(place.sun_path + 1, kManager.size());
+  if (bind(socket.get(), reinterpret_cast<const sockaddr*>(&place),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + kManager.size())) != 0) {
+    throw std::runtime_error("the service manager finds no place");
+  }
+  return socket;
+}
+
+}  // namespace
+
 Subject::Subject(Build build, const std::string& library)
-    : build_(std::move(build)), library_(library), file_(memfd_create("faults", MFD_CLOEXEC)) {
+    : build_(std::move(build)),
+      library_(library),
+      file_(memfd_create("faults", MFD_CLOEXEC)),
+      manager_(serviceManager()) {
   if (ftruncate(file_.get(), sizeof(FaultControl)) != 0) {
     throw std::runtime_error("no memory for the faults");
   }
@@ -33,7 +58,18 @@ void Subject::start(const std::string& command, const std::string& assignments) 
       "exec " + command + " env ASAN_OPTIONS=" + sanitizers + ":detect_leaks=0" +
       " UBSAN_OPTIONS=" + sanitizers + ":print_stacktrace=1" + " VALTOR_FAULTS=/proc/" +
       std::to_string(getpid()) + "/fd/" + std::to_string(file_.get()) + " LD_PRELOAD=" + library_ +
-      " " + assignments + " " + build_.daemon + " >/dev/null 2>err");
+      " WATCHDOG_USEC=" + std::to_string(std::chrono::microseconds(kWatchdog).count()) +
+      " NOTIFY_SOCKET=@" + std::string(kManager) + " " + assignments + " " + build_.daemon +
+      " >/dev/null 2>err");
+}
+
+bool Subject::wasFed() {
+  bool fed = false;
+  char bytes[64];
+  for (ssize_t size = 0; (size = recv(manager_.get(), bytes, sizeof bytes, 0)) > 0;) {
+    fed = fed || std::string_view(bytes, static_cast<std::size_t>(size)) == "WATCHDOG=1";
+  }
+  return fed;
 }
 
 int Subject::end() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -15,7 +16,8 @@ struct Build {
   std::string root;
 };
 
-// A daemon under torture: one process, with FailingCalls in it, that dies with this object.
+// A daemon under torture: one process, with FailingCalls in it, that dies with this object, and the
+// service manager that it has. One at a time.
 class Subject {
  public:
   // Does not start it yet: orders may be given before. The library is FailingCalls.
@@ -30,6 +32,10 @@ class Subject {
   void start(const std::string& command = "", const std::string& assignments = "");
   bool isRunning() const { return process_ != nullptr && process_->isRunning(); }
   pid_t id() const { return process_->id(); }
+  // Half of this the daemon lets pass between two words to its service manager.
+  static constexpr std::chrono::milliseconds kWatchdog{200};
+  // Whether it has fed its watchdog since this was asked last.
+  bool wasFed();
   // Kills it when it runs. How it ended: the exit status, or the negative number of a signal.
   int end();
 
@@ -51,6 +57,7 @@ class Subject {
   const Build build_;
   const std::string library_;
   UniqueDescriptor file_;
+  UniqueDescriptor manager_;
   FaultControl* faults_ = nullptr;
   std::unique_ptr<test::ChildProcess> process_;
 };

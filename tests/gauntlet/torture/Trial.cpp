@@ -5,6 +5,7 @@
 #include <cctype>
 #include <csignal>
 #include <cstdio>
+#include <sstream>
 #include <syslog.h>
 
 #include "app/util/Paths.h"
@@ -41,6 +42,7 @@ void Trial::play(std::chrono::milliseconds patience) {
 
 std::string Trial::recovery() {
   test::longestWait = std::chrono::seconds(20);
+  subject_.wasFed();  // what it said before does not count
   // A file that is missing or broken: it has to be mended, so nobody tries again.
   if (!scene_.recoversByItself(!subject_.said("Error loading DB connectionPoints: "))) {
     return "it does not recover by itself";
@@ -50,35 +52,44 @@ std::string Trial::recovery() {
   if (!scene_.isGoodAgain(tells)) {
     return "it is not good again";
   }
-  return Scene::stateFault();
+  if (subject_.said("watchdog is fed every") &&
+      !test::eventually([&] { return subject_.wasFed(); }, 2 * Subject::kWatchdog)) {
+    return "it does not feed its watchdog";
+  }
+  return standingFault();
+}
+
+std::string Trial::standingFault() const {
+  const std::string fault = Scene::stateFault();
+  return fault.empty() ? scene_.trafficFault() : fault;
 }
 
 Trial::Troubles Trial::troubles() const {
   Troubles texts;
+  const auto add = [&texts](std::string line) {
+    std::erase_if(line, [](unsigned char c) { return std::isdigit(c) != 0; });
+    texts.insert(std::move(line));
+  };
   for (const Subject::Line& line : subject_.log()) {
     if (line.priority <= LOG_WARNING) {
-      std::string text;
-      for (const char c : line.text) {
-        if (std::isdigit(static_cast<unsigned char>(c)) == 0) {
-          text += c;
-        }
-      }
-      texts.insert(text);
+      add(line.text);
     }
+  }
+  std::istringstream errors(subject_.errors());
+  for (std::string line; std::getline(errors, line);) {
+    add(line);
   }
   return texts;
 }
 
 const Trial::Outcome& Trial::judge(const Troubles& usual) {
   if (outcome_.finding.empty()) {
-    outcome_.finding = Scene::stateFault();
+    outcome_.finding = standingFault();
   }
   if (subject_.isRunning() && outcome_.finding.empty()) {
     outcome_.finding = recovery();
   }
-  const Troubles now = troubles();
-  outcome_.told = subject_.errors();
-  for (const std::string& text : now) {
+  for (const std::string& text : troubles()) {
     if (outcome_.told.empty() && usual.count(text) == 0) {
       outcome_.told = text;
     }
@@ -102,10 +113,12 @@ const Trial::Outcome& Trial::judge(const Troubles& usual) {
 void Trial::judgeEnd() {
   const bool running = subject_.isRunning();
   const int status = subject_.end();
+  const bool fellResolving =
+      subject_.faults().resolving > 0 && (status == -SIGSEGV || status == -SIGABRT);
   outcome_.stopped = !running;
   if (!subject_.reports().empty()) {
     outcome_.finding = "sanitizer:\n" + subject_.reports();
-  } else if (!running && subject_.faults().resolving == 0 &&
+  } else if (!running && !fellResolving &&
              std::none_of(kStops.begin(), kStops.end(), [&](const Stop& stop) {
                return stop.status == status && subject_.said(stop.said);
              })) {

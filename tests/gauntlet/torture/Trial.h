@@ -23,7 +23,7 @@ class Trial {
     std::string finding;   // what must not be, and how it came to it
     std::string story;
   };
-  // Lines of warnings and worse, without numbers.
+  // Lines of warnings and worse and of standard error, without numbers.
   using Troubles = std::set<std::string>;
 
   Trial(const Build& build, const Settings& settings);
@@ -44,6 +44,8 @@ class Trial {
   Outcome& outcome() { return outcome_; }
 
  private:
+  // What must not be, whatever fails: of the state file and of the messages that arrived.
+  std::string standingFault() const;
   void judgeEnd();
 
   const bool prefixSet_;
