@@ -287,7 +287,10 @@ void AbstractConnectionPointManager::markClientsForDeletion(bool marked) {
 }
 
 void AbstractConnectionPointManager::catchUp() {
-  behind_ = false;
+  saveAgain();
+  if (!behind_.exchange(false)) {
+    return;
+  }
   try {
     const ConnectionPointSet::List all = set_.all();
     if (!all.empty()) {
@@ -340,6 +343,28 @@ void AbstractConnectionPointManager::purgeMarkedClients() {
 
 void AbstractConnectionPointManager::writeIncomingClientConnections(bool force) {
   incomingClientFile_.write([this] { return getServerConnectionPointsJSON(); }, force);
+}
+
+void AbstractConnectionPointManager::saveList() {
+  unsaved_ = true;  // also when this throws
+  unsaved_ = save(false) != 0;
+}
+
+// A disk may be full for a moment or broken for good, which must not fill the log.
+void AbstractConnectionPointManager::saveAgain() {
+  constexpr std::chrono::seconds kLongestWait{300};
+  const auto now = std::chrono::steady_clock::now();
+  if ((unsaved_ || incomingClientFile_.isUnsaved()) && now >= nextSave_) {
+    const bool isNew = now - nextSave_ > kLongestWait;
+    saveWait_ = isNew ? std::chrono::seconds(1) : std::min(2 * saveWait_, kLongestWait);
+    nextSave_ = now + saveWait_;
+    if (unsaved_) {
+      saveList();
+    }
+    if (incomingClientFile_.isUnsaved()) {
+      writeIncomingClientConnections(true);
+    }
+  }
 }
 
 }  // namespace valtor

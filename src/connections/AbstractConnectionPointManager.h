@@ -90,9 +90,9 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // A connection point that should be connected may not even be trying, since memory or threads
   // were lacking. For whoever connects: a client looks after it has called a handler.
   void noteBehind() { behind_ = true; }
-  bool isBehind() const override { return behind_; }
+  bool isBehind() const override { return behind_ || unsaved_ || incomingClientFile_.isUnsaved(); }
   // Connects every enabled connection point that is not, up to the first that cannot even try; one
-  // that is trying goes on.
+  // that is trying goes on. Writes what could not be written, less and less often.
   void catchUp() override;
 
   // The number of clients of the system's servers that are connected.
@@ -103,8 +103,11 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   void markClientsForDeletion(bool marked);
 
   // Writes the list of server connection points to the incoming-client file. Without any the file
-  // stays as it is, unless forced. A failure is logged and nothing else happens.
+  // stays as it is, unless forced. A failure is logged, and catchUp() tries again.
   void writeIncomingClientConnections(bool force);
+  // Saves the manager's description, now or, when that fails, later.
+  void saveList();
+  void saveAgain();
 
   // One purge: removes the server connection points that are marked and not connected. Gives up
   // with a console line when the manager lock is taken. Run by the cleanup thread.
@@ -193,6 +196,10 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   AnswerRoom answerRoom_;  // of the request that is being handled
   std::chrono::milliseconds cleanupInterval_ = ConnectionPointCleanupThread::kPollTimeout;
   std::atomic<bool> behind_{false};
+  std::atomic<bool> unsaved_{false};  // the manager's description
+  // Of catchUp().
+  std::chrono::steady_clock::time_point nextSave_{};
+  std::chrono::seconds saveWait_{1};
   // Touched only by whoever adds connection points and by the destructors.
   std::unique_ptr<ConnectionPointCleanupThread> cleanupThread_;
 };

@@ -87,9 +87,11 @@ void IncomingClientFile::write(const std::function<JSONPtr()>& render, bool forc
     requireWholeJSON();
     prepareFolderOnce();
     saveTextFile(path_, text);
+    unsaved_ = false;
   } catch (const std::exception& error) {
-    syslog(LOG_ERR, "The list of incoming %s clients is not on disk until its next change: %s\n",
-           type_.c_str(), error.what());
+    unsaved_ = true;
+    syslog(LOG_ERR, "The list of incoming %s clients is not on disk: %s\n", type_.c_str(),
+           error.what());
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 
@@ -19,9 +20,11 @@ class IncomingClientFile {
   IncomingClientFile(const std::string& managerName, std::string type);
 
   // Writes what render answers: an array of connection points, or none. Without any the file stays
-  // as it is, unless forced. render may take the manager lock. A failure is logged and nothing else
-  // happens.
+  // as it is, unless forced. render may take the manager lock. A failure is logged and kept in
+  // mind.
   void write(const std::function<JSONPtr()>& render, bool force);
+  // Whether the last write failed.
+  bool isUnsaved() const { return unsaved_; }
 
   // Makes the folder (its path ends with "/") and opens it to everyone: programs of whatever user
   // exchange files there. What is a link, no folder, or belongs neither to root nor to this
@@ -32,6 +35,7 @@ class IncomingClientFile {
   const std::string path_;
   const std::string type_;
   Mutex lock_;
+  std::atomic<bool> unsaved_{false};  // written under the lock
 };
 
 }  // namespace valtor

@@ -95,19 +95,17 @@ AbstractJSONTopLevelContainer::AbstractJSONTopLevelContainer(const std::string& 
                                                              const std::string* directory)
     : filePath_(fileIn(directory, name)), directory_(directory) {}
 
-void AbstractJSONTopLevelContainer::save(bool keepPrevious) const {
-  if (!filePath_.empty()) {
-    saveToFile(filePath_.c_str(), keepPrevious);
-  }
+int AbstractJSONTopLevelContainer::save(bool keepPrevious) const {
+  return filePath_.empty() ? 0 : saveToFile(filePath_.c_str(), keepPrevious);
 }
 
-void AbstractJSONTopLevelContainer::saveToFile(const char* path, bool keepPrevious) const {
+int AbstractJSONTopLevelContainer::saveToFile(const char* path, bool keepPrevious) const {
   takeJSONFailure();
   const JSONPtr root(cJSON_CreateObject());
   if (!root) {
     syslog(LOG_CRIT, "%s container SAVE FAILED: could not alloc root JSON object for \"%s\".\n",
            getObjectName(), path);
-    return;
+    return -1;
   }
   // A document that lacks a member must never take the place of a whole one.
   JSONPtr object = toJSON();
@@ -115,10 +113,10 @@ void AbstractJSONTopLevelContainer::saveToFile(const char* path, bool keepPrevio
       takeJSONFailure() || cJSON_AddItemToObject(root.get(), getObjectName(), object.get()) == 0) {
     syslog(LOG_CRIT, "%s container SAVE FAILED: could not alloc JSON object for \"%s\".\n",
            getObjectName(), path);
-    return;
+    return -1;
   }
   static_cast<void>(object.release());  // The root owns it now.
-  writeToDisk(path, root.get(), keepPrevious);
+  return writeToDisk(path, root.get(), keepPrevious);
 }
 
 int AbstractJSONTopLevelContainer::writeToDisk(const std::string& path, const cJSON* root,

@@ -11,7 +11,7 @@ namespace valtor {
 // (path + ".new"), moves the file aside (path + ".old") and the new content into its place, so that
 // a process or machine that stops anywhere in it leaves a whole document, which a load finds. No
 // lock: the owner serialises load, save and the changes between them. Operations block on the disk
-// only; failures are logged with the object name and nothing is retried.
+// only; failures are logged with the object name, and whether to try again is the owner's affair.
 class AbstractJSONTopLevelContainer : public AbstractJSONBackedData {
  public:
   // The key of the container's object in the file; it also opens every log line of the container.
@@ -19,12 +19,12 @@ class AbstractJSONTopLevelContainer : public AbstractJSONBackedData {
   virtual const char* getObjectName() const = 0;
 
   // Renders the container and writes it to the path; with keepPrevious what the file held before
-  // stays as the previous copy. The outcome is in the log only. When it fails, the newest complete
-  // copy is still there as the file or its previous copy.
-  virtual void saveToFile(const char* path, bool keepPrevious) const;
+  // stays as the previous copy. 0, or -1 after a failure, which it has logged: the newest complete
+  // copy is still there then as the file or its previous copy.
+  virtual int saveToFile(const char* path, bool keepPrevious) const;
 
-  // saveToFile to the container's own path, if it has one.
-  virtual void save(bool keepPrevious) const;
+  // saveToFile to the container's own path; 0 without one.
+  virtual int save(bool keepPrevious) const;
 
   // Fills the container from its file or, without one that can be opened, from the previous copy.
   // Returns what loadFromJSON returned; -1 when there is no file, it holds no JSON, or it lacks the

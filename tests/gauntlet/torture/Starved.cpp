@@ -309,7 +309,7 @@ Want clockThatJumps() {
 // Each kind, with what it is done with.
 std::vector<std::vector<Want>> wants() {
   constexpr const char* kState = "container could not write";
-  constexpr const char* kList = "is not on disk until its next change";
+  constexpr const char* kList = "is not on disk";
   std::vector<std::vector<Want>> all = {
       {tenthOfAProcessor()},
       {clockThatJumps()},
