@@ -170,11 +170,20 @@ std::string Scene::list(const std::string& entries) {
 bool Scene::saves() {
   const std::string body = list(site_.alphaEntry() + "," + site_.betaEntry());
   const std::string number = std::to_string(number_);
-  if (ask("SET", body).empty() || !becomesHeld(statePath(), "\"port\":\t" + number + ",")) {
+  if (ask("SET", body).empty()) {
+    return false;
+  }
+  answered_ = std::stoi(number);
+  if (!becomesHeld(statePath(), "\"port\":\t" + number + ",")) {
     return false;
   }
   saved_ = std::stoi(number);
   return becomesHeld(incomingPath(), "\"panel" + number + "\"");
+}
+
+bool Scene::savesByItself() const {
+  return eventually([&] { return stateFault(answered_).empty(); }) &&
+         becomesHeld(incomingPath(), "\"panel" + std::to_string(answered_) + "\"");
 }
 
 void Scene::asksToSave() {

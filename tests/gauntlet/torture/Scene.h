@@ -29,6 +29,8 @@ class Scene {
   bool carries(int count);
   // Routers and an incoming client are listed anew, which is saved.
   bool saves();
+  // What was answered last comes to stand in both files, and nobody says anything meanwhile.
+  bool savesByItself() const;
   bool goesToStandbyAndBack();
   bool followsAMove();
   bool tellsStatus() const;
@@ -70,6 +72,7 @@ class Scene {
   std::unique_ptr<RunningNode> panels_;  // several links lead there
   std::vector<Step> steps_;
   int number_ = 0;
+  int answered_ = 0;
   int saved_ = 0;
 };
 

@@ -210,8 +210,12 @@ Want disk(const char* name, const std::string& below, const char* says, bool ful
             expect(trial, trial.outcome().harmed, "the disk took it all the same");
             expect(trial, trial.subject().isRunning(), "it ends");
             expectNamed(trial, {says});
+            test::longestWait = std::chrono::seconds(1);
+            expect(trial, !trial.scene().saves(), "the disk takes it after all");
             mount("none", path.c_str(), "tmpfs", MS_REMOUNT, "size=64k");
             fs::remove(path + "/filler");
+            test::longestWait = std::chrono::seconds(20);
+            expect(trial, trial.scene().savesByItself(), "what was answered is not saved at last");
             expectRecovery(trial);
           }};
 }
