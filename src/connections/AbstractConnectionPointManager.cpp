@@ -287,10 +287,7 @@ void AbstractConnectionPointManager::markClientsForDeletion(bool marked) {
 }
 
 void AbstractConnectionPointManager::catchUp() {
-  saveAgain();
-  if (!behind_.exchange(false)) {
-    return;
-  }
+  behind_ = false;
   try {
     const ConnectionPointSet::List all = set_.all();
     if (!all.empty()) {
@@ -346,24 +343,27 @@ void AbstractConnectionPointManager::writeIncomingClientConnections(bool force) 
 }
 
 void AbstractConnectionPointManager::saveList() {
+  const Locked lock(saveLock_);
   unsaved_ = true;  // also when this throws
   unsaved_ = save(false) != 0;
 }
 
 // A disk may be full for a moment or broken for good, which must not fill the log.
-void AbstractConnectionPointManager::saveAgain() {
-  constexpr std::chrono::seconds kLongestWait{300};
-  const auto now = std::chrono::steady_clock::now();
-  if ((unsaved_ || incomingClientFile_.isUnsaved()) && now >= nextSave_) {
-    const bool isNew = now - nextSave_ > kLongestWait;
-    saveWait_ = isNew ? std::chrono::seconds(1) : std::min(2 * saveWait_, kLongestWait);
-    nextSave_ = now + saveWait_;
-    if (unsaved_) {
-      saveList();
-    }
-    if (incomingClientFile_.isUnsaved()) {
-      writeIncomingClientConnections(true);
-    }
+void AbstractConnectionPointManager::writeAgain() {
+  constexpr unsigned kSoon = 6;
+  constexpr unsigned kLater = 30;  // five minutes of passes
+  if (!unsaved_ && !incomingClientFile_.isUnsaved()) {
+    refusals_ = 0;
+    return;
+  }
+  if (++refusals_ > kSoon && refusals_ % kLater != 0) {
+    return;
+  }
+  if (unsaved_) {
+    saveList();
+  }
+  if (incomingClientFile_.isUnsaved()) {
+    writeIncomingClientConnections(false);
   }
 }
 

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "app/util/Mutex.h"
 #include "bus/IPellaInternalProtocolHandler.h"
 #include "connections/AnswerRoom.h"
 #include "connections/ConnectionPoint.h"
@@ -90,9 +91,9 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // A connection point that should be connected may not even be trying, since memory or threads
   // were lacking. For whoever connects: a client looks after it has called a handler.
   void noteBehind() { behind_ = true; }
-  bool isBehind() const override { return behind_ || unsaved_ || incomingClientFile_.isUnsaved(); }
+  bool isBehind() const override { return behind_; }
   // Connects every enabled connection point that is not, up to the first that cannot even try; one
-  // that is trying goes on. Writes what could not be written, less and less often.
+  // that is trying goes on.
   void catchUp() override;
 
   // The number of clients of the system's servers that are connected.
@@ -103,11 +104,12 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   void markClientsForDeletion(bool marked);
 
   // Writes the list of server connection points to the incoming-client file. Without any the file
-  // stays as it is, unless forced. A failure is logged, and catchUp() tries again.
+  // stays as it is, unless forced. A failure is logged, and writeAgain() tries again.
   void writeIncomingClientConnections(bool force);
-  // Saves the manager's description, now or, when that fails, later.
+  // Saves the manager's description; a failure is logged, and writeAgain() tries again. Any thread.
   void saveList();
-  void saveAgain();
+  // Writes what could not be written: the first few times that it is called, then less often.
+  void writeAgain();
 
   // One purge: removes the server connection points that are marked and not connected. Gives up
   // with a console line when the manager lock is taken. Run by the cleanup thread.
@@ -197,9 +199,8 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   std::chrono::milliseconds cleanupInterval_ = ConnectionPointCleanupThread::kPollTimeout;
   std::atomic<bool> behind_{false};
   std::atomic<bool> unsaved_{false};  // the manager's description
-  // Of catchUp().
-  std::chrono::steady_clock::time_point nextSave_{};
-  std::chrono::seconds saveWait_{1};
+  Mutex saveLock_;
+  unsigned refusals_ = 0;  // calls of writeAgain() with something to write, in a row
   // Touched only by whoever adds connection points and by the destructors.
   std::unique_ptr<ConnectionPointCleanupThread> cleanupThread_;
 };

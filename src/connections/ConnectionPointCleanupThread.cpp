@@ -100,6 +100,7 @@ void ConnectionPointCleanupThread::InternalThreadEntry() {
 void ConnectionPointCleanupThread::purge() {
   try {
     manager_.purgeMarkedClients();
+    manager_.writeAgain();
   } catch (const std::exception& error) {
     syslog(LOG_ERR, "Purging %s connection points failed, tried again at the next pass: %s\n",
            name(), error.what());

@@ -72,11 +72,13 @@ IncomingClientFile::IncomingClientFile(const std::string& managerName, std::stri
 
 void IncomingClientFile::write(const std::function<JSONPtr()>& render, bool force) {
   const Locked lock(lock_);
+  forced_ = forced_ || force;
   try {
     takeJSONFailure();
     JSONPtr clients = render();
     requireWholeJSON();
-    if (!clients && !force) {
+    if (!clients && !forced_) {
+      unsaved_ = false;
       return;
     }
     JSONPtr object(cJSON_CreateObject());
@@ -88,6 +90,7 @@ void IncomingClientFile::write(const std::function<JSONPtr()>& render, bool forc
     prepareFolderOnce();
     saveTextFile(path_, text);
     unsaved_ = false;
+    forced_ = false;
   } catch (const std::exception& error) {
     unsaved_ = true;
     syslog(LOG_ERR, "The list of incoming %s clients is not on disk: %s\n", type_.c_str(),

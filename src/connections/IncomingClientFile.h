@@ -20,8 +20,8 @@ class IncomingClientFile {
   IncomingClientFile(const std::string& managerName, std::string type);
 
   // Writes what render answers: an array of connection points, or none. Without any the file stays
-  // as it is, unless forced. render may take the manager lock. A failure is logged and kept in
-  // mind.
+  // as it is, unless forced, or the last write was and failed. render may take the manager lock. A
+  // failure is logged and kept in mind.
   void write(const std::function<JSONPtr()>& render, bool force);
   // Whether the last write failed.
   bool isUnsaved() const { return unsaved_; }
@@ -35,7 +35,8 @@ class IncomingClientFile {
   const std::string path_;
   const std::string type_;
   Mutex lock_;
-  std::atomic<bool> unsaved_{false};  // written under the lock
+  std::atomic<bool> unsaved_{false};              // written under the lock
+  bool forced_ VALTOR_GUARDED_BY(lock_) = false;  // what failed
 };
 
 }  // namespace valtor

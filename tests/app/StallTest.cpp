@@ -133,7 +133,8 @@ TEST_P(StallTest, NobodyElseNoticesAndEveryWayToEndItsLinkIsHeededWithItsQueueFu
         const auto peer = routerPeerManager()->findPeer("stalling");
         return peer != nullptr && !peer->isConnected();
       }));
-      EXPECT_EQ(log.countContaining(" is disconnected: disabled."), 1);
+      EXPECT_TRUE(
+          eventually([&] { return log.countContaining(" is disconnected: disabled.") == 1; }));
       break;
     case Shape::ClosesItsReadSide:
       update(entry(BridgeSite::kAlphaAddress, site.alpha->port()));

@@ -165,7 +165,8 @@ TEST_F(InterfaceClientTest, ARoleThatCannotBeFollowedIsAskedForLessAndLessOften)
   client_.connect();
   auto peer = acceptLink();
   const auto begin = std::chrono::steady_clock::now();
-  // After 20, 40, 80 and 160 ms, though all seems done between the question and its answer.
+  // After 20, 40, 80 and 160 ms, though all seems done between the question and its answer; less
+  // where an answer takes its time.
   for (int load = 1; load <= 5; ++load) {
     failingLoad_ = load;
     peer->sendPayload(
@@ -175,7 +176,7 @@ TEST_F(InterfaceClientTest, ARoleThatCannotBeFollowedIsAskedForLessAndLessOften)
       EXPECT_NE(peer->readFrame().find("mdxMasterState"), std::string::npos);
     }
   }
-  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(300));
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(150));
 }
 
 TEST_F(InterfaceClientTest, AnIdleClientCatchesUpOnceTheGateIsOpenUnlessItIsClosed) {

@@ -42,16 +42,16 @@ void Trial::play(std::chrono::milliseconds patience) {
 
 std::string Trial::recovery() {
   test::longestWait = std::chrono::seconds(20);
-  subject_.wasFed();  // what it said before does not count
   // A file that is missing or broken: it has to be mended, so nobody tries again.
   if (!scene_.recoversByItself(!subject_.said("Error loading DB connectionPoints: "))) {
     return "it does not recover by itself";
   }
-  const bool tells = !subject_.said("Nobody can ask for the status") &&
+  const bool tells = !subject_.said("Nobody can ask for the status at ") &&
                      !subject_.said("Thread StatusServer could not be started");
   if (!scene_.isGoodAgain(tells)) {
     return "it is not good again";
   }
+  subject_.wasFed();  // what it said before does not count
   if (subject_.said("watchdog is fed every") &&
       !test::eventually([&] { return subject_.wasFed(); }, 2 * Subject::kWatchdog)) {
     return "it does not feed its watchdog";
