@@ -108,7 +108,8 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   void writeIncomingClientConnections(bool force);
   // Saves the manager's description; a failure is logged, and writeAgain() tries again. Any thread.
   void saveList();
-  // Writes what could not be written: the first few times that it is called, then less often.
+  // Writes what could not be written: the first few times that it is called, then less often. Run
+  // by the cleanup thread.
   void writeAgain();
 
   // One purge: removes the server connection points that are marked and not connected. Gives up
