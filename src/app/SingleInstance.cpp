@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <sys/socket.h>
@@ -68,7 +69,10 @@ SingleInstance::Answer SingleInstance::tryOnce() {
     return errno == EAGAIN ? Answer::Held : Answer::Unclear;
   }
   if (credentials.uid == 0 || credentials.uid == geteuid()) {
-    return Answer::Held;
+    // A process that was killed while it started another leaves the name to that one, until it has
+    // become its program. One of another namespace has the number 0.
+    const bool isGone = credentials.pid > 0 && kill(credentials.pid, 0) != 0 && errno == ESRCH;
+    return isGone ? Answer::Unclear : Answer::Held;
   }
   syslog(LOG_WARNING,
          "The name of the running daemon is held by process %d of user %u, which is ignored.\n",

@@ -17,7 +17,8 @@ class SingleInstance {
 
   // False when another daemon, of root or of this user, holds the name. A holder that is neither is
   // logged and ignored, and so is every failure but a taken name: no check is better than no
-  // daemon. Waits for a second at most, while a holder is just coming or going.
+  // daemon. Waits for a second at most, while a holder is just coming or going, and does without
+  // the name then.
   bool acquire();
 
  private:

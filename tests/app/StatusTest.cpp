@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 
@@ -212,6 +213,31 @@ TEST(SingleInstance, OneHoldsTheNameAtATime) {
     }
   }
   EXPECT_TRUE(second.acquire());
+}
+
+// A daemon that is killed while it starts a command has shared its descriptors with that.
+TEST(SingleInstance, WhatAKilledOneLeftBehindDoesNotHoldTheName) {
+  const std::string name = "valtor-test-" + std::to_string(getpid());
+  int wayDown[2];
+  ASSERT_EQ(pipe(wayDown), 0);
+  const pid_t killed = fork();
+  if (killed == 0) {
+    SingleInstance first(name);
+    const bool held = first.acquire();
+    if (fork() == 0) {
+      close(wayDown[1]);
+      char byte = 0;
+      _exit(read(wayDown[0], &byte, 1) == 0 ? 0 : 1);  // lives as long as the test
+    }
+    _exit(held ? 0 : 1);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(killed, &status, 0), killed);
+  ASSERT_EQ(status, 0);
+  SingleInstance next(name);
+  EXPECT_TRUE(next.acquire());
+  close(wayDown[0]);
+  close(wayDown[1]);
 }
 
 TEST(LoopWatch, WarnsOnceAnEpisodeOfTheSameMessageAndOfNoOther) {

@@ -143,7 +143,7 @@ bool CallsTorture::learn() {
   for (const Build* build : {&settings_.sanitized, &settings_.plain}) {
     for (int i = 0; i < 3; ++i) {
       Trial trial(*build, settings_);
-      trial.subject().start();
+      trial.start();
       trial.play(std::chrono::seconds(20));
       FaultControl& faults = trial.subject().faults();
       if (build == &settings_.sanitized) {
@@ -213,7 +213,7 @@ Trial::Outcome CallsTorture::play(const Job& job, std::chrono::milliseconds pati
   faults.nth = job.nth;
   faults.site = job.site;
   faults.armed = true;
-  trial.subject().start();
+  trial.start();
   // What passes by itself is waited for.
   const bool lasts = job.onwards && job.fault != kHalf;
   trial.play(lasts ? patience : std::max<std::chrono::milliseconds>(patience, kPassing));

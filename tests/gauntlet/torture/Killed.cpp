@@ -74,7 +74,7 @@ int tortureKilled(const Settings& settings) {
     trial.outcome() = {};
     trial.subject().faults().logged = 0;
     scene.forget();
-    trial.subject().start();
+    trial.start();
     const Aim aim = std::array{Aim::Start, Aim::Work, Aim::Save, Aim::Save}[random() % 4];
     test::longestWait = std::chrono::seconds(20);
     if (aim == Aim::Start) {
@@ -99,7 +99,7 @@ int tortureKilled(const Settings& settings) {
     tally["killed while it starts"] += aim == Aim::Start ? 1 : 0;
     tally["with a state file half way"] += Scene::isStateHalfWay() ? 1 : 0;
     (*scene.site().controller)->setRole("active");
-    trial.subject().start();
+    trial.start();
     note(tally, name, trial.judge({}), settings);
   }
   return print(tally);

@@ -95,6 +95,12 @@ Scene::Scene()
 
 bool Scene::isUp() { return site_.becomesComplete() && site_.isServed(); }
 
+bool Scene::becomesDeserted() const {
+  const auto all = nodes();
+  return std::all_of(all.begin(), all.end(),
+                     [](RunningNode* node) { return BridgeSite::becomesLeft(*node); });
+}
+
 bool Scene::carries(int count) {
   std::set<std::string, std::less<>> commands;
   std::set<std::string, std::less<>> statuses;
@@ -204,10 +210,13 @@ int Scene::savedState() const {
 }
 
 void Scene::forget() {
-  for (RunningNode* node :
-       {site_.controller.get(), site_.alpha.get(), site_.beta.get(), gamma_.get(), panels_.get()}) {
+  for (RunningNode* node : nodes()) {
     node->forget();
   }
+}
+
+std::array<RunningNode*, 5> Scene::nodes() const {
+  return {site_.controller.get(), site_.alpha.get(), site_.beta.get(), gamma_.get(), panels_.get()};
 }
 
 bool Scene::goesToStandbyAndBack() {

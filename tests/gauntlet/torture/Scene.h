@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <functional>
 #include <memory>
 #include <string>
@@ -25,6 +26,8 @@ class Scene {
   const std::vector<Step>& steps() const { return steps_; }
 
   bool isUp();
+  // Nobody is linked any more.
+  bool becomesDeserted() const;
   // So many numbered messages to all routers, and so many from them: all arrive.
   bool carries(int count);
   // Routers and an incoming client are listed anew, which is saved.
@@ -66,6 +69,7 @@ class Scene {
   // The body that answers this request on the controller's bus; "" when none comes.
   std::string ask(const std::string& kind, const std::string& body);
   std::string list(const std::string& entries);
+  std::array<RunningNode*, 5> nodes() const;
 
   test::BridgeSite site_;
   std::unique_ptr<RunningNode> gamma_;

@@ -43,7 +43,7 @@ void expect(Trial& trial, bool condition, const char* what) {
 
 // Starts it and waits until all stands.
 void begin(Trial& trial, const std::string& command = "", const std::string& assignments = "") {
-  trial.subject().start(command, assignments);
+  trial.start(command, assignments);
   test::longestWait = std::chrono::seconds(20);
   expect(trial, trial.scene().isUp() && trial.scene().saves(), "it does not come up");
 }
@@ -115,7 +115,7 @@ const std::vector<const char*> kNoDescriptors = {"Too many open files", "(24).",
 // Of these the sanitizers want some themselves.
 Want descriptors(unsigned count) {
   return {"descriptors " + std::to_string(count), false, [count](Trial& trial) {
-            trial.subject().start("prlimit --nofile=" + std::to_string(count) + ":");
+            trial.start("prlimit --nofile=" + std::to_string(count) + ":");
             trial.play(kPatience);
             const Limit lifted(trial, RLIMIT_NOFILE, count);
             expectNamed(trial, kNoDescriptors);
@@ -224,7 +224,7 @@ Want noStateFolder() {
   return {"no folder for the state", true, [](Trial& trial) {
             const fs::path folder = fs::path(paths().containerDirectory).parent_path();
             fs::remove(folder);
-            trial.subject().start();
+            trial.start();
             trial.play(kPatience);
             fs::create_directories(folder);
           }};
@@ -241,7 +241,7 @@ Want noNames(bool later) {
             if (later) {
               cutAll(trial.scene());
             } else {
-              trial.subject().start();
+              trial.start();
             }
             test::longestWait = std::chrono::seconds(20);
             expect(trial, test::eventually([&] { return !trial.subject().isRunning(); }),

@@ -30,6 +30,11 @@ constexpr std::array<Stop, 5> kStops = {{{"The start failed, the process ends: "
 Trial::Trial(const Build& build, const Settings& settings)
     : prefixSet_((setPathPrefix(build.root), true)), subject_(build, settings.library) {}
 
+void Trial::start(const std::string& command, const std::string& assignments) {
+  scene_.becomesDeserted();
+  subject_.start(command, assignments);
+}
+
 void Trial::play(std::chrono::milliseconds patience) {
   test::longestWait = patience;
   for (const Scene::Step& step : scene_.steps()) {
@@ -103,7 +108,7 @@ const Trial::Outcome& Trial::judge(const Troubles& usual) {
   if (!outcome_.finding.empty()) {
     outcome_.story = subject_.story();
   } else if (outcome_.stopped) {
-    subject_.start();
+    start();
     outcome_.finding = recovery();
     outcome_.story = subject_.story();
   }

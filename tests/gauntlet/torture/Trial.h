@@ -28,6 +28,9 @@ class Trial {
 
   Trial(const Build& build, const Settings& settings);
 
+  // Starts the daemon when the nodes have seen the one before it go: what is said to its links is
+  // said to nobody.
+  void start(const std::string& command = "", const std::string& assignments = "");
   // Plays the scenario; a step that comes to nothing is waited for that long, those behind it
   // hardly.
   void play(std::chrono::milliseconds patience);
