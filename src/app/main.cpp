@@ -40,7 +40,19 @@ void limitThreadStacks() {
 // One arena for all threads. With several a processor, as by default, what one thread frees is of
 // no use to another, and a daemon of many threads that runs for years collects holes in each. It
 // costs no time that could be measured, with 64 routers at their pace either.
-void shareMemory() { mallopt(M_ARENA_MAX, 1); }
+//
+// What is free at the end of the arena stays, up to kKept bytes: by default it would go back to the
+// system and come again with each body of 1 MiB, whose 500 page faults took longer than all that is
+// done with it. Whoever sets this has to set the other limit too, which would move else
+// (mallopt(3)): larger blocks are mapped one by one and go back when they are freed.
+void shareMemory() {
+  constexpr int kKept = 8 << 20;
+  constexpr int kMapped =
+      sizeof(void*) == 4 ? 512 << 10 : 2 << 20;  // the most there is with 32 bits
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_TRIM_THRESHOLD, kKept);
+  mallopt(M_MMAP_THRESHOLD, kMapped);
+}
 
 int run(int argc, char** argv) {
   valtor::occupyStandardDescriptors(O_RDWR);  // inherited on purpose
