@@ -210,6 +210,7 @@ std::string statusDocument(const ValtorInterfaceClient& client) {
     addMember(document.get(), "loops", loopsObject(manager->watch().loops));
   }
   addMember(document.get(), "localQueue", queueObject(figures.queue));
+  addCount(document.get(), "unsavedFiles", countUnsavedFiles());
   JSONPtr warnings(cJSON_CreateObject());
   for (const WarningCount& warning : warningCounts()) {
     addCount(warnings.get(), warning.name, warning.count);

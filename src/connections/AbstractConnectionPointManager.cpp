@@ -344,8 +344,12 @@ void AbstractConnectionPointManager::writeIncomingClientConnections(bool force) 
 
 void AbstractConnectionPointManager::saveList() {
   const Locked lock(saveLock_);
-  unsaved_ = true;  // also when this throws
-  unsaved_ = save(false) != 0;
+  try {
+    unsaved_ = save(false) != 0;
+  } catch (...) {
+    unsaved_ = true;
+    throw;
+  }
 }
 
 // A disk may be full for a moment or broken for good, which must not fill the log.

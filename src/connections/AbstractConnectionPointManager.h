@@ -111,6 +111,10 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // Writes what could not be written: the first few times that it is called, then less often. Run
   // by the cleanup thread.
   void writeAgain();
+  // How many of these two files hold less than the manager, since the disk refused it. Any thread.
+  unsigned unsavedFiles() const {
+    return (unsaved_ ? 1U : 0U) + (incomingClientFile_.isUnsaved() ? 1U : 0U);
+  }
 
   // One purge: removes the server connection points that are marked and not connected. Gives up
   // with a console line when the manager lock is taken. Run by the cleanup thread.

@@ -68,6 +68,16 @@ std::vector<RouterDescription> describeRouters() {
   return routers;
 }
 
+unsigned countUnsavedFiles() {
+  unsigned count = 0;
+  Managers& all = managers();
+  const Locked lock(all.lock);
+  for (const RemoteValtorConnectionPointManager* manager : all.list) {
+    count += manager->unsavedFiles();
+  }
+  return count;
+}
+
 bool RemoteValtorConnectionPointManager::handleMessage(const PellInternalMessage& message,
                                                        ResponseList& responses) {
   const bool taken = ConnectionPointManager::handleMessage(message, responses);

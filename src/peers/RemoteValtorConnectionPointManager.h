@@ -9,9 +9,6 @@
 
 namespace valtor {
 
-// The connection points that stand for remote routers. Besides managing them it hands every message
-// that it is offered to the process's router peer manager, which is the whole way from the master
-// bus to the routers. Bus client and router peer manager outlive its connection points.
 // What a manager tells about one of its routers to whoever asks.
 struct RouterDescription {
   std::string name;
@@ -25,7 +22,12 @@ struct RouterDescription {
 // The routers of all managers of the process, in the order of their unique IDs. Any thread may ask,
 // and waits for no manager: neither the handler lock nor a manager lock is taken.
 std::vector<RouterDescription> describeRouters();
+// The same of the files that these managers could not write: how many there are.
+unsigned countUnsavedFiles();
 
+// The connection points that stand for remote routers. Besides managing them it hands every message
+// that it is offered to the process's router peer manager, which is the whole way from the master
+// bus to the routers. Bus client and router peer manager outlive its connection points.
 class RemoteValtorConnectionPointManager : public ConnectionPointManager {
  public:
   // With rejectLoopback, routers at 127.0.0.1, the controller itself, are refused.

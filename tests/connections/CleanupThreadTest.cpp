@@ -74,11 +74,13 @@ TEST_F(PurgeTest, WhatTheDiskRefusesIsWrittenLaterAndADiskThatIsBrokenFillsNoLog
     manager.writeAgain();
   }
   EXPECT_EQ(log.countContaining("could not write"), 1 + 6 + 3);
+  EXPECT_EQ(manager.unsavedFiles(), 2U);
   std::filesystem::remove(incomingClientFile());
   std::filesystem::remove(manager.filePath() + ".new");
   for (int pass = 0; pass < 30; ++pass) {
     manager.writeAgain();
   }
+  EXPECT_EQ(manager.unsavedFiles(), 0U);
   EXPECT_NE(fileContent(manager.filePath()).find("connectionPointManager"), std::string::npos);
   EXPECT_NE(fileContent(incomingClientFile()).find("\"in\""), std::string::npos);
 }

@@ -168,6 +168,9 @@ class StatusCheck {
     if (!isStandby_) {
       judgeRouters(status);
     }
+    if (status.unsavedFiles > 0) {
+      verdict_.add(Level::Warning, "what the daemon knows is not on disk, see its log");
+    }
     if (const auto answer = askNode(status.controllerDown)) {
       judgeDelay(std::max(status.queueDelay, *answer));
     }

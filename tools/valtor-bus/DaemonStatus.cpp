@@ -96,6 +96,7 @@ DaemonStatus::DaemonStatus(const std::string& text) {
     routers.push_back(routerOf(router));
   }
   queueDelay = numberOf(part("localQueue"), "delayMs").value_or(0) / 1000;
+  unsavedFiles = numberOf(document.get(), "unsavedFiles").value_or(0);
   if (const cJSON* loop = cJSON_GetObjectItem(part("loops"), "last"); cJSON_IsObject(loop) != 0) {
     lastLoop = textOf(loop, "kind") + " on \"" + textOf(loop, "path") + "\" from " +
                textOf(loop, "from") + " to " + textOf(loop, "to");

@@ -62,7 +62,8 @@ class DaemonStatus {
   int controllerPort = 0;         // 0: not said
   std::vector<Router> routers;
   double queueDelay = 0;  // seconds that a message waits in the daemon
-  std::string lastLoop;   // NOT on "tally" from A to B; "" for none
+  double unsavedFiles = 0;
+  std::string lastLoop;  // NOT on "tally" from A to B; "" for none
   double lastLoopTime = 0;
 
  private:

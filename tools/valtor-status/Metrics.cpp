@@ -197,6 +197,9 @@ void addDaemon(Exposition& out, const StatusFigures& status) {
   out.begin("valtor_queue_delay_seconds", "gauge",
             "How long the oldest message from the controller has waited to be handled.");
   out.value(status.queueDelay);
+  out.begin("valtor_unsaved_files", "gauge",
+            "Files that hold less than the daemon knows, since the disk refused it.");
+  out.value(status.unsavedFiles);
   out.begin("valtor_crossing_messages_total", "counter",
             "Messages that passed the rules, by kind and path.");
   for (const StatusFigures::Crossing& crossing : status.crossing) {

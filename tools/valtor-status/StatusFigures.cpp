@@ -105,6 +105,7 @@ std::optional<StatusFigures> StatusFigures::of(const std::string& document) {
   figures.loopEpisodes = number(part(root, "loops"), "episodes");
   figures.lastLoop = loopText(part(part(root, "loops"), "last"));
   figures.queueDelay = number(part(root, "localQueue"), "delayMs") / 1000;
+  figures.unsavedFiles = number(root, "unsavedFiles");
   figures.warnings = counts(part(root, "warnings"));
   figures.residentBytes = number(part(root, "memory"), "residentBytes");
   figures.allocatedBytes = number(part(root, "memory"), "allocatedBytes");

@@ -56,8 +56,9 @@ struct StatusFigures {
   std::vector<Router> routers;
   std::vector<Crossing> crossing;
   double loopEpisodes = 0;
-  std::string lastLoop;                                  // GET on "device" from A to B; "" for none
-  double queueDelay = 0;                                 // seconds
+  std::string lastLoop;   // GET on "device" from A to B; "" for none
+  double queueDelay = 0;  // seconds
+  double unsavedFiles = 0;
   std::vector<std::pair<std::string, double>> warnings;  // by kind
   double residentBytes = 0;
   double allocatedBytes = 0;

@@ -189,6 +189,10 @@ Want memory(unsigned megabytes) {
           }};
 }
 
+double unsavedFiles() {
+  return cJSON_GetNumberValue(cJSON_GetObjectItem(Scene::status().get(), "unsavedFiles"));
+}
+
 // A folder whose disk has no room, or takes nothing; what lies there stays whole.
 Want disk(const char* name, const std::string& below, const char* says, bool full) {
   return {name, true, [below, says, full](Trial& trial) {
@@ -212,10 +216,13 @@ Want disk(const char* name, const std::string& below, const char* says, bool ful
             expectNamed(trial, {says});
             test::longestWait = std::chrono::seconds(1);
             expect(trial, !trial.scene().saves(), "the disk takes it after all");
+            expect(trial, unsavedFiles() > 0, "the status does not say that it is not on disk");
             mount("none", path.c_str(), "tmpfs", MS_REMOUNT, "size=64k");
             fs::remove(path + "/filler");
             test::longestWait = std::chrono::seconds(20);
             expect(trial, trial.scene().savesByItself(), "what was answered is not saved at last");
+            expect(trial, test::eventually([] { return unsavedFiles() == 0; }),
+                   "the status says on that it is not on disk");
             expectRecovery(trial);
           }};
 }

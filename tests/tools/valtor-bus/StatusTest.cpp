@@ -143,6 +143,8 @@ TEST_F(StatusTest, TheDaemonsOwnFiguresDecide) {
       {router("") +
            R"(,"loops":{"last":{"kind":"NOT","path":"a","from":"x","to":"y","time":999999999}})",
        1, "WARNING: " + up + "; a loop: NOT on \"a\" from x to y" + upFigures + "0c"},
+      {router("") + R"(,"unsavedFiles":1)", 1,
+       "WARNING: " + up + "; what the daemon knows is not on disk, see its log" + upFigures + "0c"},
       {R"("controller":{"state":"up","since":999999990,"losses":[1,999999980],"lastLoss":{"reason":)"
        R"("send error","time":999999980},"port":)" +
            std::to_string(node.port()) + "}," + router(""),

@@ -728,6 +728,13 @@ function renderFacts(now) {
   factText(
       'queue', queue ? `${count(queue.delayMs)} ms · ${bytes(queue.bytes)}` : '–',
       queue?.delayMs > 1000);
+  const unsaved = known.unsavedFiles;
+  factText(
+      'disk',
+      unsaved > 0 ? `${plural(unsaved, 'file')} could not be written, see the log` :
+          unsaved === 0 ? 'up to date' :
+                          '–',
+      unsaved > 0);
   const loops = known.loops;
   const last = loops?.last;
   const recent = last ? now - last.time < 600 : false;
