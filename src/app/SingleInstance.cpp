@@ -19,7 +19,7 @@ namespace valtor {
 namespace {
 
 constexpr std::chrono::seconds kPatience{1};
-constexpr std::chrono::milliseconds kPause{10};
+constexpr std::chrono::milliseconds kPause{50};
 
 // Who listens at the name; false, with errno, when it cannot be asked.
 bool holder(const sockaddr* address, socklen_t size, ucred& credentials) {

@@ -43,15 +43,18 @@ void limitThreadStacks() {
 //
 // What is free at the end of the arena stays, up to kKept bytes: by default it would go back to the
 // system and come again with each body of 1 MiB, whose 500 page faults took longer than all that is
-// done with it. Whoever sets this has to set the other limit too, which would move else
-// (mallopt(3)): larger blocks are mapped one by one and go back when they are freed.
+// done with it. That ends the growth of the other threshold (mallopt(3)), beyond which a block is
+// mapped by itself: it stays at 128 KiB unless it is set as well. PellInternalClientMsgQThread
+// gives back what stays when it is no longer wanted.
 void shareMemory() {
   constexpr int kKept = 8 << 20;
-  constexpr int kMapped =
-      sizeof(void*) == 4 ? 512 << 10 : 2 << 20;  // the most there is with 32 bits
+  constexpr int kMapped = 2 << 20;
+  constexpr int kMapped32 = 512 << 10;  // the most that an older C library of 32 bits takes
   mallopt(M_ARENA_MAX, 1);
   mallopt(M_TRIM_THRESHOLD, kKept);
-  mallopt(M_MMAP_THRESHOLD, kMapped);
+  if (mallopt(M_MMAP_THRESHOLD, kMapped) == 0) {
+    mallopt(M_MMAP_THRESHOLD, kMapped32);
+  }
 }
 
 int run(int argc, char** argv) {

@@ -43,7 +43,7 @@ void PellInternalClientMsgQThread::InternalThreadEntry() {
 std::optional<PellInternalClientMsgQThread::Clock::time_point>
 PellInternalClientMsgQThread::wakeUp() const {
   std::optional<Clock::time_point> first;
-  for (const auto& due : {Watchdog::due(), trimDue_, catchUpDue_}) {
+  for (const auto& due : {Watchdog::due(), trimDue_, quietDue_, catchUpDue_}) {
     if (due && (!first || *due < *first)) {
       first = due;
     }
@@ -102,14 +102,21 @@ void PellInternalClientMsgQThread::catchUp() {
   }
 }
 
-// The tree of a body of 20 MB takes hundreds of megabytes, and the allocator would keep them.
+// The tree of a body of 20 MB takes hundreds of megabytes, and the allocator would keep them. What
+// smaller ones leave it may keep for the next, which costs half the time then, but not for ever.
 void PellInternalClientMsgQThread::trimMemory() {
-  if (parts_.parser.takeLongest() > kLargePayload && !trimDue_) {
+  const std::size_t longest = parts_.parser.takeLongest();
+  if (longest > kLargePayload && !trimDue_) {
     trimDue_ = std::max(nextTrim_, Clock::now());
   }
-  if (trimDue_ && Clock::now() >= *trimDue_) {
+  if (longest > kKeptBytes) {
+    quietDue_ = Clock::now() + kQuiet;
+  }
+  const auto isDue = [now = Clock::now()](const auto& due) { return due && now >= *due; };
+  if (isDue(trimDue_) || isDue(quietDue_)) {
     malloc_trim(0);
     trimDue_.reset();
+    quietDue_.reset();
     nextTrim_ = Clock::now() + kTrimInterval;
   }
 }

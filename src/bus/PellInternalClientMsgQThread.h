@@ -53,6 +53,9 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   static constexpr std::size_t kLargePayload = (std::size_t{1} << 20) + (std::size_t{64} << 10);
   // At most so often: it takes milliseconds.
   static constexpr std::chrono::seconds kTrimInterval{1};
+  // What those that are longer than kKeptBytes leave behind is given back when none has come for
+  // so long.
+  static constexpr std::chrono::seconds kQuiet{10};
 
  protected:
   void InternalThreadEntry() override;
@@ -71,6 +74,7 @@ class PellInternalClientMsgQThread : public MyThreadClass {
   uint32_t drained_ = 0;
   uint32_t link_ = 0;  // the link that the parser's half-read frame, if any, came over
   std::optional<Clock::time_point> trimDue_;
+  std::optional<Clock::time_point> quietDue_;
   Clock::time_point nextTrim_{};
   std::optional<Clock::time_point> catchUpDue_;
   int catchUpWait_ = 1;           // in reconnect delays

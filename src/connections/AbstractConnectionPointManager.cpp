@@ -352,6 +352,13 @@ void AbstractConnectionPointManager::saveList() {
   }
 }
 
+void AbstractConnectionPointManager::saveChange() {
+  saveList();
+  if (unsavedFiles() > 0) {
+    ensureCleanupThread();
+  }
+}
+
 // A disk may be full for a moment or broken for good, which must not fill the log.
 void AbstractConnectionPointManager::writeAgain() {
   constexpr unsigned kSoon = 6;

@@ -111,7 +111,7 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   // Writes what could not be written: the first few times that it is called, then less often. Run
   // by the cleanup thread.
   void writeAgain();
-  // How many of these two files hold less than the manager, since the disk refused it. Any thread.
+  // How many of these two files could not be written and hold less than the manager. Any thread.
   unsigned unsavedFiles() const {
     return (unsaved_ ? 1U : 0U) + (incomingClientFile_.isUnsaved() ? 1U : 0U);
   }
@@ -186,6 +186,9 @@ class AbstractConnectionPointManager : public AbstractJSONTopLevelContainer,
   bool isSupported(const cJSON* item) const;
   void mergeConnectionPoints(const cJSON* array);
   void ensureCleanupThread();
+  // saveList(), and a cleanup thread for what could not be written, which there is not before the
+  // first connection point.
+  void saveChange();
   bool handleDeviceConnections(const PellInternalMessage& message, ResponseList& responses,
                                bool notifyNew);
   bool applyDeviceConnections(const cJSON* array, bool notifyNew);

@@ -137,7 +137,7 @@ bool AbstractConnectionPointManager::handleSET(const PellInternalMessage& messag
   const bool reloads = arrayMember(param, kConnectionPoint) != nullptr ||
                        cJSON_GetObjectItem(param, getObjectName()) != nullptr;
   if (reloads && loadFromJSON(param) == 0) {
-    saveList();
+    saveChange();
     return true;
   }
   return handleDeviceConnections(message, responses, false);
@@ -158,7 +158,7 @@ bool AbstractConnectionPointManager::handleDeviceConnections(const PellInternalM
   if (!applyDeviceConnections(arrayMember(message.viewBody(), kDeviceConnection), notifyNew)) {
     return false;
   }
-  saveList();
+  saveChange();
   responses.push_back(
       std::make_unique<RSPMessage>(message, kConnectionPoint, kStatusOK, JSONPtr()));
   return true;
@@ -259,7 +259,7 @@ bool AbstractConnectionPointManager::handleDEL(const PellInternalMessage& messag
     }
   }
   if (changed) {
-    saveList();
+    saveChange();
   }
   return changed;
 }

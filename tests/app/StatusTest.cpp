@@ -1,6 +1,7 @@
 #include <array>
 #include <atomic>
 #include <cstring>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -219,7 +220,7 @@ TEST(SingleInstance, OneHoldsTheNameAtATime) {
 TEST(SingleInstance, WhatAKilledOneLeftBehindDoesNotHoldTheName) {
   const std::string name = "valtor-test-" + std::to_string(getpid());
   int wayDown[2];
-  ASSERT_EQ(pipe(wayDown), 0);
+  ASSERT_EQ(pipe2(wayDown, O_CLOEXEC), 0);
   const pid_t killed = fork();
   if (killed == 0) {
     SingleInstance first(name);
@@ -227,17 +228,24 @@ TEST(SingleInstance, WhatAKilledOneLeftBehindDoesNotHoldTheName) {
     if (fork() == 0) {
       close(wayDown[1]);
       char byte = 0;
-      _exit(read(wayDown[0], &byte, 1) == 0 ? 0 : 1);  // lives as long as the test
+      _exit(read(wayDown[0], &byte, 1) == 0 ? 0 : 1);
     }
     _exit(held ? 0 : 1);
   }
   int status = 0;
   ASSERT_EQ(waitpid(killed, &status, 0), killed);
   ASSERT_EQ(status, 0);
-  SingleInstance next(name);
-  EXPECT_TRUE(next.acquire());
   close(wayDown[0]);
-  close(wayDown[1]);
+  const LogCapture log;
+  SingleInstance next(name);
+  EXPECT_TRUE(next.acquire()) << "without the name";
+  EXPECT_EQ(log.count(LOG_WARNING, "Whether another daemon runs cannot be told: No such process\n"),
+            1);
+  close(wayDown[1]);  // what was left behind ends
+  EXPECT_TRUE(eventually([&] {
+    next.acquire();
+    return !SingleInstance(name).acquire();
+  }));
 }
 
 TEST(LoopWatch, WarnsOnceAnEpisodeOfTheSameMessageAndOfNoOther) {

@@ -105,6 +105,15 @@ TEST_F(CleanupThreadTest, GoesOnWhenTheFileCannotBeWritten) {
   }));
 }
 
+TEST_F(CleanupThreadTest, WhatWasRefusedIsWrittenWithoutAnyConnectionPoint) {
+  std::filesystem::create_directories(manager.filePath() + ".new");
+  manager.setCleanupInterval(milliseconds(5));
+  manager.handle("SET", R"({"param":{"connectionPoint":[]}})");
+  EXPECT_EQ(manager.unsavedFiles(), 1U);
+  std::filesystem::remove(manager.filePath() + ".new");
+  EXPECT_TRUE(eventually([&] { return manager.unsavedFiles() == 0; }));
+}
+
 TEST_F(CleanupThreadTest, EndAndThreadMayCloseThePipeAtTheSameTime) {
   for (int round = 0; round < kRaceRounds; ++round) {
     ConnectionPointCleanupThread thread(manager, milliseconds(0));

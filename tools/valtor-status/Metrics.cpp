@@ -198,7 +198,7 @@ void addDaemon(Exposition& out, const StatusFigures& status) {
             "How long the oldest message from the controller has waited to be handled.");
   out.value(status.queueDelay);
   out.begin("valtor_unsaved_files", "gauge",
-            "Files that hold less than the daemon knows, since the disk refused it.");
+            "Files that could not be written and hold less than the daemon knows.");
   out.value(status.unsavedFiles);
   out.begin("valtor_crossing_messages_total", "counter",
             "Messages that passed the rules, by kind and path.");

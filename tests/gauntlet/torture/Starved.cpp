@@ -216,7 +216,8 @@ Want disk(const char* name, const std::string& below, const char* says, bool ful
             expectNamed(trial, {says});
             test::longestWait = std::chrono::seconds(1);
             expect(trial, !trial.scene().saves(), "the disk takes it after all");
-            expect(trial, unsavedFiles() > 0, "the status does not say that it is not on disk");
+            expect(trial, test::eventually([] { return unsavedFiles() > 0; }),
+                   "the status does not say that it is not on disk");
             mount("none", path.c_str(), "tmpfs", MS_REMOUNT, "size=64k");
             fs::remove(path + "/filler");
             test::longestWait = std::chrono::seconds(20);

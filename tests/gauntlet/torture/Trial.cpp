@@ -31,7 +31,10 @@ Trial::Trial(const Build& build, const Settings& settings)
     : prefixSet_((setPathPrefix(build.root), true)), subject_(build, settings.library) {}
 
 void Trial::start(const std::string& command, const std::string& assignments) {
-  scene_.becomesDeserted();
+  test::longestWait = std::chrono::seconds(20);
+  if (!scene_.becomesDeserted()) {
+    outcome_.finding = "a link outlives the daemon";
+  }
   subject_.start(command, assignments);
 }
 
@@ -109,7 +112,9 @@ const Trial::Outcome& Trial::judge(const Troubles& usual) {
     outcome_.story = subject_.story();
   } else if (outcome_.stopped) {
     start();
-    outcome_.finding = recovery();
+    if (outcome_.finding.empty()) {
+      outcome_.finding = recovery();
+    }
     outcome_.story = subject_.story();
   }
   return outcome_;

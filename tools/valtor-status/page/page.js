@@ -300,6 +300,9 @@ function overall(now) {
       'unsteady', 'All routers are up, the page does not hear the bus', shown(bus.problem, 300)
     ];
   }
+  if (known.unsavedFiles > 0) {
+    return ['unsteady', 'All routers are up, what the daemon knows is not on disk', ''];
+  }
   const carrying = enabled.filter((tile) => tile.verdict.state === 'carries').length;
   if (carrying === 0) {
     return [
