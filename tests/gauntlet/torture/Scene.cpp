@@ -95,6 +95,22 @@ Scene::Scene()
 
 bool Scene::isUp() { return site_.becomesComplete() && site_.isServed(); }
 
+bool Scene::hearsItsRouters() {
+  constexpr std::chrono::milliseconds kPatience{500};
+  const auto hears = [&](RunningNode& router) {
+    const std::string body = "{ \"id\" : " + std::to_string(++number_) + "}";
+    router->inject(100, "NOT", "route", 0, body);
+    return eventually(
+        [&] {
+          return site_.controller->countPassed(
+                     [&](const PassedMessage& one) { return one.body() == body; }) > 0;
+        },
+        kPatience);
+  };
+  return eventually([&] { return hears(*site_.alpha); }) &&
+         eventually([&] { return hears(*site_.beta); });
+}
+
 bool Scene::becomesDeserted() const {
   const auto all = nodes();
   return std::all_of(all.begin(), all.end(),
@@ -275,7 +291,7 @@ bool Scene::recoversByItself(bool hasDatabase) {
 
 bool Scene::isGoodAgain(bool tellsItsStatus) {
   (*site_.controller)->setRole("active");
-  return eventually([&] { return saves(); }) && isUp() && carries(kBurst) &&
+  return eventually([&] { return saves(); }) && isUp() && hearsItsRouters() && carries(kBurst) &&
          (!tellsItsStatus || tellsStatus());
 }
 

@@ -26,6 +26,9 @@ class Scene {
   const std::vector<Step>& steps() const { return steps_; }
 
   bool isUp();
+  // A status from each router comes through. Until then a node may still hold a link that the
+  // daemon has left, and what it says there nobody hears.
+  bool hearsItsRouters();
   // Nobody is linked any more.
   bool becomesDeserted() const;
   // So many numbered messages to all routers, and so many from them: all arrive.
