@@ -84,19 +84,16 @@ constexpr Row kRows[] = {
 };
 
 constexpr bool areRowsRight() {
+  bool right = std::size(kRows) == kCalls;
   for (std::size_t i = 0; i < std::size(kRows); ++i) {
+    right = right && kRows[i].call == static_cast<Call>(i);
     for (const auto& faults : {kRows[i].lasting, kRows[i].passing}) {
       for (const int fault : faults) {
-        if ((fault == kHalf || fault == kNone) && !movesBytes(kRows[i].call)) {
-          return false;
-        }
+        right = right && (movesBytes(kRows[i].call) || (fault != kHalf && fault != kNone));
       }
     }
-    if (kRows[i].call != static_cast<Call>(i)) {
-      return false;
-    }
   }
-  return std::size(kRows) == kCalls;
+  return right;
 }
 static_assert(areRowsRight());
 

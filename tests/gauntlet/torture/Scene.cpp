@@ -96,16 +96,12 @@ Scene::Scene()
 bool Scene::isUp() { return site_.becomesComplete() && site_.isServed(); }
 
 bool Scene::hearsItsRouters() {
-  constexpr std::chrono::milliseconds kPatience{500};
   const auto hears = [&](RunningNode& router) {
     const std::string body = "{ \"id\" : " + std::to_string(++number_) + "}";
     router->inject(100, "NOT", "route", 0, body);
-    return eventually(
-        [&] {
-          return site_.controller->countPassed(
-                     [&](const PassedMessage& one) { return one.body() == body; }) > 0;
-        },
-        kPatience);
+    const auto isIt = [&](const PassedMessage& one) { return one.body() == body; };
+    constexpr std::chrono::milliseconds kPatience{500};
+    return eventually([&] { return site_.controller->countPassed(isIt) > 0; }, kPatience);
   };
   return eventually([&] { return hears(*site_.alpha); }) &&
          eventually([&] { return hears(*site_.beta); });

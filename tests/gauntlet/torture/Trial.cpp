@@ -112,9 +112,7 @@ const Trial::Outcome& Trial::judge(const Troubles& usual) {
     outcome_.story = subject_.story();
   } else if (outcome_.stopped) {
     start();
-    if (outcome_.finding.empty()) {
-      outcome_.finding = recovery();
-    }
+    outcome_.finding += outcome_.finding.empty() ? recovery() : "";
     outcome_.story = subject_.story();
   }
   return outcome_;
